@@ -82,7 +82,7 @@ void LogAsnObj(unsigned int nLevel, T& obj)
     std::string strPrefix = LogPrefix(nLevel);
     std::cout << strPrefix;
     obj.Print(std::cout);
-    std::cout << '\n';
+    std::cout << '\n' << std::flush;
 }
 
 } // namespace brel_lib

@@ -136,6 +136,8 @@ int Log(unsigned int nLevel, const char* szFormat, ...)
         printf("%-7s(%s):", g_szLogType[nLevel], strTime.c_str());
         vprintf(szFormat, args);
         putchar('\n');
+        // Flushed so that a foreground agent piped to a file loses nothing at a crash.
+        fflush(stdout);
     }
     va_end(args);
     return 0;

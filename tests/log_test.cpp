@@ -1,0 +1,122 @@
+#include "log.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <regex>
+#include <sstream>
+
+using namespace brel_lib;
+
+namespace {
+
+std::string ReadAll(const std::string& strPath)
+{
+    std::ifstream file(strPath);
+    std::stringstream ss;
+    ss << file.rdbuf();
+    return ss.str();
+}
+
+bool Exists(const std::string& strPath)
+{
+    struct stat st;
+    return stat(strPath.c_str(), &st) == 0;
+}
+
+class LogTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        char szDir[] = "/tmp/log_test_XXXXXX";
+        ASSERT_NE(mkdtemp(szDir), nullptr);
+        m_strDir = szDir;
+        m_strBase = m_strDir + "/agent";
+        LogFile(m_strBase);
+        SetLogInfo(10, 10);
+        LogLevel(LOG_LEVEL_INFO);
+    }
+    void TearDown() override
+    {
+        LogFile("");
+        SetLogInfo(10, 10);
+        LogLevel(LOG_LEVEL_INFO);
+        std::string strCommand = "rm -rf " + m_strDir;
+        ASSERT_EQ(system(strCommand.c_str()), 0);
+    }
+    std::string m_strDir, m_strBase;
+};
+
+TEST_F(LogTest, FileLineForm)
+{
+    EXPECT_EQ(Log(LOG_LEVEL_WARNING, "CX::Y(value: %d)", 5), 0);
+    std::string strLog = ReadAll(m_strBase + ".log");
+    std::regex line("Warning\\(\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}\\)\\(tid:\\d[\\d ]{5}\\):CX::Y\\(value: 5\\)\n");
+    EXPECT_TRUE(std::regex_match(strLog, line)) << strLog;
+}
+
+TEST_F(LogTest, LevelFilterAndNames)
+{
+    Log(LOG_LEVEL_DEBUG, "dropped");
+    Log(7, "above six is dropped too");
+    EXPECT_FALSE(Exists(m_strBase + ".log"));
+    EXPECT_EQ(LogLevel("debug"), -1);  // case-sensitive
+    EXPECT_EQ(LogLevel(101u), -1);
+    EXPECT_EQ(g_nLogLevel.load(), static_cast<unsigned int>(LOG_LEVEL_INFO));
+    EXPECT_EQ(LogLevel("DEBUG"), 0);
+    Log(LOG_LEVEL_DEBUG, "kept");
+    EXPECT_NE(ReadAll(m_strBase + ".log").find("Debug  ("), std::string::npos);
+    EXPECT_EQ(LogLevel("NONE"), 0);
+    EXPECT_EQ(g_nLogLevel.load(), 100u);
+    EXPECT_EQ(LogLevel("ALL"), 0);
+    EXPECT_EQ(g_nLogLevel.load(), 0u);
+}
+
+TEST_F(LogTest, RotationKeepsMaxNumFiles)
+{
+    SetLogInfo(3, 0);  // a size of 0 rotates after every line
+    for (int i = 0; i < 6; ++i) Log(LOG_LEVEL_ERROR, "line %d", i);
+    EXPECT_FALSE(Exists(m_strBase + ".log"));  // the next line creates it
+    EXPECT_NE(ReadAll(m_strBase + "1.log").find("line 5"), std::string::npos);
+    EXPECT_NE(ReadAll(m_strBase + "2.log").find("line 4"), std::string::npos);
+    EXPECT_FALSE(Exists(m_strBase + "3.log"));
+}
+
+TEST_F(LogTest, ExactSizeRotates)
+{
+    Log(LOG_LEVEL_ERROR, "x");
+    long long lSize = static_cast<long long>(ReadAll(m_strBase + ".log").size());
+    SetLogInfo(2, 1);
+    // Fill the file to exactly one MiB minus one line, then one line reaches it.
+    std::string strLine = ReadAll(m_strBase + ".log");
+    unlink((m_strBase + ".log").c_str());
+    {
+        std::ofstream file(m_strBase + ".log");
+        file << std::string((1 << 20) - lSize, 'a');
+    }
+    Log(LOG_LEVEL_ERROR, "x");
+    EXPECT_FALSE(Exists(m_strBase + ".log"));
+    EXPECT_EQ(ReadAll(m_strBase + "1.log").size(), 1u << 20);
+}
+
+TEST_F(LogTest, MissingDirectoryLosesTheLine)
+{
+    LogFile(m_strDir + "/missing/agent");
+    EXPECT_EQ(Log(LOG_LEVEL_ERROR, "lost"), ENOENT);
+}
+
+TEST_F(LogTest, EmptyNameReturnsToStandardOutput)
+{
+    LogFile("");
+    testing::internal::CaptureStdout();
+    Log(LOG_LEVEL_INFO, "to stdout");
+    std::string strOut = testing::internal::GetCapturedStdout();
+    std::regex line("Info   \\(\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}\\):to stdout\n");
+    EXPECT_TRUE(std::regex_match(strOut, line)) << strOut;
+    EXPECT_FALSE(Exists(m_strBase + ".log"));
+}
+
+} // namespace

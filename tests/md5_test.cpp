@@ -1,0 +1,65 @@
+#include "md5.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+#include <vector>
+
+using brel_lib::MD5;
+
+namespace {
+
+std::string Digest(const std::string& str) { return brel_lib::md5(str); }
+
+TEST(Md5, Rfc1321TestSuite)
+{
+    EXPECT_EQ(Digest(""), "d41d8cd98f00b204e9800998ecf8427e");
+    EXPECT_EQ(Digest("a"), "0cc175b9c0f1b6a831c399e269772661");
+    EXPECT_EQ(Digest("abc"), "900150983cd24fb0d6963f7d28e17f72");
+    EXPECT_EQ(Digest("message digest"), "f96b697d7cb7938d525a2f31aaf161d0");
+    EXPECT_EQ(Digest("abcdefghijklmnopqrstuvwxyz"), "c3fcd3d76192e4007dfb496cca67e13b");
+    EXPECT_EQ(Digest("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789"),
+              "d174ab98d277d9f5a5611c2c9f419d9f");
+    EXPECT_EQ(Digest("12345678901234567890123456789012345678901234567890123456789012345678901234567890"),
+              "57edf4a22be3c955ac49da2e2107b67a");
+}
+
+TEST(Md5, SplitUpdatesGiveTheSameDigest)
+{
+    std::string strData;
+    for (int i = 0; i < 5000; ++i) strData += static_cast<char>((i * 131 + 7) & 0xff);
+    std::string strWhole = Digest(strData);
+    for (unsigned int nPiece : {1u, 3u, 55u, 56u, 63u, 64u, 65u, 127u, 1000u}) {
+        MD5 md5;
+        for (size_t nPos = 0; nPos < strData.size(); nPos += nPiece) {
+            unsigned int nLen = static_cast<unsigned int>(std::min<size_t>(nPiece, strData.size() - nPos));
+            md5.update(strData.data() + nPos, nLen);
+        }
+        EXPECT_EQ(md5.finalize().hexdigest(), strWhole) << nPiece;
+    }
+}
+
+TEST(Md5, FinalizeOnceAndHexBeforeIsEmpty)
+{
+    MD5 md5;
+    md5.update("abc", 3);
+    EXPECT_EQ(md5.hexdigest(), "");
+    md5.finalize();
+    md5.finalize();
+    EXPECT_EQ(md5.hexdigest(), "900150983cd24fb0d6963f7d28e17f72");
+    std::ostringstream os;
+    os << md5;
+    EXPECT_EQ(os.str(), "900150983cd24fb0d6963f7d28e17f72");
+}
+
+TEST(Md5, BitCountCarriesIntoTheHighWord)
+{
+    // 513 MiB of zeros crosses 2^32 bits; fed as one repeated 1 MiB block.
+    std::vector<unsigned char> block(1 << 20, 0);
+    MD5 md5;
+    for (int i = 0; i < 513; ++i) md5.update(block.data(), static_cast<unsigned int>(block.size()));
+    EXPECT_EQ(md5.finalize().hexdigest(), "f3a8799d64129a6fd8a5aa56f199ac54");
+}
+
+} // namespace

@@ -1,0 +1,72 @@
+// A temporary installation tree with a running agent in it, for the tests
+// that drive the real binary: bin/ (the working directory), etc/config,
+// etc/publickey.pem, log/, tools/op/restart.sh and a cache directory.
+#pragma once
+
+#include <sys/types.h>
+
+#include <map>
+#include <string>
+
+namespace agent_test {
+
+// True when the end-to-end tests may run (they need root, as in CI).
+bool CanRunEndToEnd(std::string& strWhy);
+
+class InstallTree {
+public:
+    InstallTree();
+    ~InstallTree();  // stops the agent by its pid and removes the tree
+    InstallTree(const InstallTree&) = delete;
+    InstallTree& operator=(const InstallTree&) = delete;
+
+    // Settings every start needs; tests override or erase keys before WriteConfig.
+    std::map<std::string, std::string>& Config() { return m_mapConfig; }
+    void WriteConfig();
+    // Writes the file as it stands, for tests of malformed files.
+    void WriteRawConfig(const std::string& strText);
+
+    const std::string& Root() const { return m_strRoot; }
+    std::string Path(const std::string& strRelative) const { return m_strRoot + "/" + strRelative; }
+    std::string LogPath() const { return Path("log/agent.log"); }
+    std::string StdoutPath() const { return Path("log/stdout.txt"); }
+
+    // Runs the agent with the given arguments in bin/ and returns its pid.
+    // Foreground mode: pass a second argument. Output goes to StdoutPath().
+    pid_t Spawn(const std::string& strArg1, const std::string& strArg2 = "");
+    // Starts in the foreground with the tree's config.
+    pid_t StartForeground();
+    // Starts as a daemon; returns the daemon's pid from the pid file, or -1.
+    pid_t StartDaemon();
+
+    // Waits for a child (or adopted daemon) to end; its exit status, or -1 on timeout.
+    int WaitExit(pid_t pid, int nTimeoutMs);
+    // Raw wait status of the last WaitExit.
+    int LastWaitStatus() const { return m_nLastStatus; }
+    bool IsAlive(pid_t pid) const;
+
+    std::string ReadLog() const;
+    std::string ReadStdout() const;
+    // Waits until the log holds the text; false on timeout.
+    bool WaitForLog(const std::string& strText, int nTimeoutMs) const;
+
+    // Stops every agent started here: SIGINT, then SIGKILL after a grace time.
+    void StopAll();
+
+private:
+    std::string m_strRoot;
+    std::map<std::string, std::string> m_mapConfig;
+    std::map<pid_t, bool> m_mapPids;  // pids started or adopted by this tree
+    int m_nLastStatus = 0;
+};
+
+std::string ReadFile(const std::string& strPath);
+void WriteFile(const std::string& strPath, const std::string& strText);
+void SleepMs(int nMs);
+// Polls a condition every 10 ms until it holds or the time is up.
+template <class F>
+bool WaitUntil(F condition, int nTimeoutMs);
+
+} // namespace agent_test
+
+#include "install_tree_inl.h"

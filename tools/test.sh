@@ -1,0 +1,24 @@
+#!/bin/bash
+# Builds and runs every test: a plain build, then one with AddressSanitizer
+# and UndefinedBehaviorSanitizer, then a short fuzz run of the decoders.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash tools/setup_deps.sh
+JOBS=$(nproc)
+
+echo "=== plain build ==="
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DAGENT_TESTS=ON -DAGENT_BENCH=ON >/dev/null
+ninja -C build
+(cd build && ctest --output-on-failure -j "$JOBS" --timeout 300)
+
+echo "=== AddressSanitizer and UndefinedBehaviorSanitizer build ==="
+cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DAGENT_SANITIZE=ON -DAGENT_TESTS=ON -DAGENT_BENCH=OFF >/dev/null
+ninja -C build-asan
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0
+export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+(cd build-asan && ctest --output-on-failure -j "$JOBS" --timeout 600)
+
+if [ -x tools/fuzz.sh ]; then
+  echo "=== fuzz ==="
+  bash tools/fuzz.sh
+fi
