@@ -1,0 +1,25 @@
+#include "asn_parse.h"
+
+namespace brel_lib {
+
+void CPacketBuffer::Grow(unsigned int nNeeded)
+{
+    unsigned int nSize = nNeeded < m_nMinSize ? m_nMinSize : nNeeded;
+    free(m_pPacketBuf);
+    m_pPacketBuf = static_cast<char*>(malloc(nSize));
+    if (m_pPacketBuf == nullptr) {
+        Log(LOG_LEVEL_ERROR, "%s::PacketObjToBuffer(malloc failed, we exit, size: %u)", m_szOwner, nSize);
+        exit(1);
+    }
+    m_nPacketBufSize = nSize;
+}
+
+void CPacketBuffer::ShrinkTo(unsigned int nMaxKeep)
+{
+    if (m_nPacketBufSize <= nMaxKeep) return;
+    free(m_pPacketBuf);
+    m_pPacketBuf = nullptr;
+    m_nPacketBufSize = 0;
+}
+
+} // namespace brel_lib
