@@ -482,7 +482,7 @@ void Fill(AsnType& value, unsigned int& nSeed, bool bEmpty, int nDepth = 0)
     ++nSeed;
     if (auto* pInt = dynamic_cast<AsnInt*>(&value)) {
         static const int samples[] = {0, 1, -1, 127, 128, -129, 65535, 0x7FFFFFFF, static_cast<int>(0x80000000u), 300};
-        pInt->value = samples[nSeed % 10] + static_cast<int>(nSeed);
+        pInt->value = static_cast<int>(static_cast<unsigned int>(samples[nSeed % 10]) + nSeed);
     } else if (auto* pOcts = dynamic_cast<AsnOcts*>(&value)) {
         if (bEmpty) {
             pOcts->ReSet("", 0);
