@@ -10,8 +10,11 @@
 #include <string>
 
 #include "agent.h"
+#include "data_buffer.h"
 #include "ini_file.h"
 #include "log.h"
+#include "net_socket.h"
+#include "network_client.h"
 #include "process.h"
 #include "util.h"
 
@@ -70,7 +73,7 @@ void ReLoadCfg()
     g_nAgentId = nAgentId;
     g_nNeedExit = static_cast<unsigned int>(StringToInt(ini.GetIni("need_exit", "")));
     g_bNeedGetNewWs = StringToInt(ini.GetIni("need_get_new_ws", "")) != 0;
-    // SetBrelRecvPacketMaxSize joins here with the server link.
+    SetBrelRecvPacketMaxSize(static_cast<unsigned int>(StringToInt(ini.GetIni("net_recv_packet_max_size", "0"))));
 }
 
 // Connect settings of the link, in milliseconds.
@@ -80,6 +83,12 @@ struct ConnectSettings {
     unsigned int nFailedSleepMs;
 };
 
+// Receive buffer: blocking takes, no limit. Send buffer: non-blocking takes,
+// at most 2000 packets, the oldest dropped beyond that.
+const unsigned int SEND_BUFFER_MAX_PACKETS = 2000;
+
+
+
 ConnectSettings ReadConnectSettings(const CIniFile& ini)
 {
     ConnectSettings settings;
@@ -88,6 +97,15 @@ ConnectSettings ReadConnectSettings(const CIniFile& ini)
     settings.nFailedSleepMs = static_cast<unsigned int>(StringToInt(ini.GetIni("connect_failed_sleep_second", "10"))) * 1000;
     return settings;
 }
+
+void ApplyConnectSettings(CNetworkClientBrel& link, const ConnectSettings& settings)
+{
+    link.SetConnectFailedSwitchTime(settings.nFailedSwitchMs);
+    link.SetConnectTimeout(settings.nTimeoutMs);
+    link.SetConnectFailedSleepTime(settings.nFailedSleepMs);
+}
+
+unsigned short PortOf(const std::string& strPort) { return static_cast<unsigned short>(StringToInt(strPort)); }
 
 // Sets both limits of a resource. Where even root may not raise a hard limit
 // (containers), the agent runs with the soft limit at the hard one it has.
@@ -134,7 +152,7 @@ void RefreshAgentId()
 }
 
 // Returns false when the reload asks the agent to end.
-bool DoReload(const CIniFile& iniMain)
+bool DoReload(const CIniFile& iniMain, CNetworkClientBrel& link)
 {
     Log(LOG_LEVEL_INFO, "main(receive signusr1, we will reload cfg)");
     ReLoadCfg();
@@ -143,18 +161,17 @@ bool DoReload(const CIniFile& iniMain)
         return false;
     }
     // From main's own file as it stood at start: these keys change only with a restart.
-    ConnectSettings settings = ReadConnectSettings(iniMain);
-    (void)settings;  // handed to the link once it exists
+    ApplyConnectSettings(link, ReadConnectSettings(iniMain));
     return true;
 }
 
-void MainLoop(const CIniFile& iniMain)
+void MainLoop(const CIniFile& iniMain, CNetworkClientBrel& link)
 {
     time_t tRefresh = time(nullptr);
     while (g_nContinueRun != 0) {
         if (g_nReloadCfg != 0) {
             g_nReloadCfg = 0;
-            if (!DoReload(iniMain)) break;
+            if (!DoReload(iniMain, link)) break;
         }
         time_t tNow = time(nullptr);
         if (tRefresh > tNow) tRefresh = tNow;  // the clock went back
@@ -199,7 +216,6 @@ int main(int argc, char* argv[])
     std::string strServerSlaveIp = iniMain.GetIni("server_slave_ip", "");
     std::string strServerSlavePort = iniMain.GetIni("server_slave_port", "");
     ConnectSettings settings = ReadConnectSettings(iniMain);
-    (void)settings;
 
     if (argc == 2) InitDaemon();
     SetSignal(SIGINT, sig_quit);
@@ -219,8 +235,21 @@ int main(int argc, char* argv[])
     RaiseLimit(RLIMIT_AS, RLIM_INFINITY, "RLIMIT_AS");
     RaiseLimit(RLIMIT_NOFILE, AGENT_NOFILE_LIMIT, "RLIMIT_NOFILE");
 
-    MainLoop(iniMain);
+    CDataBufferSTLDeque* pRevBuffer = new CDataBufferSTLDeque(true, 0);
+    CDataBufferSTLDeque* pSendBuffer = new CDataBufferSTLDeque(false, SEND_BUFFER_MAX_PACKETS);
+    CNetworkClientBrel* pLink = new CNetworkClientBrel(*pRevBuffer, *pSendBuffer, false);
+    ApplyConnectSettings(*pLink, settings);
+    // The order makes the first server the preferred one; an empty slave adds nothing.
+    pLink->AddServer(strServerIp, PortOf(strServerPort));
+    pLink->AddServer(strServerSlaveIp, PortOf(strServerSlavePort));
+    if (pLink->Start(true) != 0) exit(1);
 
+    MainLoop(iniMain, *pLink);
+
+    pLink->Stop();
     Log(LOG_LEVEL_INFO, "we end\n");
+    delete pLink;
+    delete pSendBuffer;
+    delete pRevBuffer;
     return 0;
 }

@@ -1,0 +1,413 @@
+#include "network_client.h"
+
+#include <errno.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/epoll.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "log.h"
+#include "util.h"
+
+namespace brel_lib {
+
+namespace {
+const unsigned int LINK_STACK_SIZE = 0x25a000;
+} // namespace
+
+CNetworkClientBrel::CNetworkClientBrel(CDataBufferSTLDeque& revBuffer, CDataBufferSTLDeque& sendBuffer,
+                                       bool bReConnClearBufData)
+    : CThread(LINK_STACK_SIZE), m_bReConnectClearBufData(bReConnClearBufData), m_revBuffer(revBuffer),
+      m_sendBuffer(sendBuffer)
+{
+    m_pReceiveBuf = static_cast<char*>(malloc(RECEIVE_BUF_SIZE));
+    if (m_pReceiveBuf == nullptr) {
+        Log(LOG_LEVEL_ERROR, "CNetworkClientBrel::CNetworkClientBrel(malloc recv buf is error, malloc size: %d)",
+            RECEIVE_BUF_SIZE);
+        exit(-1);
+    }
+    // A dead peer must show as EPIPE, not end the process.
+    signal(SIGPIPE, SIG_IGN);
+}
+
+CNetworkClientBrel::~CNetworkClientBrel()
+{
+    Stop();
+    free(m_pReceiveBuf);
+    CDataBufferSTLDeque::FreePopData(m_pSendData);
+}
+
+int CNetworkClientBrel::Start(bool bUseNewThread)
+{
+    if (GetThreadID() != 0) return 0;
+    m_bUseNewThread = bUseNewThread;
+    if (bUseNewThread) return CThread::Start();
+    m_nContinueRun = 1;
+    Run();
+    return 0;
+}
+
+int CNetworkClientBrel::Stop()
+{
+    if (m_bUseNewThread) return CThread::Stop();
+    m_nContinueRun = 0;
+    return 0;
+}
+
+// ---- server list -----------------------------------------------------------------
+
+int CNetworkClientBrel::AddServer(const std::string& strIp, unsigned short nPort)
+{
+    int ret = CheckIpValid(strIp);
+    if (ret != 0) return ret;
+    CAutoLock lock(m_lock);
+    for (const ServerInfo& server : m_vecServer) {
+        if (server.strIp == strIp && server.nPort == nPort) return 0;
+    }
+    m_vecServer.push_back(ServerInfo{strIp, nPort});
+    return 0;
+}
+
+int CNetworkClientBrel::DelServer(const std::string& strIp, unsigned short nPort)
+{
+    CAutoLock lock(m_lock);
+    for (auto it = m_vecServer.begin(); it != m_vecServer.end(); ++it) {
+        if (it->strIp == strIp && it->nPort == nPort) {
+            m_vecServer.erase(it);
+            return 0;
+        }
+    }
+    return -1;
+}
+
+void CNetworkClientBrel::ClearServer()
+{
+    CAutoLock lock(m_lock);
+    m_vecServer.clear();
+    m_nNowUseServerId = 0;
+}
+
+int CNetworkClientBrel::ReplaceServers(const std::vector<ServerInfo>& vecServer)
+{
+    std::vector<ServerInfo> vecValid;
+    for (const ServerInfo& server : vecServer) {
+        if (CheckIpValid(server.strIp) != 0) continue;
+        bool bDuplicate = false;
+        for (const ServerInfo& kept : vecValid) bDuplicate = bDuplicate || (kept.strIp == server.strIp && kept.nPort == server.nPort);
+        if (!bDuplicate) vecValid.push_back(server);
+    }
+    if (vecValid.empty()) return -1;
+    CAutoLock lock(m_lock);
+    m_vecServer.swap(vecValid);
+    m_nNowUseServerId = 0;
+    return 0;
+}
+
+std::vector<CNetworkClientBrel::ServerInfo> CNetworkClientBrel::GetServers()
+{
+    CAutoLock lock(m_lock);
+    return m_vecServer;
+}
+
+bool CNetworkClientBrel::CurrentServer(ServerInfo& server)
+{
+    CAutoLock lock(m_lock);
+    if (m_vecServer.empty()) return false;
+    if (m_nNowUseServerId >= m_vecServer.size()) m_nNowUseServerId = 0;
+    server = m_vecServer[m_nNowUseServerId];
+    return true;
+}
+
+void CNetworkClientBrel::SetNetCallback(BrelNetCallback pCallback, void* pAppend)
+{
+    m_funBrelNetCallback = pCallback;
+    m_pBrelNetCallbackAppend = pAppend;
+}
+
+// ---- connecting ------------------------------------------------------------------
+
+int CNetworkClientBrel::ConnectToServer()
+{
+    while (true) {
+        if (m_nContinueRun == 0) return -1;
+        ServerInfo server;
+        if (!CurrentServer(server)) {
+            Log(LOG_LEVEL_WARNING, "CNetworkClientBrel::ConnectToServer(it is not add any server ip now)");
+            for (int i = 0; i < 10 && m_nContinueRun != 0; ++i) Sleep(50);
+            continue;
+        }
+        m_strNowIp = server.strIp;
+        m_nNowPort = server.nPort;
+        Log(LOG_LEVEL_INFO, "CNetworkClientBrel::ConnectToServer(try to connect the server: %s, port: %hu)",
+            server.strIp.c_str(), server.nPort);
+
+        unsigned int nSleep = m_nConnectFailedSleepTime;
+        unsigned int nSwitch = m_nServerConnectFailedSwitchMilliSecond;
+        unsigned int nAttempts = nSleep == 0 ? 1 : (nSwitch + nSleep - 1) / nSleep;
+        if (nAttempts == 0) nAttempts = 1;
+        m_sockTcp.Close();
+
+        bool bRestart = false;
+        int ret = 0;
+        for (unsigned int i = 0; i < nAttempts; ++i) {
+            ret = m_sockTcp.ConnectToServerNonBlock(server.strIp, server.nPort, m_nContinueRun, m_nConnectTimeout);
+            if (ret == 0) break;
+            Log(LOG_LEVEL_WARNING,
+                "CNetworkClientBrel::ConnectToServer(connect the server is failed, we will retry again after sleep "
+                "some time, errno: %d)",
+                ret);
+            // Sleep in 50 ms slices, so that a stop or a flag is seen at once.
+            const unsigned int nFlags = NET_FLAG_CONNECT_NEW_SERVER | NET_FLAG_CONNECT_NEXT_SERVER;
+            for (unsigned int n = 0; n < m_nConnectFailedSleepTime / 50 + 1; ++n) {
+                if (m_nContinueRun == 0 || (m_nFlag & nFlags) != 0) break;
+                Sleep(50);
+            }
+            if (m_nContinueRun == 0) return -1;
+            if (TakeFlag(NET_FLAG_CONNECT_NEW_SERVER)) {
+                Log(LOG_LEVEL_INFO, "CNetworkClientBrel::ConnectToServer(receive connect new server flag, we will "
+                                    "connect the new server)");
+                CAutoLock lock(m_lock);
+                m_nNowUseServerId = 0;
+                bRestart = true;
+                break;
+            }
+            if (TakeFlag(NET_FLAG_CONNECT_NEXT_SERVER)) {
+                Log(LOG_LEVEL_INFO, "CNetworkClientBrel::ConnectToServer(receive connect next server flag, we will "
+                                    "connect the next server)");
+                CAutoLock lock(m_lock);
+                ++m_nNowUseServerId;
+                bRestart = true;
+                break;
+            }
+        }
+        if (bRestart) continue;
+        if (m_sockTcp.GetSocket() >= 0) {
+            int fd = m_sockTcp.GetSocket();
+            if (m_funBrelNetCallback != nullptr) {
+                m_funBrelNetCallback(static_cast<unsigned int>(fd), BREL_CONNECT_OK, m_pBrelNetCallbackAppend, fd);
+            }
+            Log(LOG_LEVEL_INFO, "CNetworkClientBrel::ConnectToServer(connect the server is ok, server ip: %s, port: %hu)",
+                server.strIp.c_str(), server.nPort);
+            return 0;
+        }
+        Log(LOG_LEVEL_WARNING,
+            "CNetworkClientBrel::ConnectToServer(connect the server is failed, we retry another server, errno: %d)", ret);
+        CAutoLock lock(m_lock);
+        ++m_nNowUseServerId;
+    }
+}
+
+// ---- the loop --------------------------------------------------------------------
+
+void CNetworkClientBrel::EpollMod(int epfd, int fd, uint32_t event, bool bAddOrMod)
+{
+    epoll_event ev{};
+    ev.events = event;
+    ev.data.fd = fd;
+    if (epoll_ctl(epfd, bAddOrMod ? EPOLL_CTL_ADD : EPOLL_CTL_MOD, fd, &ev) != 0) {
+        int nErr = errno;
+        Log(LOG_LEVEL_ERROR,
+            "CNetworkClientBrel::EpollMod(epoll_ctl %s socket fd is error, epfd: %d, fd: %d, event: %u, errno: %d)",
+            bAddOrMod ? "add" : "mod", epfd, fd, event, nErr);
+        exit(nErr);
+    }
+}
+
+void CNetworkClientBrel::ResetDataState()
+{
+    // A partly received packet is lost; complete ones already queued stay.
+    m_nReceiveBufUnusedLen = m_nReceiveBufLen;
+    if (m_bReConnectClearBufData) {
+        m_sendBuffer.RemoveAll();
+        CDataBufferSTLDeque::FreePopData(m_pSendData);
+        m_pSendData = nullptr;
+        m_nSendDataLen = 0;
+    }
+    // The block that was on its way goes again whole on the new link.
+    m_nSendDataUsedLen = 0;
+}
+
+void CNetworkClientBrel::Run()
+{
+    if (ConnectToServer() != 0) {
+        UnInit();
+        return;
+    }
+    int epfd = epoll_create1(EPOLL_CLOEXEC);
+    if (epfd < 0) {
+        int nErr = errno;
+        Log(LOG_LEVEL_ERROR, "CNetworkClientBrel::Run(epoll_create is error, errno: %d)", nErr);
+        exit(nErr);
+    }
+    const int fdBuffer = m_sendBuffer.GetReadableFd();
+    EpollMod(epfd, m_sockTcp.GetSocket(), EPOLLIN, true);
+    EpollMod(epfd, fdBuffer, EPOLLIN, true);
+    bool bSetEpollOut = false;
+    time_t tLastAdjust = time(nullptr);
+
+    while (m_nContinueRun != 0) {
+        time_t tNow = time(nullptr);
+        if (tLastAdjust > tNow) tLastAdjust = tNow;
+        if (tNow - tLastAdjust > ADJUST_SECOND) {
+            tLastAdjust = tNow;
+            AdjustBufSize();
+        }
+        epoll_event events[2];
+        int n = epoll_wait(epfd, events, 2, 50);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            int nErr = errno;
+            Log(LOG_LEVEL_ERROR, "CNetworkClientBrel::Run(epoll_wait is error, errno: %d)", nErr);
+            exit(nErr);
+        }
+        const int fdSock = m_sockTcp.GetSocket();
+        bool bNeedSendData = false, bNeedReConnect = false, bContinue = true;
+        for (int i = 0; i < n; ++i) {
+            if (events[i].data.fd == fdBuffer) {
+                bNeedSendData = true;
+                continue;
+            }
+            uint32_t nEvent = events[i].events;
+            if ((nEvent & ~static_cast<uint32_t>(EPOLLIN | EPOLLOUT)) != 0) {
+                Log(LOG_LEVEL_WARNING, "CNetworkClientBrel::Run(epoll socket is error, fd: %d, event: %u)", fdSock, nEvent);
+                bNeedReConnect = true;
+                break;
+            }
+            if (nEvent & EPOLLIN) {
+                int ret = ReceiveData();
+                if (ret == BREL_STEP_STOPPED) {
+                    bContinue = false;
+                    break;
+                }
+                if (ret != BREL_STEP_OK && ret != BREL_STEP_NO_TOKEN && ret != BREL_STEP_BUDGET) {
+                    bNeedReConnect = true;
+                    break;
+                }
+            }
+            if (nEvent & EPOLLOUT) bNeedSendData = true;
+        }
+        if (!bContinue) break;
+
+        if (bNeedSendData && !bNeedReConnect) {
+            int ret = SendData();
+            if (ret == BREL_STEP_OK) {
+                if (bSetEpollOut) {
+                    bSetEpollOut = false;
+                    EpollMod(epfd, fdSock, EPOLLIN, false);
+                }
+            } else if (ret == BREL_STEP_BUDGET) {
+                m_sendBuffer.SetEvent();  // taking blocks cleared it; the rest must not wait
+            } else if (ret == BREL_STEP_AGAIN) {
+                if (!bSetEpollOut) {
+                    bSetEpollOut = true;
+                    EpollMod(epfd, fdSock, EPOLLIN | EPOLLOUT, false);
+                }
+            } else if (ret == BREL_STEP_STOPPED) {
+                break;
+            } else if (ret != BREL_STEP_NO_TOKEN) {
+                bNeedReConnect = true;
+            }
+        }
+        if (TakeFlag(NET_FLAG_CONNECT_NEW_SERVER)) {
+            {
+                CAutoLock lock(m_lock);
+                m_nNowUseServerId = 0;
+            }
+            bNeedReConnect = true;
+            Log(LOG_LEVEL_INFO, "CNetworkClientBrel::Run(receive connect new server flag, we will connect the new server)");
+        }
+        if (TakeFlag(NET_FLAG_CONNECT_NEXT_SERVER)) {
+            {
+                CAutoLock lock(m_lock);
+                ++m_nNowUseServerId;
+            }
+            bNeedReConnect = true;
+            Log(LOG_LEVEL_INFO,
+                "CNetworkClientBrel::Run(receive connect next server flag, we will connect the next server)");
+        }
+        if (bNeedReConnect) {
+            if (m_funBrelNetCallback != nullptr) {
+                m_funBrelNetCallback(static_cast<unsigned int>(fdSock), BREL_CONNECT_CLOSE, m_pBrelNetCallbackAppend,
+                                     fdSock);
+            }
+            epoll_ctl(epfd, EPOLL_CTL_DEL, fdSock, nullptr);
+            if (ConnectToServer() != 0) break;
+            bSetEpollOut = false;
+            EpollMod(epfd, m_sockTcp.GetSocket(), EPOLLIN, true);
+            ResetDataState();
+        }
+        if (TakeFlag(NET_BUFFER_AUTO_ADJUST)) AdjustBufSize();
+    }
+    close(epfd);
+    UnInit();
+}
+
+void CNetworkClientBrel::UnInit()
+{
+    m_sockTcp.Close();
+    {
+        CAutoLock lock(m_lock);
+        m_nNowUseServerId = 0;
+    }
+    m_nReceiveBufUnusedLen = m_nReceiveBufLen;
+    CDataBufferSTLDeque::FreePopData(m_pSendData);
+    m_pSendData = nullptr;
+    m_nSendDataLen = m_nSendDataUsedLen = 0;
+}
+
+int CNetworkClientBrel::ReceiveData()
+{
+    unsigned long long lBegin = 0;
+    int fd = m_sockTcp.GetSocket();
+    return ReceiveAsnBufData(m_nContinueRun, fd, fd, m_strNowIp, m_nNowPort, m_pReceiveBuf, m_nReceiveBufLen,
+                             m_nReceiveBufUnusedLen, lBegin, m_funBrelNetPacketComplete, m_revBuffer, nullptr);
+}
+
+int CNetworkClientBrel::SendData()
+{
+    ServerInfo server;
+    // On a list that is really empty the link thread ends, as a stop would.
+    if (!CurrentServer(server)) return BREL_STEP_STOPPED;
+    int fd = m_sockTcp.GetSocket();
+    for (int i = 0; i < 50 && m_nContinueRun != 0; ++i) {
+        if (m_pSendData == nullptr) {
+            m_pSendData = static_cast<char*>(m_sendBuffer.GetFrontAndPop(m_nSendDataLen, 0));
+            m_nSendDataUsedLen = 0;
+            if (m_pSendData == nullptr) return BREL_STEP_OK;
+        }
+        int ret = SendAsnBufData(m_nContinueRun, fd, static_cast<unsigned int>(fd), server.strIp, server.nPort,
+                                 m_pSendData, m_nSendDataLen, m_nSendDataUsedLen, m_sendBuffer, nullptr);
+        if (ret != BREL_STEP_OK) return ret;
+    }
+    if (m_nContinueRun == 0) return BREL_STEP_STOPPED;
+    return m_sendBuffer.Empty() ? BREL_STEP_OK : BREL_STEP_BUDGET;
+}
+
+void CNetworkClientBrel::AdjustBufSize()
+{
+    bool bEmpty = m_nReceiveBufUnusedLen == m_nReceiveBufLen;
+    if (!bEmpty) {
+        Log(LOG_LEVEL_DEBUG,
+            "CNetworkClientBrel::AdjustBufSize(buf is in used, do not adjust now, buf now size: %u, should adjust to "
+            "size: %u)",
+            m_nReceiveBufLen, static_cast<unsigned int>(RECEIVE_BUF_SIZE));
+        return;
+    }
+    if (m_nReceiveBufLen <= RECEIVE_BUF_SIZE) return;
+    char* pNew = static_cast<char*>(malloc(RECEIVE_BUF_SIZE));
+    if (pNew == nullptr) {
+        Log(LOG_LEVEL_WARNING,
+            "CNetworkClientBrel::AdjustBufSize(alloc memory is error, we need malloc size: %u, now size: %u)",
+            static_cast<unsigned int>(RECEIVE_BUF_SIZE), m_nReceiveBufLen);
+        return;
+    }
+    unsigned int nBefore = m_nReceiveBufLen;
+    free(m_pReceiveBuf);
+    m_pReceiveBuf = pNew;
+    m_nReceiveBufLen = m_nReceiveBufUnusedLen = RECEIVE_BUF_SIZE;
+    Log(LOG_LEVEL_INFO, "CNetworkClientBrel::AdjustBufSize(buf adjust before size: %u, now size: %u)", nBefore,
+        m_nReceiveBufLen);
+}
+
+} // namespace brel_lib
