@@ -59,8 +59,6 @@ public:
     bool IsConnected() const { return m_sockTcp.GetSocket() >= 0; }
     int GetLocalIpPort(std::string& strIp, unsigned short& nPort) { return m_sockTcp.GetSockName(strIp, nPort); }
     int GetRemoteIpPort(std::string& strIp, unsigned short& nPort) { return m_sockTcp.GetPeerName(strIp, nPort); }
-    // Size of the receive buffer (link thread's; for tests and dumps).
-    unsigned int GetReceiveBufLen() const { return m_nReceiveBufLen; }
 
     void Run() override;
 

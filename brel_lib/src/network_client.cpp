@@ -224,8 +224,10 @@ void CNetworkClientBrel::ResetDataState()
         m_pSendData = nullptr;
         m_nSendDataLen = 0;
     }
-    // The block that was on its way goes again whole on the new link.
+    // The block that was on its way goes again whole on the new link. Nothing
+    // else may wake the send side (taking blocks cleared the event), so raise it.
     m_nSendDataUsedLen = 0;
+    if (m_pSendData != nullptr || !m_sendBuffer.Empty()) m_sendBuffer.SetEvent();
 }
 
 void CNetworkClientBrel::Run()

@@ -1,0 +1,363 @@
+// The server link against real TCP peers on 127.0.0.1: connecting, retrying,
+// moving between servers, reconnecting with the data state kept, stopping.
+#include "network_client.h"
+
+#include <gtest/gtest.h>
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <mutex>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "install_tree.h"
+#include "log.h"
+#include "tcp_peer.h"
+#include "util.h"
+
+using namespace brel_lib;
+using namespace agent_test;
+
+namespace {
+
+std::vector<unsigned char> Packet(unsigned int nContentLen, unsigned char cFill)
+{
+    std::vector<unsigned char> v{0x30};
+    if (nContentLen < 128) {
+        v.push_back(static_cast<unsigned char>(nContentLen));
+    } else {
+        v.push_back(0x84);
+        for (int i = 3; i >= 0; --i) v.push_back(static_cast<unsigned char>(nContentLen >> (8 * i)));
+    }
+    for (unsigned int i = 0; i < nContentLen; ++i) v.push_back(static_cast<unsigned char>(cFill + i * 13));
+    return v;
+}
+
+class LinkTest : public ::testing::Test {
+protected:
+    LinkTest() : m_rev(true, 0), m_send(false, 2000), m_link(m_rev, m_send, false) {}
+
+    void SetUp() override
+    {
+        char szDir[] = "/tmp/link_test_XXXXXX";
+        ASSERT_NE(mkdtemp(szDir), nullptr);
+        m_strDir = szDir;
+        LogFile(m_strDir + "/link");
+        LogLevel(LOG_LEVEL_DEBUG);
+        m_link.SetNetCallback(OnEvent, this);
+        m_link.SetConnectTimeout(1000);
+        m_link.SetConnectFailedSleepTime(100);
+        m_link.SetConnectFailedSwitchTime(300);
+    }
+
+    void TearDown() override
+    {
+        m_link.Stop();
+        LogFile("");
+        std::string strCommand = "rm -rf " + m_strDir;
+        ASSERT_EQ(system(strCommand.c_str()), 0);
+    }
+
+    static void OnEvent(unsigned int, BREL_NET_CALLBACK_TYPE type, void* pAppend, int)
+    {
+        LinkTest* pTest = static_cast<LinkTest*>(pAppend);
+        std::lock_guard<std::mutex> lock(pTest->m_mutex);
+        pTest->m_vecEvents.push_back(type);
+    }
+
+    int CountEvents(BREL_NET_CALLBACK_TYPE type)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        int n = 0;
+        for (BREL_NET_CALLBACK_TYPE t : m_vecEvents) n += t == type;
+        return n;
+    }
+
+    std::string ReadLog() const { return ReadFile(m_strDir + "/link.log"); }
+    int CountLog(const std::string& strText) const
+    {
+        std::string strLog = ReadLog();
+        int n = 0;
+        for (size_t nPos = strLog.find(strText); nPos != std::string::npos; nPos = strLog.find(strText, nPos + 1)) ++n;
+        return n;
+    }
+
+    void Push(const std::vector<unsigned char>& packet)
+    {
+        m_send.Push(packet.data(), static_cast<unsigned int>(packet.size()), BREL_DATA_NORMAL_PRI);
+    }
+
+    std::vector<unsigned char> TakeReceived(unsigned int nTimeoutMs)
+    {
+        unsigned int nSize = 0;
+        char* p = static_cast<char*>(m_rev.GetFrontAndPop(nSize, nTimeoutMs));
+        if (p == nullptr) return {};
+        std::vector<unsigned char> v(p, p + nSize);
+        CDataBufferSTLDeque::FreePopData(p);
+        return v;
+    }
+
+    std::string m_strDir;
+    CDataBufferSTLDeque m_rev;
+    CDataBufferSTLDeque m_send;
+    CNetworkClientBrel m_link;
+    std::mutex m_mutex;
+    std::vector<BREL_NET_CALLBACK_TYPE> m_vecEvents;
+};
+
+TEST_F(LinkTest, ConnectsSendsAndReceivesWholePackets)
+{
+    TcpPeer peer;
+    ASSERT_EQ(m_link.AddServer("127.0.0.1", peer.Port()), 0);
+    ASSERT_EQ(m_link.AddServer("127.0.0.1", peer.Port()), 0);  // kept once
+    ASSERT_EQ(m_link.GetServers().size(), 1u);
+    EXPECT_NE(m_link.AddServer("localhost", 1), 0);
+    EXPECT_NE(m_link.AddServer("", 1), 0);
+    EXPECT_FALSE(m_link.IsConnected());
+    ASSERT_EQ(m_link.Start(true), 0);
+    ASSERT_EQ(m_link.Start(true), 0);  // one thread only
+    ASSERT_TRUE(peer.Accept(3000));
+    ASSERT_TRUE(WaitUntil([&] { return CountEvents(BREL_CONNECT_OK) == 1; }, 2000));
+    EXPECT_TRUE(m_link.IsConnected());
+    std::string strIp;
+    unsigned short nPort = 0;
+    EXPECT_EQ(m_link.GetRemoteIpPort(strIp, nPort), 0);
+    EXPECT_EQ(nPort, peer.Port());
+
+    std::vector<unsigned char> p1 = Packet(10, 1), p2 = Packet(300, 2);
+    Push(p1);
+    Push(p2);
+    EXPECT_EQ(peer.ReadPacket(3000), p1);
+    EXPECT_EQ(peer.ReadPacket(3000), p2);
+
+    // Many packets in one write, and one split across writes.
+    std::vector<unsigned char> stream;
+    for (int i = 0; i < 120; ++i) {
+        std::vector<unsigned char> p = Packet(5, static_cast<unsigned char>(i));
+        stream.insert(stream.end(), p.begin(), p.end());
+    }
+    ASSERT_TRUE(peer.Write(stream));
+    for (int i = 0; i < 120; ++i) ASSERT_EQ(TakeReceived(3000), Packet(5, static_cast<unsigned char>(i))) << i;
+    std::vector<unsigned char> split = Packet(40, 9);
+    ASSERT_TRUE(peer.Write(std::vector<unsigned char>(split.begin(), split.begin() + 3)));
+    SleepMs(100);
+    EXPECT_TRUE(m_rev.Empty());
+    ASSERT_TRUE(peer.Write(std::vector<unsigned char>(split.begin() + 3, split.end())));
+    EXPECT_EQ(TakeReceived(3000), split);
+}
+
+TEST_F(LinkTest, RefusingServerIsRetriedThenTheNextOneTried)
+{
+    unsigned short nRefused = RefusedPort();
+    TcpPeer second;
+    m_link.AddServer("127.0.0.1", nRefused);
+    m_link.AddServer("127.0.0.1", second.Port());
+    uint64_t lStart = GetNowMilliSecond();
+    ASSERT_EQ(m_link.Start(true), 0);
+    ASSERT_TRUE(second.Accept(5000));
+    uint64_t lElapsed = GetNowMilliSecond() - lStart;
+    // 300 ms of switch time at 100 ms of sleep: three attempts, then the next server.
+    EXPECT_EQ(CountLog("we will retry again after sleep some time, errno: 111"), 3);
+    EXPECT_EQ(CountLog("we retry another server"), 1);
+    EXPECT_GE(lElapsed, 280u);
+    EXPECT_TRUE(WaitUntil([&] { return CountLog("connect the server is ok, server ip: 127.0.0.1, port: " +
+                                                std::to_string(second.Port())) == 1; },
+                          2000));
+}
+
+TEST_F(LinkTest, FlagsMoveTheLinkBetweenServers)
+{
+    TcpPeer first, second;
+    m_link.AddServer("127.0.0.1", first.Port());
+    m_link.AddServer("127.0.0.1", second.Port());
+    ASSERT_EQ(m_link.Start(true), 0);
+    ASSERT_TRUE(first.Accept(3000));
+
+    m_link.SetFlag(CNetworkClientBrel::NET_FLAG_CONNECT_NEXT_SERVER);
+    EXPECT_TRUE(first.WaitClosedByPeer(3000));
+    ASSERT_TRUE(second.Accept(3000));
+    EXPECT_TRUE(WaitUntil([&] { return CountEvents(BREL_CONNECT_CLOSE) == 1; }, 2000));
+
+    m_link.SetFlag(CNetworkClientBrel::NET_FLAG_CONNECT_NEW_SERVER);
+    EXPECT_TRUE(second.WaitClosedByPeer(3000));
+    ASSERT_TRUE(first.Accept(3000));
+    EXPECT_TRUE(WaitUntil([&] { return CountEvents(BREL_CONNECT_CLOSE) == 2; }, 2000));
+    EXPECT_EQ(CountLog("receive connect new server flag, we will connect the new server"), 1);
+    EXPECT_EQ(CountLog("receive connect next server flag, we will connect the next server"), 1);
+
+    // The whole list replaced in one step, then a move to its first server.
+    TcpPeer third;
+    ASSERT_EQ(m_link.ReplaceServers({{"127.0.0.1", third.Port()}, {"bad", 1}}), 0);
+    m_link.SetFlag(CNetworkClientBrel::NET_FLAG_CONNECT_NEW_SERVER);
+    ASSERT_TRUE(third.Accept(3000));
+    EXPECT_EQ(m_link.GetServers().size(), 1u);
+    EXPECT_EQ(m_link.ReplaceServers({{"bad", 1}}), -1);
+}
+
+TEST_F(LinkTest, FlagsActDuringTheSleepBetweenAttempts)
+{
+    TcpPeer second;
+    m_link.SetConnectFailedSleepTime(10000);
+    m_link.SetConnectFailedSwitchTime(600000);
+    m_link.AddServer("127.0.0.1", RefusedPort());
+    m_link.AddServer("127.0.0.1", second.Port());
+    ASSERT_EQ(m_link.Start(true), 0);
+    ASSERT_TRUE(WaitUntil([&] { return CountLog("we will retry again after sleep some time") == 1; }, 3000));
+
+    m_link.SetFlag(CNetworkClientBrel::NET_FLAG_CONNECT_NEW_SERVER);
+    ASSERT_TRUE(WaitUntil([&] { return CountLog("ConnectToServer(receive connect new server flag") == 1; }, 500));
+    ASSERT_TRUE(WaitUntil([&] { return CountLog("we will retry again after sleep some time") == 2; }, 1000));
+
+    uint64_t lStart = GetNowMilliSecond();
+    m_link.SetFlag(CNetworkClientBrel::NET_FLAG_CONNECT_NEXT_SERVER);
+    ASSERT_TRUE(second.Accept(2000));
+    EXPECT_LT(GetNowMilliSecond() - lStart, 1000u);
+    EXPECT_EQ(CountLog("ConnectToServer(receive connect next server flag"), 1);
+}
+
+TEST_F(LinkTest, PeerCloseAndBadFramingGiveAReconnect)
+{
+    TcpPeer peer;
+    m_link.AddServer("127.0.0.1", peer.Port());
+    ASSERT_EQ(m_link.Start(true), 0);
+    ASSERT_TRUE(peer.Accept(3000));
+    peer.CloseConnection();
+    ASSERT_TRUE(peer.Accept(3000));  // the same server again
+    EXPECT_TRUE(WaitUntil([&] { return CountEvents(BREL_CONNECT_CLOSE) == 1; }, 2000));
+    EXPECT_TRUE(WaitUntil([&] { return CountEvents(BREL_CONNECT_OK) == 2; }, 2000));
+
+    ASSERT_TRUE(peer.Write(std::vector<unsigned char>{0x31, 0x01, 0x00, 0x00}));
+    EXPECT_TRUE(peer.WaitClosedByPeer(3000));
+    ASSERT_TRUE(peer.Accept(3000));
+    EXPECT_EQ(CountLog("packet complete check failed"), 1);
+    EXPECT_TRUE(m_link.GetThreadID() != 0);  // the thread goes on
+}
+
+TEST_F(LinkTest, StopIsNoticedWhileSleepingAndWhileConnecting)
+{
+    m_link.SetConnectFailedSleepTime(10000);
+    m_link.AddServer("127.0.0.1", RefusedPort());
+    ASSERT_EQ(m_link.Start(true), 0);
+    ASSERT_TRUE(WaitUntil([&] { return CountLog("we will retry again after sleep some time") == 1; }, 3000));
+    uint64_t lStart = GetNowMilliSecond();
+    EXPECT_EQ(m_link.Stop(), 0);
+    EXPECT_LT(GetNowMilliSecond() - lStart, 300u);
+
+    // A listener whose backlog is full lets a connect hang.
+    TcpPeer full(0, 0);
+    std::vector<int> fillers;
+    for (int i = 0; i < 4; ++i) {
+        int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+        sockaddr_in addr{};
+        addr.sin_family = AF_INET;
+        addr.sin_port = htons(full.Port());
+        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+        fillers.push_back(fd);
+    }
+    SleepMs(100);
+    CDataBufferSTLDeque rev(true, 0), send(false, 0);
+    CNetworkClientBrel link(rev, send, false);
+    link.SetConnectTimeout(10000);
+    link.AddServer("127.0.0.1", full.Port());
+    ASSERT_EQ(link.Start(true), 0);
+    SleepMs(300);
+    lStart = GetNowMilliSecond();
+    EXPECT_EQ(link.Stop(), 0);
+    EXPECT_LT(GetNowMilliSecond() - lStart, 300u);
+    for (int fd : fillers) close(fd);
+
+    // With an empty list the link waits and still stops at once.
+    CNetworkClientBrel empty(rev, send, false);
+    ASSERT_EQ(empty.Start(true), 0);
+    SleepMs(200);
+    lStart = GetNowMilliSecond();
+    EXPECT_EQ(empty.Stop(), 0);
+    EXPECT_LT(GetNowMilliSecond() - lStart, 300u);
+    EXPECT_GE(CountLog("ConnectToServer(it is not add any server ip now)"), 1);
+}
+
+TEST_F(LinkTest, InterruptedBlockGoesAgainWholeAndQueuedBlocksKeepTheirOrder)
+{
+    TcpPeer peer;
+    m_link.AddServer("127.0.0.1", peer.Port());
+    ASSERT_EQ(m_link.Start(true), 0);
+    ASSERT_TRUE(peer.Accept(3000));
+    // Far more than the socket buffers hold: the send stops part way.
+    std::vector<unsigned char> big = Packet(32u << 20, 5);
+    Push(big);
+    for (int i = 0; i < 3; ++i) Push(Packet(8, static_cast<unsigned char>(100 + i)));
+    SleepMs(300);
+    peer.CloseConnection();  // unread data: the link sees a reset
+
+    ASSERT_TRUE(peer.Accept(5000));
+    std::vector<unsigned char> got;
+    ASSERT_TRUE(peer.ReadExactly(got, big.size(), 20000));
+    EXPECT_TRUE(got == big);
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(peer.ReadPacket(3000), Packet(8, static_cast<unsigned char>(100 + i)));
+}
+
+TEST_F(LinkTest, SendBufferLimitDropsTheOldest)
+{
+    for (int i = 0; i < 2005; ++i) {
+        std::vector<unsigned char> p = {0x30, 0x04, 0x02, 0x02, static_cast<unsigned char>(i >> 8),
+                                        static_cast<unsigned char>(i)};
+        Push(p);
+    }
+    TcpPeer peer;
+    m_link.AddServer("127.0.0.1", peer.Port());
+    ASSERT_EQ(m_link.Start(true), 0);
+    ASSERT_TRUE(peer.Accept(3000));
+    for (int i = 5; i < 2005; ++i) {
+        std::vector<unsigned char> p = peer.ReadPacket(3000);
+        ASSERT_EQ(p.size(), 6u);
+        ASSERT_EQ((p[4] << 8) | p[5], i);
+    }
+}
+
+TEST_F(LinkTest, LargePacketGrowsTheBufferAndAdjustGivesItBack)
+{
+    TcpPeer peer;
+    m_link.AddServer("127.0.0.1", peer.Port());
+    ASSERT_EQ(m_link.Start(true), 0);
+    ASSERT_TRUE(peer.Accept(3000));
+    std::vector<unsigned char> big = Packet(1 << 20, 3);
+    ASSERT_TRUE(peer.Write(big));
+    EXPECT_EQ(TakeReceived(5000), big);
+    EXPECT_GE(CountLog("ReceiveAsnBufData(realloc, new size: "), 8);
+    m_link.SetFlag(CNetworkClientBrel::NET_BUFFER_AUTO_ADJUST);
+    EXPECT_TRUE(WaitUntil([&] { return CountLog("AdjustBufSize(buf adjust before size: 2097152, now size: 8192)") == 1; },
+                          2000));
+    std::vector<unsigned char> small = Packet(20, 4);
+    ASSERT_TRUE(peer.Write(small));
+    EXPECT_EQ(TakeReceived(3000), small);
+}
+
+TEST_F(LinkTest, EmptyListOnSendEndsTheThreadAndForegroundRunBlocks)
+{
+    TcpPeer peer;
+    m_link.AddServer("127.0.0.1", peer.Port());
+    ASSERT_EQ(m_link.Start(true), 0);
+    ASSERT_TRUE(peer.Accept(3000));
+    m_link.ClearServer();
+    Push(Packet(3, 1));
+    EXPECT_TRUE(WaitUntil([&] { return m_link.GetThreadID() == 0; }, 2000));
+
+    CDataBufferSTLDeque rev(true, 0), send(false, 0);
+    CNetworkClientBrel link(rev, send, false);
+    link.AddServer("127.0.0.1", peer.Port());
+    std::thread stopper([&] {
+        SleepMs(300);
+        link.Stop();
+    });
+    uint64_t lStart = GetNowMilliSecond();
+    EXPECT_EQ(link.Start(false), 0);
+    EXPECT_GE(GetNowMilliSecond() - lStart, 250u);
+    stopper.join();
+}
+
+} // namespace

@@ -1,0 +1,300 @@
+// The stream framing and the send and receive steps, on socket pairs.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "data_buffer.h"
+#include "net_socket.h"
+#include "token_bucket.h"
+
+using namespace brel_lib;
+
+namespace {
+
+int Complete(const std::vector<unsigned char>& v)
+{
+    return asn_packet_complete(v.data(), static_cast<unsigned int>(v.size()));
+}
+
+std::vector<unsigned char> Packet(unsigned int nContentLen, unsigned char cFill = 'x')
+{
+    std::vector<unsigned char> v{0x30};
+    if (nContentLen < 128) {
+        v.push_back(static_cast<unsigned char>(nContentLen));
+    } else {
+        std::vector<unsigned char> len;
+        for (unsigned int n = nContentLen; n != 0; n >>= 8) len.insert(len.begin(), static_cast<unsigned char>(n));
+        v.push_back(static_cast<unsigned char>(0x80 | len.size()));
+        v.insert(v.end(), len.begin(), len.end());
+    }
+    v.insert(v.end(), nContentLen, cFill);
+    return v;
+}
+
+TEST(Framing, Rules)
+{
+    EXPECT_EQ(Complete({}), 0);
+    EXPECT_EQ(Complete({0x31}), -1);  // one byte condemns the stream
+    EXPECT_EQ(Complete({0x30, 0x00}), 0);  // below four bytes nothing is recognised
+    EXPECT_EQ(Complete({0x30, 0x00, 0x30, 0x00}), 2);
+    EXPECT_EQ(Complete({0x30, 0x00, 0x31, 0x00}), -1);  // the next packet's first byte is checked
+
+    std::vector<unsigned char> p = {0x30, 0x80};
+    p.insert(p.end(), 128, 1);
+    EXPECT_EQ(Complete(p), 130);  // 0x80 is a plain length here
+    p.pop_back();
+    EXPECT_EQ(Complete(p), 0);
+
+    std::vector<unsigned char> q = Packet(256);
+    EXPECT_EQ(q[1], 0x82);
+    EXPECT_EQ(Complete(q), 260);
+    q.pop_back();
+    EXPECT_EQ(Complete(q), 0);
+
+    // Exactly MAX_LEN in all is accepted; one more is invalid.
+    unsigned int nCont = MAX_LEN - 6;
+    std::vector<unsigned char> big = {0x30, 0x84, static_cast<unsigned char>(nCont >> 24),
+                                      static_cast<unsigned char>(nCont >> 16), static_cast<unsigned char>(nCont >> 8),
+                                      static_cast<unsigned char>(nCont)};
+    EXPECT_EQ(Complete(big), 0);
+    testing::internal::CaptureStdout();
+    big[5] += 1;
+    EXPECT_EQ(Complete(big), -1);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "pkt_len > MAX_LEN\n");
+    // The high length bytes alone can condemn a packet before the rest arrive.
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(Complete({0x30, 0x84, 0xFF, 0xFF}), -1);
+    testing::internal::GetCapturedStdout();
+    // More than four length bytes can't be held: invalid.
+    EXPECT_EQ(Complete({0x30, 0x85, 0, 0, 0, 0, 1, 0}), -1);
+    // A short length head: more bytes needed, nothing beyond the data is read.
+    EXPECT_EQ(Complete({0x30, 0x84, 0x00, 0x00}), 0);
+}
+
+struct SocketPair {
+    int fd[2];
+    SocketPair() { socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, fd); }
+    ~SocketPair()
+    {
+        close(fd[0]);
+        close(fd[1]);
+    }
+};
+
+// Receive state of one connection, as the loops hold it.
+struct RecvState {
+    char* pBuf;
+    unsigned int nLen;
+    unsigned int nUnused;
+    unsigned long long lBegin = 0;
+    explicit RecvState(unsigned int nSize = 64) : pBuf(static_cast<char*>(malloc(nSize))), nLen(nSize), nUnused(nSize) {}
+    ~RecvState() { free(pBuf); }
+    int Receive(int fd, CDataBufferSTLDeque& rev, CNetflowTokenBucket* pBucket = nullptr)
+    {
+        std::atomic<unsigned int> nRun{1};
+        return ReceiveAsnBufData(nRun, fd, 7, "peer", 1, pBuf, nLen, nUnused, lBegin, asn_packet_complete, rev, pBucket);
+    }
+};
+
+std::vector<std::vector<unsigned char>> TakeAll(CDataBufferSTLDeque& rev)
+{
+    std::vector<std::vector<unsigned char>> out;
+    while (true) {
+        unsigned int nSize = 0;
+        int nAppend = 0;
+        char* p = static_cast<char*>(rev.GetFrontAndPop2(nSize, nAppend, 0));
+        if (p == nullptr) return out;
+        EXPECT_EQ(nAppend, 7);
+        out.emplace_back(p, p + nSize);
+        CDataBufferSTLDeque::FreePopData(p);
+    }
+}
+
+bool WriteAll(int fd, const std::vector<unsigned char>& v)
+{
+    return write(fd, v.data(), v.size()) == static_cast<ssize_t>(v.size());
+}
+
+TEST(ReceiveStep, PacketsSplitAtEveryByteArriveWholeAndInOrder)
+{
+    std::vector<unsigned char> stream;
+    std::vector<std::vector<unsigned char>> packets = {Packet(3, 'a'), Packet(200, 'b'), Packet(0), Packet(70, 'c')};
+    for (auto& p : packets) stream.insert(stream.end(), p.begin(), p.end());
+    for (size_t nCut = 1; nCut < stream.size(); ++nCut) {
+        SocketPair sp;
+        CDataBufferSTLDeque rev(false, 0);
+        RecvState state;
+        ASSERT_TRUE(WriteAll(sp.fd[1], std::vector<unsigned char>(stream.begin(), stream.begin() + nCut)));
+        EXPECT_EQ(state.Receive(sp.fd[0], rev), 0);
+        ASSERT_TRUE(WriteAll(sp.fd[1], std::vector<unsigned char>(stream.begin() + nCut, stream.end())));
+        EXPECT_EQ(state.Receive(sp.fd[0], rev), 0);
+        EXPECT_EQ(TakeAll(rev), packets) << "cut at " << nCut;
+        EXPECT_EQ(state.nUnused, state.nLen);
+    }
+}
+
+TEST(ReceiveStep, ManyPacketsInOneReadAndTheBudget)
+{
+    SocketPair sp;
+    CDataBufferSTLDeque rev(false, 0);
+    RecvState state;
+    std::vector<unsigned char> stream;
+    for (int i = 0; i < 200; ++i) {
+        std::vector<unsigned char> p = Packet(10, static_cast<unsigned char>(i));
+        stream.insert(stream.end(), p.begin(), p.end());
+    }
+    ASSERT_TRUE(WriteAll(sp.fd[1], stream));
+    int ret = 0, nCalls = 0;
+    do {
+        ret = state.Receive(sp.fd[0], rev);
+        ++nCalls;
+    } while (ret == BREL_STEP_BUDGET && nCalls < 100);
+    EXPECT_EQ(ret, 0);
+    std::vector<std::vector<unsigned char>> got = TakeAll(rev);
+    ASSERT_EQ(got.size(), 200u);
+    for (int i = 0; i < 200; ++i) EXPECT_EQ(got[i][2], static_cast<unsigned char>(i));
+}
+
+TEST(ReceiveStep, BadStreamLimitAndClose)
+{
+    {
+        SocketPair sp;
+        CDataBufferSTLDeque rev(false, 0);
+        RecvState state;
+        std::vector<unsigned char> bad = Packet(3);
+        bad.push_back(0x31);
+        ASSERT_TRUE(WriteAll(sp.fd[1], bad));
+        EXPECT_EQ(state.Receive(sp.fd[0], rev), BREL_STEP_BAD_STREAM);
+        EXPECT_TRUE(rev.Empty());  // the good packet before the bad byte is not delivered
+    }
+    {
+        SetBrelRecvPacketMaxSize(100);
+        SocketPair sp;
+        CDataBufferSTLDeque rev(false, 0);
+        RecvState state(8192);
+        std::vector<unsigned char> big = Packet(1000);
+        // Complete within one read: passes, however large.
+        ASSERT_TRUE(WriteAll(sp.fd[1], big));
+        EXPECT_EQ(state.Receive(sp.fd[0], rev), 0);
+        EXPECT_EQ(TakeAll(rev).size(), 1u);
+        // Incomplete beyond the limit: the connection is to be closed.
+        ASSERT_TRUE(WriteAll(sp.fd[1], std::vector<unsigned char>(big.begin(), big.begin() + 500)));
+        EXPECT_EQ(state.Receive(sp.fd[0], rev), BREL_STEP_BAD_STREAM);
+        SetBrelRecvPacketMaxSize(0);
+    }
+    {
+        SocketPair sp;
+        CDataBufferSTLDeque rev(false, 0);
+        RecvState state;
+        ASSERT_TRUE(WriteAll(sp.fd[1], {0x30, 0x05, 1}));
+        close(sp.fd[1]);
+        sp.fd[1] = socket(AF_UNIX, SOCK_STREAM, 0);
+        EXPECT_EQ(state.Receive(sp.fd[0], rev), 0);  // a short read: drained for now
+        EXPECT_EQ(state.Receive(sp.fd[0], rev), BREL_STEP_PEER_CLOSED);
+        EXPECT_EQ(state.nLen - state.nUnused, 3u);  // the rest stays in the buffer
+    }
+}
+
+TEST(SendStep, PartialWritesContinueAtTheRightByte)
+{
+    SocketPair sp;
+    int nSmall = 4096;
+    setsockopt(sp.fd[0], SOL_SOCKET, SO_SNDBUF, &nSmall, sizeof(nSmall));
+    CDataBufferSTLDeque sendBuf(false, 0);
+    std::vector<unsigned char> block(1 << 20);
+    for (size_t i = 0; i < block.size(); ++i) block[i] = static_cast<unsigned char>(i * 7);
+    sendBuf.Push(block.data(), static_cast<unsigned int>(block.size()), BREL_DATA_NORMAL_PRI);
+    unsigned int nLen = 0, nUsed = 0;
+    char* p = static_cast<char*>(sendBuf.GetFrontAndPop(nLen, 0));
+    std::atomic<unsigned int> nRun{1};
+    std::vector<unsigned char> received;
+    int nRounds = 0;
+    while (p != nullptr && nRounds++ < 100000) {
+        int ret = SendAsnBufData(nRun, sp.fd[0], 1, "peer", 1, p, nLen, nUsed, sendBuf, nullptr);
+        if (p != nullptr) {
+            EXPECT_EQ(ret, BREL_STEP_AGAIN);
+        }
+        unsigned char buf[65536];
+        ssize_t n;
+        while ((n = read(sp.fd[1], buf, sizeof(buf))) > 0) received.insert(received.end(), buf, buf + n);
+    }
+    EXPECT_EQ(p, nullptr);
+    EXPECT_EQ(nUsed, 0u);
+    unsigned char buf[65536];
+    ssize_t n;
+    while ((n = read(sp.fd[1], buf, sizeof(buf))) > 0) received.insert(received.end(), buf, buf + n);
+    EXPECT_EQ(received, block);
+}
+
+uint64_t g_lFakeNow = 1000000;
+uint64_t FakeClock() { return g_lFakeNow; }
+
+TEST(SendStep, TokensLimitTheWrite)
+{
+    SocketPair sp;
+    CDataBufferSTLDeque sendBuf(false, 0);
+    std::vector<unsigned char> block(1000, 'z');
+    sendBuf.Push(block.data(), 1000, BREL_DATA_NORMAL_PRI);
+    unsigned int nLen = 0, nUsed = 0;
+    char* p = static_cast<char*>(sendBuf.GetFrontAndPop(nLen, 0));
+    CNetflowTokenBucket bucket;
+    bucket.SetClock(FakeClock);
+    bucket.SetSpeed(8000);  // 400 bytes a 50 ms period
+    std::atomic<unsigned int> nRun{1};
+    EXPECT_EQ(SendAsnBufData(nRun, sp.fd[0], 1, "peer", 1, p, nLen, nUsed, sendBuf, &bucket), BREL_STEP_NO_TOKEN);
+    EXPECT_EQ(nUsed, 400u);
+    EXPECT_EQ(SendAsnBufData(nRun, sp.fd[0], 1, "peer", 1, p, nLen, nUsed, sendBuf, &bucket), BREL_STEP_NO_TOKEN);
+    EXPECT_EQ(nUsed, 400u);  // no period has passed
+    g_lFakeNow += 50;
+    EXPECT_EQ(SendAsnBufData(nRun, sp.fd[0], 1, "peer", 1, p, nLen, nUsed, sendBuf, &bucket), BREL_STEP_NO_TOKEN);
+    EXPECT_EQ(nUsed, 800u);
+    g_lFakeNow += 50;
+    EXPECT_EQ(SendAsnBufData(nRun, sp.fd[0], 1, "peer", 1, p, nLen, nUsed, sendBuf, &bucket), 0);
+    EXPECT_EQ(p, nullptr);
+    EXPECT_EQ(bucket.GetTokenCount(), 200u);
+}
+
+TEST(TokenBucket, GrantsRefillsReturnsAndClockGoingBack)
+{
+    g_lFakeNow = 5000000;
+    CNetflowTokenBucket bucket;
+    bucket.SetClock(FakeClock);
+    bucket.SetSpeed(10000);  // quantum 500
+    EXPECT_TRUE(bucket.IsEmptyToken());
+    bucket.GenNewToken();
+    EXPECT_EQ(bucket.GetTokenCount(), 500u);
+    EXPECT_EQ(bucket.GetToken(200), 200u);
+    EXPECT_EQ(bucket.GetToken(1000), 300u);  // all that is left
+    EXPECT_TRUE(bucket.IsEmptyToken());
+    bucket.GenNewToken();
+    EXPECT_EQ(bucket.GetTokenCount(), 0u);  // within the period
+    EXPECT_EQ(bucket.DisMilliSecondNextCanGenNewToken(), 50u);
+    g_lFakeNow += 30;
+    EXPECT_EQ(bucket.DisMilliSecondNextCanGenNewToken(), 20u);
+    g_lFakeNow += 20;
+    bucket.GenNewToken();
+    EXPECT_EQ(bucket.GetTokenCount(), 500u);  // assigned, not added
+    g_lFakeNow += 10000;
+    bucket.GenNewToken();
+    EXPECT_EQ(bucket.GetTokenCount(), 500u);  // idle time earns nothing
+
+    // Returns are cut to a quantum and capped at one second's worth.
+    bucket.ReturnSomeToken(9999);
+    EXPECT_EQ(bucket.GetTokenCount(), 1000u);
+    for (int i = 0; i < 30; ++i) bucket.ReturnSomeToken(500);
+    EXPECT_EQ(bucket.GetTokenCount(), 10000u);
+
+    // A clock set back restarts the period from the new time.
+    bucket.GetToken(10000);
+    g_lFakeNow -= 100000;
+    bucket.GenNewToken();
+    EXPECT_EQ(bucket.GetTokenCount(), 0u);
+    g_lFakeNow += 50;
+    bucket.GenNewToken();
+    EXPECT_EQ(bucket.GetTokenCount(), 500u);
+}
+
+} // namespace
