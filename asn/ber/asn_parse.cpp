@@ -14,12 +14,12 @@ void CPacketBuffer::Grow(unsigned int nNeeded)
     m_nPacketBufSize = nSize;
 }
 
-void CPacketBuffer::ShrinkTo(unsigned int nMaxKeep)
+bool CPacketBuffer::Allocate(unsigned int nSize)
 {
-    if (m_nPacketBufSize <= nMaxKeep) return;
     free(m_pPacketBuf);
-    m_pPacketBuf = nullptr;
-    m_nPacketBufSize = 0;
+    m_pPacketBuf = static_cast<char*>(malloc(nSize));
+    m_nPacketBufSize = m_pPacketBuf == nullptr ? 0 : nSize;
+    return m_pPacketBuf != nullptr;
 }
 
 } // namespace brel_lib

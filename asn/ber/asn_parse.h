@@ -67,8 +67,9 @@ public:
         return nullptr;
     }
 
-    // Gives the block back to the allocator when it is larger than nMaxKeep.
-    void ShrinkTo(unsigned int nMaxKeep);
+    // Replaces the block by a fresh one of exactly nSize bytes; false when
+    // the allocation failed (the caller logs and exits).
+    bool Allocate(unsigned int nSize);
     unsigned int Size() const { return m_nPacketBufSize; }
 
 private:

@@ -75,6 +75,8 @@ InstallTree::InstallTree()
         {"agent_id", "127.0.0.1"},
         {"server_ip", "127.0.0.1"},
         {"server_port", "1"},
+        {"server_slave_ip", ""},
+        {"server_slave_port", ""},
         {"connect_timeout_second", "1"},
         {"connect_failed_sleep_second", "1"},
         {"connect_failed_second_switch", "1"},

@@ -16,6 +16,7 @@
 #include "net_socket.h"
 #include "network_client.h"
 #include "process.h"
+#include "process_common.h"
 #include "util.h"
 
 using namespace brel_lib;
@@ -152,7 +153,7 @@ void RefreshAgentId()
 }
 
 // Returns false when the reload asks the agent to end.
-bool DoReload(const CIniFile& iniMain, CNetworkClientBrel& link)
+bool DoReload(const CIniFile& iniMain, CNetworkClientBrel& link, CProcessCommon& session)
 {
     Log(LOG_LEVEL_INFO, "main(receive signusr1, we will reload cfg)");
     ReLoadCfg();
@@ -162,16 +163,17 @@ bool DoReload(const CIniFile& iniMain, CNetworkClientBrel& link)
     }
     // From main's own file as it stood at start: these keys change only with a restart.
     ApplyConnectSettings(link, ReadConnectSettings(iniMain));
+    session.ReloadCfg();
     return true;
 }
 
-void MainLoop(const CIniFile& iniMain, CNetworkClientBrel& link)
+void MainLoop(const CIniFile& iniMain, CNetworkClientBrel& link, CProcessCommon& session)
 {
     time_t tRefresh = time(nullptr);
     while (g_nContinueRun != 0) {
         if (g_nReloadCfg != 0) {
             g_nReloadCfg = 0;
-            if (!DoReload(iniMain, link)) break;
+            if (!DoReload(iniMain, link, session)) break;
         }
         time_t tNow = time(nullptr);
         if (tRefresh > tNow) tRefresh = tNow;  // the clock went back
@@ -237,18 +239,27 @@ int main(int argc, char* argv[])
 
     CDataBufferSTLDeque* pRevBuffer = new CDataBufferSTLDeque(true, 0);
     CDataBufferSTLDeque* pSendBuffer = new CDataBufferSTLDeque(false, SEND_BUFFER_MAX_PACKETS);
+    CProcessCommon* pSession = new CProcessCommon(*pRevBuffer, *pSendBuffer);
     CNetworkClientBrel* pLink = new CNetworkClientBrel(*pRevBuffer, *pSendBuffer, false);
     ApplyConnectSettings(*pLink, settings);
+    pSession->SetAgentVersion(g_strVersion);
+    pSession->SetCfgFile(g_strCfgFile);
+    pSession->SetNetwork(pLink);
     // The order makes the first server the preferred one; an empty slave adds nothing.
     pLink->AddServer(strServerIp, PortOf(strServerPort));
     pLink->AddServer(strServerSlaveIp, PortOf(strServerSlavePort));
+    // The session runs, and has queued its first heartbeat, before the first connect.
+    if (pSession->Start() != 0) exit(1);
     if (pLink->Start(true) != 0) exit(1);
 
-    MainLoop(iniMain, *pLink);
+    MainLoop(iniMain, *pLink, *pSession);
 
+    // The session first, so that its exit notice can still leave on the link.
+    pSession->Stop();
     pLink->Stop();
     Log(LOG_LEVEL_INFO, "we end\n");
     delete pLink;
+    delete pSession;
     delete pSendBuffer;
     delete pRevBuffer;
     return 0;

@@ -1,0 +1,293 @@
+// The server session of the real agent against a test work server: the
+// heartbeat and its timing, agent info, dispatch of what the agent does not
+// serve, the watch on the server's answers, moves between servers and the
+// exit notice.
+#include <gtest/gtest.h>
+#include <arpa/inet.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include "install_tree.h"
+#include "tcp_peer.h"
+#include "test_work_server.h"
+#include "util.h"
+
+using namespace agent_test;
+
+namespace {
+
+// 127.0.0.1 as the agent id: the address as inet_pton leaves it, read as one integer.
+const unsigned int AGENT_ID_LOOPBACK = brel_lib::IpStringToInt("127.0.0.1");
+
+class AgentSession : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        std::string strWhy;
+        if (!CanRunEndToEnd(strWhy)) GTEST_SKIP() << strWhy;
+        m_pTree = std::make_unique<InstallTree>();
+        m_pServer = std::make_unique<TestWorkServer>();
+        Tree().Config()["server_port"] = std::to_string(m_pServer->Port());
+        Tree().Config()["heartbeat_second"] = "3";
+        Tree().WriteConfig();
+    }
+
+    InstallTree& Tree() { return *m_pTree; }
+    TestWorkServer& Server() { return *m_pServer; }
+
+    std::unique_ptr<InstallTree> m_pTree;
+    std::unique_ptr<TestWorkServer> m_pServer;
+};
+
+TEST_F(AgentSession, FirstHeartbeatIsByteExactAndTheNextFollowTheConnect)
+{
+    pid_t pid = Tree().StartForeground();
+    TestWorkServer::Received first;
+    ASSERT_TRUE(Server().WaitFor(Zik::reqWorkAgentHeartbeatCid, 5000, &first));
+    // version 4, append 0, agent id 127.0.0.1 as bytes 7F 00 00 01 read as one little-endian integer.
+    std::vector<unsigned char> expected = {0x30, 0x12, 0x02, 0x01, 0x04, 0x02, 0x01, 0x00, 0xBF, 0x82,
+                                           0x2C, 0x08, 0x30, 0x06, 0x02, 0x04, 0x01, 0x00, 0x00, 0x7F};
+    EXPECT_EQ(first.bytes, expected);
+    EXPECT_EQ(first.nConnection, 1);
+
+    // NetConnected: the next one about 2 s after the connect, then every heartbeat_second.
+    TestWorkServer::Received second, third;
+    ASSERT_TRUE(Server().WaitFor(Zik::reqWorkAgentHeartbeatCid, 5000, &second, 2));
+    ASSERT_TRUE(Server().WaitFor(Zik::reqWorkAgentHeartbeatCid, 6000, &third, 3));
+    int64_t lConnect = Server().ConnectTimeMs(1);
+    EXPECT_GE(second.lTimeMs - lConnect, 900);
+    EXPECT_LE(second.lTimeMs - lConnect, 2300);
+    EXPECT_GE(third.lTimeMs - second.lTimeMs, 2700);
+    EXPECT_LE(third.lTimeMs - second.lTimeMs, 3400);
+
+    // After a reconnect a heartbeat comes about 2 s after the new connect.
+    Server().DropConnection();
+    ASSERT_TRUE(Server().WaitConnections(2, 5000));
+    int64_t lReconnect = Server().ConnectTimeMs(2);
+    TestWorkServer::Received afterReconnect;
+    size_t nBefore = static_cast<size_t>(Server().Count(Zik::reqWorkAgentHeartbeatCid));
+    ASSERT_TRUE(Server().WaitFor(Zik::reqWorkAgentHeartbeatCid, 5000, &afterReconnect, nBefore + 1));
+    EXPECT_EQ(afterReconnect.nConnection, 2);
+    EXPECT_LE(afterReconnect.lTimeMs - lReconnect, 2300);
+    kill(pid, SIGINT);
+    EXPECT_EQ(Tree().WaitExit(pid, 5000), 0);
+}
+
+TEST_F(AgentSession, AgentInfoAnswersWithAppendZeroAndTheVersion)
+{
+    pid_t pid = Tree().StartForeground();
+    ASSERT_TRUE(Server().WaitFor(Zik::reqWorkAgentHeartbeatCid, 5000));
+    ReqWorkAgentInfo req;
+    req.fill = 1;
+    ASSERT_TRUE(Server().Send(req, 55));
+    TestWorkServer::Received got;
+    ASSERT_TRUE(Server().WaitFor(Zik::rspWorkAgentInfoCid, 5000, &got));
+    EXPECT_EQ(got.nAppend, 0);
+    EXPECT_EQ(got.nVersion, 4);
+    RspWorkAgentInfo info;
+    ASSERT_TRUE(DecodeBody(got, info));
+    ASSERT_NE(info.agentInfo.get(), nullptr);
+    EXPECT_EQ(info.agentInfo->version, 117440551);
+    EXPECT_EQ(static_cast<unsigned int>(info.agentInfo->agentId.value), AGENT_ID_LOOPBACK);
+    EXPECT_LE(std::abs(info.agentInfo->startTime - static_cast<int>(time(nullptr))), 30);
+    kill(pid, SIGINT);
+    EXPECT_EQ(Tree().WaitExit(pid, 5000), 0);
+}
+
+TEST_F(AgentSession, CarriedUndecodableAndBrokenPacketsChangeNothing)
+{
+    pid_t pid = Tree().StartForeground();
+    ASSERT_TRUE(Server().WaitFor(Zik::reqWorkAgentHeartbeatCid, 5000));
+    ReqJobCreateList jobs;
+    jobs.Append()->author = "job";
+    ASSERT_TRUE(Server().Send(jobs, 9));
+    EXPECT_TRUE(Tree().WaitForLog(
+        "CProcessCommon::Run(we recevie a data, but we don't know it, the choiceid: 37)", 3000));
+    // Framed, but not a packet of the catalogue.
+    ASSERT_TRUE(Server().SendRaw({0x30, 0x03, 0x02, 0x01, 0x05}));
+    EXPECT_TRUE(Tree().WaitForLog("CProcessCommon::DealReq(parse from buffer is error)", 3000));
+    EXPECT_EQ(Server().Connections(), 1);
+    // Bytes that break the framing: the link reconnects, the session goes on.
+    ASSERT_TRUE(Server().SendRaw({0x31, 0x02, 0x00, 0x00}));
+    ASSERT_TRUE(Server().WaitConnections(2, 5000));
+    ReqWorkAgentInfo req;
+    ASSERT_TRUE(Server().Send(req, 1));
+    EXPECT_TRUE(Server().WaitFor(Zik::rspWorkAgentInfoCid, 5000));
+    EXPECT_TRUE(Tree().IsAlive(pid));
+    kill(pid, SIGINT);
+    EXPECT_EQ(Tree().WaitExit(pid, 5000), 0);
+}
+
+TEST_F(AgentSession, SilentServerMakesTheAgentMoveThenRestart)
+{
+    TestWorkServer slave;
+    Tree().Config()["server_slave_ip"] = "127.0.0.1";
+    Tree().Config()["server_slave_port"] = std::to_string(slave.Port());
+    Tree().Config()["heartbeat_second"] = "1";
+    Tree().Config()["server_heartbeat_respond_second"] = "1";  // checks every 1 + 2 x 1 = 3 s
+    Tree().Config()["server_heartbeat_failed_times_to_exit"] = "2";
+    Tree().WriteConfig();
+    pid_t pid = Tree().StartForeground();
+    ASSERT_TRUE(Server().WaitConnections(1, 5000));
+    // First check: next server; second check: back to the first; third: restart.
+    ASSERT_TRUE(slave.WaitConnections(1, 6000));
+    ASSERT_TRUE(Server().WaitConnections(2, 6000));
+    EXPECT_EQ(Tree().WaitExit(pid, 8000), 1);
+    std::string strLog = Tree().ReadLog();
+    size_t nWarn = 0;
+    for (size_t nPos = strLog.find("server is not respond in 3sec, we reconnect it"); nPos != std::string::npos;
+         nPos = strLog.find("server is not respond in 3sec, we reconnect it", nPos + 1)) {
+        ++nWarn;
+    }
+    EXPECT_EQ(nWarn, 2u);
+    EXPECT_NE(strLog.find("Error  ("), std::string::npos);
+    EXPECT_NE(strLog.find("CProcessCommon::DealHeartbeatTimeout(server is not respond in 9sec, we will restart)"),
+              std::string::npos);
+    EXPECT_EQ(ReadFile(Tree().Path("log/restart.txt")), "restarted\n");
+    EXPECT_EQ(strLog.find("we end"), std::string::npos);
+}
+
+TEST_F(AgentSession, OneAnswerResetsTheCount)
+{
+    Tree().Config()["heartbeat_second"] = "1";
+    Tree().Config()["server_heartbeat_respond_second"] = "1";
+    Tree().Config()["server_heartbeat_failed_times_to_exit"] = "2";
+    Tree().WriteConfig();
+    pid_t pid = Tree().StartForeground();
+    ASSERT_TRUE(Tree().WaitForLog("we reconnect it", 6000));
+    // Answer one heartbeat: the next check finds an answer and the count is 0 again.
+    Server().SetAnswerHeartbeats(true);
+    ASSERT_TRUE(Tree().WaitForLog("CProcessCommon::DealHeartbeatTimeout(server is respond in we want sec)", 8000));
+    Server().SetAnswerHeartbeats(false);
+    // Two more silent checks move the agent; only the third restarts it.
+    EXPECT_EQ(Tree().WaitExit(pid, 15000), 1);
+    std::string strLog = Tree().ReadLog();
+    size_t nRespond = strLog.find("server is respond in we want sec");
+    size_t nWarnAfter = 0;
+    for (size_t nPos = strLog.find("we reconnect it", nRespond); nPos != std::string::npos;
+         nPos = strLog.find("we reconnect it", nPos + 1)) {
+        ++nWarnAfter;
+    }
+    EXPECT_EQ(nWarnAfter, 2u);
+}
+
+unsigned int Loopback() { return brel_lib::IpStringToInt("127.0.0.1"); }
+
+TEST_F(AgentSession, ConnectNewServerMovesTheAgentAndRewritesTheFile)
+{
+    TestWorkServer newServer;
+    pid_t pid = Tree().StartForeground();
+    ASSERT_TRUE(Server().WaitFor(Zik::reqWorkAgentHeartbeatCid, 5000));
+    ReqWorkAgentConnectNewServer order;
+    order.newServerIp = static_cast<int>(Loopback());
+    order.newServerPort = newServer.Port();
+    order.newServerSlaveIp = static_cast<int>(Loopback());
+    order.newServerSlavePort = 4321;
+    ASSERT_TRUE(Server().Send(order, 77));
+    ASSERT_TRUE(newServer.WaitFor(Zik::reqWorkAgentHeartbeatCid, 5000));
+    std::string strConfig = ReadFile(Tree().Path("etc/config"));
+    EXPECT_NE(strConfig.find("server_ip = 127.0.0.1\n"), std::string::npos);
+    EXPECT_NE(strConfig.find("server_port = " + std::to_string(newServer.Port()) + "\n"), std::string::npos);
+    EXPECT_NE(strConfig.find("server_slave_ip = 127.0.0.1\n"), std::string::npos);
+    EXPECT_NE(strConfig.find("server_slave_port = 4321\n"), std::string::npos);
+    EXPECT_TRUE(Tree().WaitForLog("CProcessCommon::DealConnectToNewServer(change the config success)", 2000));
+    EXPECT_EQ(Server().Count(Zik::rspWorkAgentConnectNewServerCid), 0);  // success sends no reply
+    kill(pid, SIGINT);
+    EXPECT_EQ(Tree().WaitExit(pid, 5000), 0);
+}
+
+TEST_F(AgentSession, FailedRewriteGoesBackToTheOldServerWith310)
+{
+    TestWorkServer newServer;
+    pid_t pid = Tree().StartForeground();
+    ASSERT_TRUE(Server().WaitFor(Zik::reqWorkAgentHeartbeatCid, 5000));
+    // sed can't edit a directory: the rewrite fails.
+    std::string strConfig = Tree().Path("etc/config");
+    ASSERT_EQ(rename(strConfig.c_str(), (strConfig + ".saved").c_str()), 0);
+    ASSERT_EQ(mkdir(strConfig.c_str(), 0755), 0);
+    ReqWorkAgentConnectNewServer order;
+    order.newServerIp = static_cast<int>(Loopback());
+    order.newServerPort = newServer.Port();
+    ASSERT_TRUE(Server().Send(order, 78));
+    TestWorkServer::Received reply;
+    ASSERT_TRUE(Server().WaitFor(Zik::rspWorkAgentConnectNewServerCid, 12000, &reply));
+    EXPECT_EQ(reply.nAppend, 78);
+    RspWorkAgentConnectNewServer rsp;
+    ASSERT_TRUE(DecodeBody(reply, rsp));
+    EXPECT_EQ(rsp.ret, 310);
+    EXPECT_EQ(static_cast<unsigned int>(rsp.agentId.value), AGENT_ID_LOOPBACK);
+    EXPECT_TRUE(Tree().WaitForLog("CProcessCommon::DealConnectToNewServer(change the config fail)", 1000));
+    EXPECT_TRUE(Tree().WaitForLog("slave server ip error", 1000));
+    EXPECT_EQ(newServer.Count(Zik::reqWorkAgentHeartbeatCid), 0);
+    kill(pid, SIGINT);
+    EXPECT_EQ(Tree().WaitExit(pid, 5000), 0);
+}
+
+TEST_F(AgentSession, NeedGetNewWsAsksWithTheFirstTwoHeartbeatsOnly)
+{
+    Tree().Config()["heartbeat_second"] = "1";
+    Tree().Config()["need_get_new_ws"] = "1";
+    Tree().WriteConfig();
+    pid_t pid = Tree().StartForeground();
+    ASSERT_TRUE(Server().WaitFor(Zik::reqWorkAgentHeartbeatCid, 5000, nullptr, 5));
+    EXPECT_EQ(Server().Count(Zik::reqWorkAgentGetNewWsCid), 2);
+    TestWorkServer::Received got;
+    ASSERT_TRUE(Server().WaitFor(Zik::reqWorkAgentGetNewWsCid, 100, &got));
+    EXPECT_EQ(got.nAppend, 0);
+
+    RspWorkAgentGetNewWs stay;  // address 0: the agent stays
+    ASSERT_TRUE(Server().Send(stay, 3));
+    EXPECT_TRUE(Tree().WaitForLog("CProcessCommon::RspGetNewWs(not need connect to new server)", 3000));
+    EXPECT_NE(ReadFile(Tree().Path("etc/config")).find("need_get_new_ws = 0\n"), std::string::npos);
+    kill(pid, SIGINT);
+    EXPECT_EQ(Tree().WaitExit(pid, 5000), 0);
+}
+
+TEST_F(AgentSession, ExitNoticeReachesTheServerBeforeTheEnd)
+{
+    pid_t pid = Tree().StartForeground();
+    ASSERT_TRUE(Server().WaitFor(Zik::reqWorkAgentHeartbeatCid, 5000));
+    kill(pid, SIGINT);
+    EXPECT_EQ(Tree().WaitExit(pid, 5000), 0);
+    TestWorkServer::Received notice;
+    ASSERT_TRUE(Server().WaitFor(Zik::reqWorkAgentExitCid, 2000, &notice));
+    EXPECT_EQ(notice.nAppend, 0);
+    std::string strLog = Tree().ReadLog();
+    EXPECT_NE(strLog.find("CProcessCommon::Run(send to server agent exit is ok)"), std::string::npos);
+}
+
+TEST_F(AgentSession, ExitWithTheLinkDownDoesNotWait)
+{
+    Tree().Config()["server_port"] = std::to_string(RefusedPort());
+    Tree().WriteConfig();
+    pid_t pid = Tree().StartForeground();
+    ASSERT_TRUE(Tree().WaitForLog("connect the server is failed", 5000));
+    int64_t lStart = SteadyMs();
+    kill(pid, SIGINT);
+    EXPECT_EQ(Tree().WaitExit(pid, 5000), 0);
+    EXPECT_LT(SteadyMs() - lStart, 900);
+    EXPECT_NE(Tree().ReadLog().find("CProcessCommon::Run(send to server agent exit is failed because network was not "
+                                    "connect now)"),
+              std::string::npos);
+}
+
+TEST_F(AgentSession, PublicKeyVersionZeroStopsStartAndReload)
+{
+    Tree().Config()["public_key_version"] = "0";
+    Tree().WriteConfig();
+    pid_t pid = Tree().StartForeground();
+    EXPECT_EQ(Tree().WaitExit(pid, 5000), 1);
+    EXPECT_NE(Tree().ReadLog().find("Error  ("), std::string::npos);
+    EXPECT_NE(Tree().ReadLog().find("CProcessCommon::LoadCfg(public key version error)"), std::string::npos);
+
+    Tree().Config()["public_key_version"] = "3";
+    Tree().WriteConfig();
+    pid = Tree().StartForeground();
+    ASSERT_TRUE(Server().WaitFor(Zik::reqWorkAgentHeartbeatCid, 5000));
+    Tree().Config()["public_key_version"] = "0";
+    Tree().WriteConfig();
+    kill(pid, SIGUSR1);
+    EXPECT_EQ(Tree().WaitExit(pid, 5000), 1);
+}
+
+} // namespace

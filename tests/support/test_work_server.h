@@ -1,0 +1,106 @@
+// A work server for end-to-end tests, built on the project's codec: listens
+// on 127.0.0.1, accepts the agent (a new connection replaces the old one),
+// cuts packets by the stream framing, decodes and records them with their
+// arrival times, and sends any packet. Every wait is bounded.
+#pragma once
+
+#include <stdint.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "asn_parse.h"
+#include "zik_pkt.h"
+
+namespace agent_test {
+
+int64_t SteadyMs();
+
+class TestWorkServer {
+public:
+    struct Received {
+        int nChoiceId = -1;  // -1 when the packet did not decode
+        int nAppend = 0;
+        int nVersion = 0;
+        int nConnection = 0;  // 1 for the first accepted connection
+        int64_t lTimeMs = 0;
+        std::vector<unsigned char> bytes;
+    };
+
+    explicit TestWorkServer(unsigned short nPort = 0);
+    ~TestWorkServer();
+    TestWorkServer(const TestWorkServer&) = delete;
+    TestWorkServer& operator=(const TestWorkServer&) = delete;
+
+    unsigned short Port() const { return m_nPort; }
+    // Answers each heartbeat with a RspWorkAgentHeartbeat when on.
+    void SetAnswerHeartbeats(bool bOn) { m_bAnswerHeartbeats = bOn; }
+
+    // Waits until at least n packets of the choice have arrived; the n-th one.
+    bool WaitFor(int nChoiceId, int nTimeoutMs, Received* pOut = nullptr, size_t n = 1);
+    bool WaitConnections(int n, int nTimeoutMs);
+    int Count(int nChoiceId);
+    std::vector<Received> Packets();
+    int Connections();
+    int64_t ConnectTimeMs(int nConnection);
+
+    template <class T>
+    bool Send(T& message, int nAppend);
+    bool SendRaw(const std::vector<unsigned char>& bytes);
+    void DropConnection();
+
+private:
+    void Loop();
+    void OnBytes(const unsigned char* p, size_t n);
+    void Record(const std::vector<unsigned char>& packet);
+
+    int m_fdListen = -1;
+    unsigned short m_nPort = 0;
+    std::thread m_thread;
+    bool m_bStop = false;  // guarded by m_mutex
+    std::atomic<bool> m_bAnswerHeartbeats{false};
+
+    std::mutex m_mutex;  // guards everything below
+    std::condition_variable m_cond;
+    int m_fdConn = -1;
+    int m_nConnections = 0;
+    std::vector<int64_t> m_vecConnectTimes;
+    std::vector<unsigned char> m_vecPending;
+    std::vector<Received> m_vecReceived;
+    bool m_bDropRequested = false;
+};
+
+// Decodes a recorded packet's body into a message of the expected type.
+template <class T>
+bool DecodeBody(const TestWorkServer::Received& received, T& out)
+{
+    ZikPacket packet;
+    unsigned int nUsed = 0;
+    std::vector<unsigned char> bytes = received.bytes;
+    if (brel_lib::ParseFromBuffer(packet, nUsed, reinterpret_cast<char*>(bytes.data()),
+                                  static_cast<unsigned int>(bytes.size())) != 0) {
+        return false;
+    }
+    if (packet.body.get() == nullptr || packet.body->choiceId != ZikChoiceOf<T>::value) return false;
+    out = *static_cast<T*>(packet.body->Alternative());
+    return true;
+}
+
+template <class T>
+std::vector<unsigned char> EncodeMessage(T& message, int nAppend)
+{
+    brel_lib::CPacketBuffer block("TestWorkServer", 0);
+    unsigned int nSize = 0;
+    char* p = EncodePacket(block, message, nAppend, nSize);
+    return p == nullptr ? std::vector<unsigned char>() : std::vector<unsigned char>(p, p + nSize);
+}
+
+template <class T>
+bool TestWorkServer::Send(T& message, int nAppend)
+{
+    return SendRaw(EncodeMessage(message, nAppend));
+}
+
+} // namespace agent_test

@@ -1,0 +1,507 @@
+#include "process_common.h"
+
+#include <stdlib.h>
+#include <unistd.h>
+
+#include "agent.h"
+#include "agent_clock.h"
+#include "ini_file.h"
+#include "log.h"
+#include "util.h"
+
+using namespace brel_lib;
+
+namespace {
+
+const unsigned int PACKET_BUF_SIZE = 524288;
+// Consumers of the receive buffer wait this long, so the timers run between packets.
+const unsigned int REV_WAIT_MILLISECOND = 100;
+// The history is swept after more than this many seconds.
+const time_t HISTORY_SWEEP_SECOND = 179;
+// A history map beyond this size loses its lowest work ids first.
+const size_t HISTORY_MAX_ENTRIES = 1000;
+// Requests for a new server go out with the first heartbeats only.
+const int GET_NEW_WS_TIMES = 2;
+const int RET_MOVE_REFUSED = 310;
+
+const char* const CONFIG_PATH_FORMAT = "/proc/%d/cwd/../etc/config";
+
+// Pulls a stored time that lies in the future back to now: a clock set back
+// neither stalls a timer nor makes anything expire early.
+template <class T>
+void PullBack(T& tStored, time_t tNow)
+{
+    if (tStored > tNow) tStored = tNow;
+}
+
+std::string ConfigPath()
+{
+    char szPath[64];
+    snprintf(szPath, sizeof(szPath), CONFIG_PATH_FORMAT, static_cast<int>(getpid()));
+    return szPath;
+}
+
+} // namespace
+
+void GNetConnected(unsigned int, BREL_NET_CALLBACK_TYPE type, void* pAppend, int)
+{
+    if (type == BREL_CONNECT_OK) static_cast<CProcessCommon*>(pAppend)->NetConnected(type);
+}
+
+// The dispatch table: choice id to handler. Requests whose part of the agent
+// is not built yet are logged as such.
+#define ROUTE(Type, Fn) {ZikChoiceOf<Type>::value, &CProcessCommon::Dispatch<Type, &CProcessCommon::Fn>}
+#define NOT_SERVED(Type) {ZikChoiceOf<Type>::value, &CProcessCommon::NotServedYet}
+const CProcessCommon::Route CProcessCommon::s_routes[] = {
+    NOT_SERVED(ReqWorkCmdCreate),
+    NOT_SERVED(ReqWorkCmdSetAction),
+    NOT_SERVED(ReqWorkCmdQuery),
+    NOT_SERVED(ReqWorkCmdDelete),
+    NOT_SERVED(ReqWorkFileSrcCreate),
+    NOT_SERVED(ReqWorkFileDstCreate),
+    NOT_SERVED(ReqWorkFileDstSetAction),
+    NOT_SERVED(ReqWorkFileDstQuery),
+    NOT_SERVED(ReqWorkFileSrcDelete),
+    NOT_SERVED(ReqWorkFileDstDelete),
+    ROUTE(RspWorkAgentHeartbeat, RspHeartbeat),
+    ROUTE(ReqWorkAgentConnectNewServer, ReqConnectNewServer),
+    ROUTE(ReqWorkAgentInfo, ReqInfo),
+    ROUTE(RspWorkAgentGetNewWs, RspGetNewWs),
+    NOT_SERVED(ReqWorkFileDstCreate2),
+    NOT_SERVED(RspSessionKey),
+    NOT_SERVED(ReqWorkCmdCreateEnc),
+    NOT_SERVED(ReqWorkCmdSetActionEnc),
+    NOT_SERVED(ReqWorkFileSrcCreateEnc),
+    NOT_SERVED(ReqWorkFileDstCreateEnc),
+    NOT_SERVED(ReqWorkFileDstSetActionEnc),
+    NOT_SERVED(ReqWorkFileDstCreate2Enc),
+};
+#undef ROUTE
+#undef NOT_SERVED
+
+CProcessCommon::CProcessCommon(CDataBufferSTLDeque& revDataBuffer, CDataBufferSTLDeque& sendDataBuffer)
+    : m_revDataBuffer(revDataBuffer), m_sendDataBuffer(sendDataBuffer), m_packetBuf("CProcessCommon", 0)
+{
+}
+
+CProcessCommon::~CProcessCommon() { CThread::Stop(); }
+
+// ---- start, stop, configuration -------------------------------------------------
+
+int CProcessCommon::Start()
+{
+    Log(LOG_LEVEL_INFO, "CProcessCommon::Start");
+    {
+        CAutoLock lock(m_lock);
+        if (!m_packetBuf.Allocate(PACKET_BUF_SIZE)) {
+            Log(LOG_LEVEL_ERROR, "CProcessCommon::Start(malloc asn buf is error, malloc size: %u)", PACKET_BUF_SIZE);
+            exit(1);
+        }
+    }
+    LoadCfg();
+    if (m_pNetwork != nullptr) m_pNetwork->SetNetCallback(GNetConnected, this);
+    return CThread::Start();
+}
+
+int CProcessCommon::Stop()
+{
+    Log(LOG_LEVEL_INFO, "CProcessCommon::Stop");
+    int ret = CThread::Stop();
+    if (ret != 0) {
+        Log(LOG_LEVEL_ERROR, "CProcessCommon::Stop(is error, ret: %d)", ret);
+        exit(1);
+    }
+    CAutoLock lock(m_lock);
+    m_packetBuf.Allocate(0);
+    m_nNowAppend = 0;
+    m_nNowSrcServerIp = m_nNowSrcServerId = 0;
+    m_nRespondHeartbeatFailedNowCount = 0;
+    return 0;
+}
+
+void CProcessCommon::ReloadCfg()
+{
+    Log(LOG_LEVEL_INFO, "CProcessCommon::ReloadCfg");
+    LoadCfg();
+}
+
+void CProcessCommon::LoadCfg()
+{
+    CIniFile ini;
+    if (ini.Load(m_strCfgFile) != 0) return;
+    int nHeartbeat = StringToInt(ini.GetIni("heartbeat_second", ""));
+    if (nHeartbeat < 1) nHeartbeat = 50;
+    m_nHeartbeatSecond = nHeartbeat;
+    int nRespond = StringToInt(ini.GetIni("server_heartbeat_respond_second", ""));
+    if (nRespond < 1) nRespond = 300;
+    m_nServerHeartbeatRespondSecond = nRespond + 2 * nHeartbeat;
+    unsigned int nFailed = static_cast<unsigned int>(StringToInt(ini.GetIni("server_heartbeat_failed_times_to_exit", "")));
+    m_nRespondHeartbeatFailedCount = nFailed == 0 ? 5 : nFailed;
+    int nAdjust = StringToInt(ini.GetIni("asn_buffer_auto_adjust_second", ""));
+    m_nAsnBufferAutoAdjustSecond = nAdjust < 1 ? 7200 : nAdjust;
+    unsigned int nKeep = static_cast<unsigned int>(StringToInt(ini.GetIni("work_history_keep_second", "")));
+    m_nWorkHistoryKeepSecond = nKeep == 0 ? 600 : nKeep;
+    std::string strRestart = ini.GetIni("restart_shell", "");
+    {
+        CAutoLock lock(m_lockCfg);
+        m_strRestartShell = strRestart.empty() ? "../tools/op/restart.sh" : strRestart;
+    }
+    int nKeyVersion = StringToInt(ini.GetIni("public_key_version", ""));
+    if (nKeyVersion == 0) {
+        Log(LOG_LEVEL_ERROR, "CProcessCommon::LoadCfg(public key version error)");
+        exit(1);
+    }
+    m_nPublicKeyVersion = nKeyVersion;
+    m_nSessionKeyUpdateSecond = StringToInt(ini.GetIni("session_key_update_second", "3600"));
+}
+
+std::string CProcessCommon::RestartShell()
+{
+    CAutoLock lock(m_lockCfg);
+    return m_strRestartShell;
+}
+
+void CProcessCommon::NetConnected(BREL_NET_CALLBACK_TYPE type)
+{
+    if (type != BREL_CONNECT_OK) return;
+    m_timePreSendHeartbeat = AgentTime() - m_nHeartbeatSecond + 2;
+}
+
+// ---- the loop ----------------------------------------------------------------------
+
+void CProcessCommon::Run()
+{
+    int nGetNewWsLeft = GET_NEW_WS_TIMES;
+    time_t tNow = AgentTime();
+    g_timeNow = tNow;
+    m_timePreAdjustBuf = m_timePreSweepHistory = m_timePreRespondHeartbeat = tNow;
+    while (m_nContinueRun != 0) {
+        DealTimers(nGetNewWsLeft);
+        unsigned int nLength = 0;
+        char* pData = static_cast<char*>(m_revDataBuffer.GetFrontAndPop(nLength, REV_WAIT_MILLISECOND));
+        if (pData != nullptr) {
+            DealReq(pData, nLength);
+            CDataBufferSTLDeque::FreePopData(pData);
+        }
+    }
+    SendExitNotice();
+}
+
+void CProcessCommon::DealTimers(int& nGetNewWsLeft)
+{
+    time_t tNow = AgentTime();
+    g_timeNow = tNow;
+    time_t tPreSend = m_timePreSendHeartbeat;
+    if (tPreSend > tNow) m_timePreSendHeartbeat.compare_exchange_strong(tPreSend, tNow);
+    PullBack(m_timePreRespondHeartbeat, tNow);
+    PullBack(m_timePreAdjustBuf, tNow);
+
+    if (tNow - m_timePreSendHeartbeat >= m_nHeartbeatSecond) {
+        Log(LOG_LEVEL_LOWEST, "CProcessCommon::Run(it is time to send heartbeat)");
+        m_timePreSendHeartbeat = tNow;
+        ReqHeartbeat();
+        if (nGetNewWsLeft > 0 && g_bNeedGetNewWs) {
+            --nGetNewWsLeft;
+            ReqGetNewWs();
+        }
+    }
+    if (tNow - m_timePreRespondHeartbeat >= m_nServerHeartbeatRespondSecond) {
+        Log(LOG_LEVEL_LOWEST, "CProcessCommon::Run(it is time to check the server respond heartbeat)");
+        m_timePreRespondHeartbeat = tNow;
+        DealHeartbeatTimeout();
+    }
+    if (tNow - m_timePreAdjustBuf >= m_nAsnBufferAutoAdjustSecond) {
+        Log(LOG_LEVEL_DEBUG, "CProcessCommon::Run(it is time to auto adjust the asn buffer size)");
+        m_timePreAdjustBuf = tNow;
+        DealAutoAdjustAsnBufSize();
+    }
+    PullBack(m_timePreSweepHistory, tNow);
+    if (tNow - m_timePreSweepHistory > HISTORY_SWEEP_SECOND) {
+        m_timePreSweepHistory = tNow;
+        SweepHistory(m_mapCreatedWorkId, tNow);
+        SweepHistory(m_mapDeletedWorkId, tNow);
+    }
+}
+
+void CProcessCommon::SweepHistory(std::map<unsigned int, long>& mapHistory, time_t tNow)
+{
+    // Ascending work ids: an oversized map loses its lowest ids first.
+    for (auto it = mapHistory.begin(); it != mapHistory.end();) {
+        PullBack(it->second, static_cast<long>(tNow));
+        unsigned int nAge = static_cast<unsigned int>(tNow - it->second);
+        if (mapHistory.size() > HISTORY_MAX_ENTRIES || nAge >= m_nWorkHistoryKeepSecond) {
+            it = mapHistory.erase(it);
+        } else {
+            ++it;
+        }
+    }
+}
+
+void CProcessCommon::DealReq(char* pData, unsigned int nLength)
+{
+    ZikPacket packet;
+    unsigned int nUsed = 0;
+    if (ParseFromBuffer(packet, nUsed, pData, nLength) != 0 || packet.body.get() == nullptr) {
+        Log(LOG_LEVEL_WARNING, "CProcessCommon::DealReq(parse from buffer is error)");
+        return;
+    }
+    m_nNowAppend = packet.append;
+    Zik& body = *packet.body;
+    for (const Route& route : s_routes) {
+        if (route.nChoiceId == body.choiceId) {
+            (this->*route.handler)(body);
+            return;
+        }
+    }
+    Log(LOG_LEVEL_WARNING, "CProcessCommon::Run(we recevie a data, but we don't know it, the choiceid: %d)",
+        static_cast<int>(body.choiceId));
+    LogAsnObj(LOG_LEVEL_OBJDBG, packet);
+}
+
+void CProcessCommon::NotServedYet(Zik& body)
+{
+    Log(LOG_LEVEL_WARNING, "CProcessCommon::DealReq(the request is not served yet, the choiceid: %d)",
+        static_cast<int>(body.choiceId));
+}
+
+// ---- heartbeat, agent info, exit notice ---------------------------------------------
+
+void CProcessCommon::ReqHeartbeat()
+{
+    Log(LOG_LEVEL_LOWEST, "CProcessCommon::SendHeartbeat(send heartbeat to server, agent id: %u)",
+        g_nAgentId.load());
+    ReqWorkAgentHeartbeat heartbeat;
+    heartbeat.agentId = static_cast<int>(g_nAgentId.load());
+    SendToServer(heartbeat, 0);
+    m_bHeartbeat = true;
+}
+
+void CProcessCommon::RspHeartbeat(RspWorkAgentHeartbeat*)
+{
+    // Any answer counts; its ret is not looked at.
+    m_bRespondHeartbeatOk = true;
+    m_nRespondHeartbeatFailedNowCount = 0;
+    Log(LOG_LEVEL_LOWEST, "CProcessCommon::DealHeartbeatResult(server is respond)");
+}
+
+void CProcessCommon::DealHeartbeatTimeout()
+{
+    unsigned int nRespondSecond = static_cast<unsigned int>(m_nServerHeartbeatRespondSecond.load());
+    if (m_nRespondHeartbeatFailedNowCount >= m_nRespondHeartbeatFailedCount) {
+        Log(LOG_LEVEL_ERROR, "CProcessCommon::DealHeartbeatTimeout(server is not respond in %usec, we will restart)",
+            nRespondSecond * (m_nRespondHeartbeatFailedCount + 1));
+        // The supervisor outside restarts the agent; it exits whatever the command did.
+        int ret = system(RestartShell().c_str());
+        (void)ret;
+        exit(1);
+    }
+    if (!m_bRespondHeartbeatOk) {
+        if (m_pNetwork != nullptr) m_pNetwork->SetFlag(CNetworkClientBrel::NET_FLAG_CONNECT_NEXT_SERVER);
+        ++m_nRespondHeartbeatFailedNowCount;
+        Log(LOG_LEVEL_WARNING, "CProcessCommon::DealHeartbeatTimeout(server is not respond in %usec, we reconnect it)",
+            nRespondSecond);
+        return;
+    }
+    m_bRespondHeartbeatOk = false;
+    Log(LOG_LEVEL_DEBUG, "CProcessCommon::DealHeartbeatTimeout(server is respond in we want sec)");
+}
+
+void CProcessCommon::ReqInfo(ReqWorkAgentInfo*)
+{
+    // The request's fill field is not read, and the answer carries append 0.
+    Log(LOG_LEVEL_DEBUG, "CProcessCommon::ReqInfo(send agent info to server, version: %s, start time: %u, now time: %u)",
+        m_strAgentVersion.c_str(), static_cast<unsigned int>(g_nStartTime), static_cast<unsigned int>(g_timeNow.load()));
+    unsigned int nVersion = 0;
+    VersionStringToInt(nVersion, m_strAgentVersion);
+    RspWorkAgentInfo rsp;
+    rsp.agentInfo = new WorkAgentInfo;
+    rsp.agentInfo->agentId = static_cast<int>(g_nAgentId.load());
+    rsp.agentInfo->version = static_cast<int>(nVersion);
+    rsp.agentInfo->startTime = static_cast<int>(g_nStartTime);
+    SendToServer(rsp, 0);
+}
+
+void CProcessCommon::ReqExit()
+{
+    Log(LOG_LEVEL_DEBUG, "CProcessCommon::ReqExit(send agent exit to server)");
+    ReqWorkAgentExit notice;
+    notice.agentId = static_cast<int>(g_nAgentId.load());
+    SendToServer(notice, 0);
+}
+
+void CProcessCommon::SendExitNotice()
+{
+    if (m_pNetwork == nullptr || !m_pNetwork->IsConnected()) {
+        Log(LOG_LEVEL_WARNING,
+            "CProcessCommon::Run(send to server agent exit is failed because network was not connect now)");
+        return;
+    }
+    ReqExit();
+    // At most one second, until the link has taken the queue.
+    int nCount = 100;
+    while (m_sendDataBuffer.GetDataNum() != 0) {
+        if (--nCount < 0) break;
+        Sleep(10);
+    }
+    if (nCount > 0) {
+        Log(LOG_LEVEL_DEBUG, "CProcessCommon::Run(send to server agent exit is ok)");
+    } else {
+        Log(LOG_LEVEL_WARNING, "CProcessCommon::Run(send to server agent exit is failed in 1s)");
+    }
+}
+
+void CProcessCommon::DealAutoAdjustAsnBufSize()
+{
+    // Under the lock: the command manager's thread may be encoding a result.
+    CAutoLock lock(m_lock);
+    unsigned int nSize = m_packetBuf.Size();
+    if (nSize <= PACKET_BUF_SIZE) {
+        Log(LOG_LEVEL_DEBUG, "CProcessCommon::DealAutoAdjustAsnBufSize(not need to adjust asn buffer, now size: %u)",
+            nSize);
+        return;
+    }
+    Log(LOG_LEVEL_INFO, "CProcessCommon::DealAutoAdjustAsnBufSize(need adjust asn buffer to default, now size: %u)",
+        nSize);
+    if (!m_packetBuf.Allocate(PACKET_BUF_SIZE)) {
+        Log(LOG_LEVEL_ERROR, "CProcessCommon::DealAutoAdjustAsnBufSize(malloc asn buf is error, malloc size: %u)",
+            PACKET_BUF_SIZE);
+        exit(1);
+    }
+}
+
+// ---- moving to a new server -----------------------------------------------------------
+
+void CProcessCommon::ReqGetNewWs()
+{
+    Log(LOG_LEVEL_LOWEST, "CProcessCommon::ReqGetNewWs(need get new ws)");
+    ReqWorkAgentGetNewWs req;
+    req.agentId = static_cast<int>(g_nAgentId.load());
+    SendToServer(req, 0);
+}
+
+void CProcessCommon::RspGetNewWs(RspWorkAgentGetNewWs* pRsp)
+{
+    if (g_bNeedGetNewWs) {
+        g_bNeedGetNewWs = false;
+        std::string strCommand =
+            "sed -i 's/^need_get_new_ws.*=.*$/need_get_new_ws = 0/' " + ConfigPath();
+        if (system(strCommand.c_str()) == -1) {
+            // No shell to run sed: rewrite the file ourselves (its comments are lost).
+            CIniFile ini;
+            if (ini.Load(m_strCfgFile) == 0) {
+                ini.SetIni("need_get_new_ws", "0");
+                ini.Save("");
+            }
+        }
+    }
+    unsigned int nIp = static_cast<unsigned int>(pRsp->newServerIp.value);
+    unsigned short nPort = static_cast<unsigned short>(pRsp->newServerPort.value);
+    if (nIp != 0 && nPort != 0) {
+        Log(LOG_LEVEL_INFO, "CProcessCommon::RspGetNewWs(need connect to new server)");
+        DealConnectToNewServer(nIp, nPort, static_cast<unsigned int>(pRsp->newServerSlaveIp.value),
+                               static_cast<unsigned short>(pRsp->newServerSlavePort.value));
+    } else {
+        Log(LOG_LEVEL_INFO, "CProcessCommon::RspGetNewWs(not need connect to new server)");
+    }
+}
+
+void CProcessCommon::ReqConnectNewServer(ReqWorkAgentConnectNewServer* pReq)
+{
+    DealConnectToNewServer(static_cast<unsigned int>(pReq->newServerIp.value),
+                           static_cast<unsigned short>(pReq->newServerPort.value),
+                           static_cast<unsigned int>(pReq->newServerSlaveIp.value),
+                           static_cast<unsigned short>(pReq->newServerSlavePort.value));
+}
+
+void CProcessCommon::SendConnectNewServerRefused(int nAppend)
+{
+    RspWorkAgentConnectNewServer rsp;
+    rsp.ret = RET_MOVE_REFUSED;
+    rsp.agentId = static_cast<int>(g_nAgentId.load());
+    SendToServer(rsp, nAppend);
+}
+
+bool CProcessCommon::WaitLinkUp(int nTries)
+{
+    for (int i = 0; i < nTries && m_nContinueRun != 0; ++i) {
+        if (m_pNetwork->IsConnected()) return true;
+        Sleep(50);
+    }
+    return m_pNetwork->IsConnected();
+}
+
+void CProcessCommon::DealConnectToNewServer(unsigned int nNewServerIp, unsigned short nNewServerPort,
+                                            unsigned int nNewServerSlaveIp, unsigned short nNewServerSlavePort)
+{
+    m_timePreRespondHeartbeat = g_timeNow;  // the heartbeat check starts a fresh period
+    const int nAppend = m_nNowAppend;
+    std::string strNewServerIp, strNewServerSlaveIp;
+    if (IpIntToString(strNewServerIp, nNewServerIp) != 0) {
+        Log(LOG_LEVEL_WARNING,
+            "CProcessCommon::DealConnectToNewServer(we need connect to the new server, but new server ip or port "
+            "error, ip: %s, port: %hu)",
+            strNewServerIp.c_str(), nNewServerPort);
+        SendConnectNewServerRefused(nAppend);
+        return;
+    }
+    if (IpIntToString(strNewServerSlaveIp, nNewServerSlaveIp) != 0 || nNewServerSlavePort == 0) {
+        nNewServerSlaveIp = 0;
+        Log(LOG_LEVEL_WARNING, "CProcessCommon::DealConnectToNewServer(slave server ip error, ip: %s, port: %d)",
+            strNewServerSlaveIp.c_str(), static_cast<int>(nNewServerSlavePort));
+    }
+    std::string strNowServerIp;
+    unsigned short nNowServerPort = 0;
+    m_pNetwork->GetRemoteIpPort(strNowServerIp, nNowServerPort);
+    Log(LOG_LEVEL_INFO,
+        "CProcessCommon::DealConnectToNewServer(strNewServerIp: %s, nNewServerPort: %hu, strNewServerSlaveIp: %s, "
+        "nNewServerSlavePort: %hu, strNowServerIp: %s, nNowServerPort: %hu",
+        strNewServerIp.c_str(), nNewServerPort, strNewServerSlaveIp.c_str(), nNewServerSlavePort,
+        strNowServerIp.c_str(), nNowServerPort);
+
+    // The whole list in one locked step, so the link thread never sees it empty.
+    std::vector<CNetworkClientBrel::ServerInfo> vecNew{{strNewServerIp, nNewServerPort}};
+    if (nNewServerSlaveIp != 0 && nNewServerSlavePort != 0) vecNew.push_back({strNewServerSlaveIp, nNewServerSlavePort});
+    m_pNetwork->ReplaceServers(vecNew);
+    if (strNowServerIp != strNewServerIp || nNowServerPort != nNewServerPort) {
+        m_pNetwork->SetFlag(CNetworkClientBrel::NET_FLAG_CONNECT_NEW_SERVER);
+    }
+    if (m_nContinueRun == 0) return;
+
+    // Decided by the link's state at this moment: as long as a link exists the
+    // move counts as done, and the file is rewritten to outlive a restart.
+    if (m_pNetwork->IsConnected()) {
+        Log(LOG_LEVEL_INFO, "CProcessCommon::DealConnectToNewServer(we connected to the new server, ip: %s, port: %hu)",
+            strNewServerIp.c_str(), nNewServerPort);
+        char szCommand[1024];
+        snprintf(szCommand, sizeof(szCommand),
+                 "sed -i 's/^server_ip.*=.*$/server_ip = %s/;s/^server_port.*=.*$/server_port = %hu/;"
+                 "s/^server_slave_ip.*=.*$/server_slave_ip = %s/;s/^server_slave_port.*=.*$/server_slave_port = %hu/' "
+                 "%s",
+                 strNewServerIp.c_str(), nNewServerPort, strNewServerSlaveIp.c_str(), nNewServerSlavePort,
+                 ConfigPath().c_str());
+        if (system(szCommand) == 0) {
+            Log(LOG_LEVEL_INFO, "CProcessCommon::DealConnectToNewServer(change the config success)");
+            return;
+        }
+        Log(LOG_LEVEL_WARNING, "CProcessCommon::DealConnectToNewServer(change the config fail)");
+    }
+
+    Log(LOG_LEVEL_INFO, "CProcessCommon::DealConnectToNewServer(try to connect the old server, ip: %s, port: %hu)",
+        strNowServerIp.c_str(), nNowServerPort);
+    if (m_pNetwork->ReplaceServers({{strNowServerIp, nNowServerPort}}) != 0) {
+        m_pNetwork->ClearServer();  // there was no connection: no old server to go back to
+    }
+    m_pNetwork->SetFlag(CNetworkClientBrel::NET_FLAG_CONNECT_NEW_SERVER);
+    WaitLinkUp(200);  // at most 10 seconds
+    if (m_nContinueRun == 0) return;
+    if (m_pNetwork->IsConnected()) {
+        Log(LOG_LEVEL_INFO, "CProcessCommon::DealConnectToNewServer(we connected to the old server is ok, ip: %s, port: %hu)",
+            strNowServerIp.c_str(), nNowServerPort);
+        SendConnectNewServerRefused(nAppend);
+    } else {
+        Log(LOG_LEVEL_INFO,
+            "CProcessCommon::DealConnectToNewServer(we connected to the old server is failed, we do not know what "
+            "should to do, ip: %s, port: %hu)",
+            strNowServerIp.c_str(), nNowServerPort);
+    }
+}

@@ -1,0 +1,136 @@
+// The server session: the thread that takes whole packets from the link,
+// decodes them and hands each request to the part that serves it, and that
+// runs the session's timers (heartbeats, the watch on the server's answers,
+// the buffer shrink, the expiry of the work-id history). It is also the
+// gateway through which command replies go back to the server.
+#pragma once
+
+#include <atomic>
+#include <map>
+#include <string>
+
+#include "asn_parse.h"
+#include "data_buffer.h"
+#include "network_client.h"
+#include "thread.h"
+#include "zik_pkt.h"
+
+class CProcessCommon : public brel_lib::CThread {
+public:
+    CProcessCommon(brel_lib::CDataBufferSTLDeque& revDataBuffer, brel_lib::CDataBufferSTLDeque& sendDataBuffer);
+    ~CProcessCommon() override;
+
+    // Set by main before Start.
+    void SetNetwork(brel_lib::CNetworkClientBrel* pNetwork) { m_pNetwork = pNetwork; }
+    void SetCfgFile(const std::string& strCfgFile) { m_strCfgFile = strCfgFile; }
+    void SetAgentVersion(const std::string& strVersion) { m_strAgentVersion = strVersion; }
+
+    // Main thread: start and stop the managers and the session thread, in order.
+    int Start() override;
+    int Stop() override;
+    // Main thread, on SIGUSR1.
+    void ReloadCfg();
+
+    // Any thread: wraps a message in a packet and queues it for the server.
+    template <class T>
+    void SendToServer(T& message, int nAppend);
+
+    // Link thread, after each connect: the next heartbeat leaves in 2 seconds.
+    void NetConnected(brel_lib::BREL_NET_CALLBACK_TYPE type);
+
+    void Run() override;
+
+private:
+    typedef void (CProcessCommon::*Handler)(Zik& body);
+    struct Route {
+        int nChoiceId;
+        Handler handler;
+    };
+    static const Route s_routes[];
+
+    template <class T, void (CProcessCommon::*Fn)(T*)>
+    void Dispatch(Zik& body)
+    {
+        (this->*Fn)(static_cast<T*>(body.Alternative()));
+    }
+
+    void LoadCfg();
+    void DealReq(char* pData, unsigned int nLength);
+    void NotServedYet(Zik& body);
+
+    // Timers of one pass, and the history sweep.
+    void DealTimers(int& nGetNewWsLeft);
+    void SweepHistory(std::map<unsigned int, long>& mapHistory, time_t tNow);
+
+    // Heartbeat, agent info, exit notice and buffer shrink.
+    void ReqHeartbeat();
+    void RspHeartbeat(RspWorkAgentHeartbeat* pRsp);
+    void DealHeartbeatTimeout();
+    void ReqInfo(ReqWorkAgentInfo* pReq);
+    void ReqExit();
+    void SendExitNotice();
+    void DealAutoAdjustAsnBufSize();
+
+    // Moving to a new server.
+    void ReqGetNewWs();
+    void RspGetNewWs(RspWorkAgentGetNewWs* pRsp);
+    void ReqConnectNewServer(ReqWorkAgentConnectNewServer* pReq);
+    void DealConnectToNewServer(unsigned int nNewServerIp, unsigned short nNewServerPort,
+                                unsigned int nNewServerSlaveIp, unsigned short nNewServerSlavePort);
+    void SendConnectNewServerRefused(int nAppend);
+    bool WaitLinkUp(int nTries);
+
+    std::string RestartShell();
+
+    // Set before Start, then read only.
+    brel_lib::CDataBufferSTLDeque& m_revDataBuffer;
+    brel_lib::CDataBufferSTLDeque& m_sendDataBuffer;
+    brel_lib::CNetworkClientBrel* m_pNetwork = nullptr;
+    std::string m_strCfgFile;
+    std::string m_strAgentVersion;
+
+    // Guarded by m_lock: the encode block shared by every sender.
+    brel_lib::CLock m_lock;
+    brel_lib::CPacketBuffer m_packetBuf;
+
+    // Settings: written by the main thread at start and reload, read by the
+    // session thread. The restart command is guarded by m_lockCfg.
+    std::atomic<int> m_nHeartbeatSecond{50};
+    std::atomic<int> m_nServerHeartbeatRespondSecond{300};
+    std::atomic<unsigned int> m_nRespondHeartbeatFailedCount{5};
+    std::atomic<int> m_nAsnBufferAutoAdjustSecond{7200};
+    std::atomic<unsigned int> m_nWorkHistoryKeepSecond{600};
+    std::atomic<int> m_nPublicKeyVersion{0};
+    std::atomic<int> m_nSessionKeyUpdateSecond{86400};
+    brel_lib::CLock m_lockCfg;
+    std::string m_strRestartShell;
+
+    // Written by the link thread too (NetConnected).
+    std::atomic<time_t> m_timePreSendHeartbeat{0};
+
+    // Session thread only.
+    int m_nNowAppend = 0;
+    unsigned int m_nNowSrcServerIp = 0;
+    unsigned int m_nNowSrcServerId = 0;
+    bool m_bRespondHeartbeatOk = false;
+    unsigned int m_nRespondHeartbeatFailedNowCount = 0;
+    time_t m_timePreRespondHeartbeat = 0;
+    time_t m_timePreAdjustBuf = 0;
+    time_t m_timePreSweepHistory = 0;
+    bool m_bHeartbeat = false;
+    std::map<unsigned int, long> m_mapCreatedWorkId;
+    std::map<unsigned int, long> m_mapDeletedWorkId;
+};
+
+// Registered with the link: passes a successful connect to the session.
+void GNetConnected(unsigned int nConnectId, brel_lib::BREL_NET_CALLBACK_TYPE type, void* pAppend, int fd);
+
+template <class T>
+void CProcessCommon::SendToServer(T& message, int nAppend)
+{
+    brel_lib::CAutoLock lock(m_lock);
+    unsigned int nSize = 0;
+    char* pBytes = EncodePacket(m_packetBuf, message, nAppend, nSize);
+    // A failed encoding has been logged; the queue refuses the null block.
+    m_sendDataBuffer.Push(pBytes, nSize, brel_lib::BREL_DATA_NORMAL_PRI);
+}
