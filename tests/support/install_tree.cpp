@@ -91,6 +91,10 @@ InstallTree::InstallTree()
 InstallTree::~InstallTree()
 {
     StopAll();
+    if (getenv("AGENT_TEST_KEEP") != nullptr) {
+        fprintf(stderr, "keeping %s\n", m_strRoot.c_str());
+        return;
+    }
     std::string strCommand = "rm -rf '" + m_strRoot + "'";
     if (system(strCommand.c_str()) != 0) {
         // Leave the tree behind; nothing else to do in a destructor.
