@@ -1,6 +1,7 @@
 #include "log.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdarg.h>
 #include <stdlib.h>
 #include <string.h>
@@ -141,6 +142,30 @@ int Log(unsigned int nLevel, const char* szFormat, ...)
     }
     va_end(args);
     return 0;
+}
+
+int LogInChild(unsigned int nLevel, const char* szFormat, ...)
+{
+    if (nLevel < g_nLogLevel.load(std::memory_order_relaxed) || nLevel > LOG_LEVEL_ERROR) return 0;
+    char szLine[1024];
+    int n = g_bLogUseFile ? snprintf(szLine, sizeof(szLine), "%-7s(%s)(tid:%-6d):", g_szLogType[nLevel],
+                                     GetNowDateTimeMSecond().c_str(), static_cast<int>(gettid()))
+                          : snprintf(szLine, sizeof(szLine), "%-7s(%s):", g_szLogType[nLevel],
+                                     GetNowDateTimeMSecond().c_str());
+    va_list args;
+    va_start(args, szFormat);
+    n += vsnprintf(szLine + n, sizeof(szLine) - static_cast<size_t>(n) - 1, szFormat, args);
+    va_end(args);
+    if (n > static_cast<int>(sizeof(szLine)) - 2) n = static_cast<int>(sizeof(szLine)) - 2;
+    szLine[n++] = '\n';
+    int fd = 1;
+    if (g_bLogUseFile) {
+        fd = open((g_strLogFile + ".log").c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+        if (fd < 0) return errno;
+    }
+    ssize_t nWritten = write(fd, szLine, static_cast<size_t>(n));
+    if (fd != 1) close(fd);
+    return nWritten < 0 ? errno : 0;
 }
 
 int LogLevel(const std::string& strName)

@@ -53,10 +53,10 @@ void GNetConnected(unsigned int, BREL_NET_CALLBACK_TYPE type, void* pAppend, int
 #define ROUTE(Type, Fn) {ZikChoiceOf<Type>::value, &CProcessCommon::Dispatch<Type, &CProcessCommon::Fn>}
 #define NOT_SERVED(Type) {ZikChoiceOf<Type>::value, &CProcessCommon::NotServedYet}
 const CProcessCommon::Route CProcessCommon::s_routes[] = {
-    NOT_SERVED(ReqWorkCmdCreate),
-    NOT_SERVED(ReqWorkCmdSetAction),
-    NOT_SERVED(ReqWorkCmdQuery),
-    NOT_SERVED(ReqWorkCmdDelete),
+    ROUTE(ReqWorkCmdCreate, ReqCmdCreate),
+    ROUTE(ReqWorkCmdSetAction, ReqCmdSetAction),
+    ROUTE(ReqWorkCmdQuery, ReqCmdQuery),
+    ROUTE(ReqWorkCmdDelete, ReqCmdDelete),
     NOT_SERVED(ReqWorkFileSrcCreate),
     NOT_SERVED(ReqWorkFileDstCreate),
     NOT_SERVED(ReqWorkFileDstSetAction),
@@ -100,6 +100,13 @@ int CProcessCommon::Start()
     }
     LoadCfg();
     if (m_pNetwork != nullptr) m_pNetwork->SetNetCallback(GNetConnected, this);
+    m_taskManager.SetProcessCommon(this);
+    m_taskManager.SetCfgFile(m_strCfgFile);
+    int ret = m_taskManager.Start();
+    if (ret != 0) {
+        Log(LOG_LEVEL_ERROR, "CProcessCommon::Start(m_taskManager Start is error, ret: %d)", ret);
+        exit(1);
+    }
     return CThread::Start();
 }
 
@@ -109,6 +116,11 @@ int CProcessCommon::Stop()
     int ret = CThread::Stop();
     if (ret != 0) {
         Log(LOG_LEVEL_ERROR, "CProcessCommon::Stop(is error, ret: %d)", ret);
+        exit(1);
+    }
+    ret = m_taskManager.Stop();
+    if (ret != 0) {
+        Log(LOG_LEVEL_ERROR, "CProcessCommon::Stop(m_taskManager Stop is error, ret: %d)", ret);
         exit(1);
     }
     CAutoLock lock(m_lock);
@@ -123,6 +135,7 @@ void CProcessCommon::ReloadCfg()
 {
     Log(LOG_LEVEL_INFO, "CProcessCommon::ReloadCfg");
     LoadCfg();
+    m_taskManager.ReloadCfg();
 }
 
 void CProcessCommon::LoadCfg()
@@ -262,6 +275,170 @@ void CProcessCommon::NotServedYet(Zik& body)
 {
     Log(LOG_LEVEL_WARNING, "CProcessCommon::DealReq(the request is not served yet, the choiceid: %d)",
         static_cast<int>(body.choiceId));
+}
+
+// ---- command requests and replies ------------------------------------------------
+
+template <class T>
+void CProcessCommon::KeepRoute(const T* pReq)
+{
+    m_nNowSrcServerIp = static_cast<unsigned int>(pReq->routeSrcServerIp.value);
+    m_nNowSrcServerId = static_cast<unsigned int>(pReq->routeSrcServerId.value);
+}
+
+void CProcessCommon::ReqCmdCreate(ReqWorkCmdCreate* pReq)
+{
+    KeepRoute(pReq);
+    unsigned int nWorkId = static_cast<unsigned int>(pReq->workId.value);
+    // A create the server repeats (after a lost reply, say) does no harm.
+    if (m_mapCreatedWorkId.count(nWorkId) != 0) {
+        SendCmdToServerCreateOk(nWorkId);
+        return;
+    }
+    CommonWork work;
+    work.nAppend = m_nNowAppend;
+    work.nSrcServerIp = m_nNowSrcServerIp;
+    work.nSrcServerId = m_nNowSrcServerId;
+    work.nFlag = static_cast<unsigned int>(pReq->flag.value);
+    work.nTimeoutSecond = pReq->timeout;
+    work.nBufOutSize = work.nBufErrSize = static_cast<unsigned int>(pReq->bufSize.value);
+    work.strExecUser.assign(pReq->execUser.octs, pReq->execUser.octetLen);
+    work.strCmd.assign(pReq->cmd.octs, pReq->cmd.octetLen);
+    int ret = m_taskManager.AddNewWork(nWorkId, work);
+    if (ret != 0) {
+        SendCmdToServerCreateFailed(ret, nWorkId);
+        return;
+    }
+    m_mapCreatedWorkId[nWorkId] = static_cast<long>(g_timeNow);
+    SendCmdToServerCreateOk(nWorkId);
+}
+
+void CProcessCommon::ReqCmdSetAction(ReqWorkCmdSetAction* pReq)
+{
+    KeepRoute(pReq);
+    m_taskManager.SetWorkAction(static_cast<unsigned int>(pReq->workId.value),
+                                static_cast<unsigned int>(pReq->action.value), m_nNowAppend);
+}
+
+void CProcessCommon::ReqCmdQuery(ReqWorkCmdQuery* pReq)
+{
+    KeepRoute(pReq);
+    m_taskManager.Query(static_cast<unsigned int>(pReq->workId.value), m_nNowAppend);
+}
+
+void CProcessCommon::ReqCmdDelete(ReqWorkCmdDelete* pReq)
+{
+    KeepRoute(pReq);
+    unsigned int nWorkId = static_cast<unsigned int>(pReq->workId.value);
+    if (m_mapDeletedWorkId.count(nWorkId) != 0) {
+        SendCmdToServerDeleteOk(nWorkId);
+        return;
+    }
+    unsigned int nFlag = 0;
+    int ret = m_taskManager.DeleteWork(nFlag, nWorkId);
+    // A work that asked for it gets no answer to its delete, and is not remembered.
+    if (nFlag & WORK_FLAG_NO_DELETE_REPLY) return;
+    if (ret != 0) {
+        SendCmdToServerDeleteFailed(ret, nWorkId);
+        return;
+    }
+    m_mapDeletedWorkId[nWorkId] = static_cast<long>(g_timeNow);
+    SendCmdToServerDeleteOk(nWorkId);
+}
+
+template <class T>
+void CProcessCommon::SendCmdReply(const char* szFunction, bool bOk, int nRet, unsigned int nWorkId)
+{
+    if (bOk) {
+        Log(LOG_LEVEL_DEBUG, "CProcessCommon::%s(work id: %u, append: %d)", szFunction, nWorkId, m_nNowAppend);
+    } else {
+        Log(LOG_LEVEL_WARNING, "CProcessCommon::%s(ret: %d, work id: %u, append: %d)", szFunction, nRet, nWorkId,
+            m_nNowAppend);
+    }
+    T rsp;
+    rsp.ret = nRet;
+    rsp.workId = static_cast<int>(nWorkId);
+    rsp.routeDstServerIp = static_cast<int>(m_nNowSrcServerIp);
+    rsp.routeDstServerId = static_cast<int>(m_nNowSrcServerId);
+    rsp.routeSrcAgentId = static_cast<int>(g_nAgentId.load());
+    SendToServer(rsp, m_nNowAppend);
+}
+
+void CProcessCommon::SendCmdToServerCreateOk(unsigned int nWorkId)
+{
+    SendCmdReply<RspWorkCmdCreate>("SendCmdToServerCreateOk", true, 0, nWorkId);
+}
+
+void CProcessCommon::SendCmdToServerCreateFailed(int nRet, unsigned int nWorkId)
+{
+    SendCmdReply<RspWorkCmdCreate>("SendCmdToServerCreateFailed", false, nRet, nWorkId);
+}
+
+void CProcessCommon::SendCmdToServerSetActionOk(unsigned int nWorkId)
+{
+    SendCmdReply<RspWorkCmdSetAction>("SendCmdToServerSetActionOk", true, 0, nWorkId);
+}
+
+void CProcessCommon::SendCmdToServerSetActionFailed(int nRet, unsigned int nWorkId)
+{
+    SendCmdReply<RspWorkCmdSetAction>("SendCmdToServerSetActionFailed", false, nRet, nWorkId);
+}
+
+void CProcessCommon::SendCmdToServerDeleteOk(unsigned int nWorkId)
+{
+    SendCmdReply<RspWorkCmdDelete>("SendCmdToServerDeleteOk", true, 0, nWorkId);
+}
+
+void CProcessCommon::SendCmdToServerDeleteFailed(int nRet, unsigned int nWorkId)
+{
+    SendCmdReply<RspWorkCmdDelete>("SendCmdToServerDeleteFailed", false, nRet, nWorkId);
+}
+
+void CProcessCommon::SendCmdToServerQueryFailed(int nRet, unsigned int nWorkId)
+{
+    Log(LOG_LEVEL_WARNING, "CProcessCommon::SendCmdToServerQueryFailed(ret: %d, work id: %u, append: %d)", nRet,
+        nWorkId, m_nNowAppend);
+    RspWorkCmdQuery rsp;
+    rsp.ret = nRet;
+    rsp.workId = static_cast<int>(nWorkId);
+    rsp.status = WORK_UNKNOWN;
+    rsp.routeDstServerIp = static_cast<int>(m_nNowSrcServerIp);
+    rsp.routeDstServerId = static_cast<int>(m_nNowSrcServerId);
+    rsp.routeSrcAgentId = static_cast<int>(g_nAgentId.load());
+    SendToServer(rsp, m_nNowAppend);
+}
+
+namespace {
+// The output of the last finished work that was reported, for inspection by hand.
+void WriteLastResult(const char* szPath, const char* pData, unsigned int nSize)
+{
+    FILE* pFile = fopen(szPath, "w");
+    if (pFile == nullptr) return;
+    if (nSize != 0) fwrite(pData, 1, nSize, pFile);
+    fclose(pFile);
+}
+} // namespace
+
+void CProcessCommon::SendCmdToServerQueryOk(const CommonWork& work)
+{
+    Log(LOG_LEVEL_DEBUG, "CProcessCommon::SendCmdToServerQueryOk(work id: %u, append: %d)", work.nWorkId, work.nAppend);
+    RspWorkCmdQuery rsp;
+    rsp.ret = work.nErrno;
+    rsp.workId = static_cast<int>(work.nWorkId);
+    rsp.status = static_cast<int>(work.nStatus);
+    rsp.beginTime = static_cast<int>(work.nCreateTime);  // the creation time, as the protocol has it
+    rsp.stdOut.ReSet(work.pStdOut, work.pStdOut == nullptr ? 0 : work.nUsedOutSize);
+    rsp.stdErr.ReSet(work.pStdErr, work.pStdErr == nullptr ? 0 : work.nUsedErrSize);
+    rsp.routeDstServerIp = static_cast<int>(work.nSrcServerIp);
+    rsp.routeDstServerId = static_cast<int>(work.nSrcServerId);
+    rsp.routeSrcAgentId = static_cast<int>(g_nAgentId.load());
+    if (work.nStatus == WORK_FINISHED) {
+        rsp.endTime = static_cast<int>(work.nEndTime);
+        rsp.exitCode = work.nExitCode;
+        WriteLastResult("../log/last_out", work.pStdOut, work.pStdOut == nullptr ? 0 : work.nUsedOutSize);
+        WriteLastResult("../log/last_err", work.pStdErr, work.pStdErr == nullptr ? 0 : work.nUsedErrSize);
+    }
+    SendToServer(rsp, work.nAppend);
 }
 
 // ---- heartbeat, agent info, exit notice ---------------------------------------------

@@ -10,12 +10,13 @@
 #include <string>
 
 #include "asn_parse.h"
+#include "cmd_execute.h"
 #include "data_buffer.h"
 #include "network_client.h"
 #include "thread.h"
 #include "zik_pkt.h"
 
-class CProcessCommon : public brel_lib::CThread {
+class CProcessCommon : public brel_lib::CThread, public CCmdReplySink {
 public:
     CProcessCommon(brel_lib::CDataBufferSTLDeque& revDataBuffer, brel_lib::CDataBufferSTLDeque& sendDataBuffer);
     ~CProcessCommon() override;
@@ -34,6 +35,13 @@ public:
     // Any thread: wraps a message in a packet and queues it for the server.
     template <class T>
     void SendToServer(T& message, int nAppend);
+
+    // Command replies. The SetAction and Failed forms use the route of the
+    // request in hand (session thread); QueryOk uses the work's own (any thread).
+    void SendCmdToServerSetActionOk(unsigned int nWorkId) override;
+    void SendCmdToServerSetActionFailed(int nRet, unsigned int nWorkId) override;
+    void SendCmdToServerQueryOk(const CommonWork& work) override;
+    void SendCmdToServerQueryFailed(int nRet, unsigned int nWorkId) override;
 
     // Link thread, after each connect: the next heartbeat leaves in 2 seconds.
     void NetConnected(brel_lib::BREL_NET_CALLBACK_TYPE type);
@@ -56,6 +64,21 @@ private:
 
     void LoadCfg();
     void DealReq(char* pData, unsigned int nLength);
+
+    // Command requests; each consults the history of ids first.
+    template <class T>
+    void KeepRoute(const T* pReq);
+    void ReqCmdCreate(ReqWorkCmdCreate* pReq);
+    void ReqCmdSetAction(ReqWorkCmdSetAction* pReq);
+    void ReqCmdQuery(ReqWorkCmdQuery* pReq);
+    void ReqCmdDelete(ReqWorkCmdDelete* pReq);
+    // The one shape of the create, start and delete replies.
+    template <class T>
+    void SendCmdReply(const char* szFunction, bool bOk, int nRet, unsigned int nWorkId);
+    void SendCmdToServerCreateOk(unsigned int nWorkId);
+    void SendCmdToServerCreateFailed(int nRet, unsigned int nWorkId);
+    void SendCmdToServerDeleteOk(unsigned int nWorkId);
+    void SendCmdToServerDeleteFailed(int nRet, unsigned int nWorkId);
     void NotServedYet(Zik& body);
 
     // Timers of one pass, and the history sweep.
@@ -89,6 +112,8 @@ private:
     std::string m_strCfgFile;
     std::string m_strAgentVersion;
 
+    CCmdExecuteManager m_taskManager;
+
     // Guarded by m_lock: the encode block shared by every sender.
     brel_lib::CLock m_lock;
     brel_lib::CPacketBuffer m_packetBuf;
@@ -120,6 +145,9 @@ private:
     bool m_bHeartbeat = false;
     std::map<unsigned int, long> m_mapCreatedWorkId;
     std::map<unsigned int, long> m_mapDeletedWorkId;
+
+    // For tests that drive the session in-process.
+    friend class SessionHarness;
 };
 
 // Registered with the link: passes a successful connect to the session.

@@ -1,0 +1,154 @@
+// Command works: the table of works in their three stages, their launch as a
+// child under /bin/sh (through su for users other than root), and the thread
+// that captures their output, finds their end, kills the ones that run too
+// long, repeats their results and expires them.
+#pragma once
+
+#include <sys/types.h>
+#include <time.h>
+
+#include <atomic>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "thread.h"
+
+// One command work. Owned by the manager's maps; guarded by its lock.
+struct CommonWork {
+    int nAppend = 0;  // envelope value of the last request that touched the work
+    unsigned int nSrcServerIp = 0;
+    unsigned int nSrcServerId = 0;
+    int nErrno = 0;
+    unsigned int nWorkId = 0;
+    unsigned int nStatus = 0;
+    pid_t nPid = 0;
+    int nFdOut[2] = {-1, -1};
+    int nFdErr[2] = {-1, -1};
+    time_t nCreateTime = 0;
+    time_t nBeginTime = 0;
+    time_t nEndTime = 0;
+    int nExitCode = 0;
+    bool bNeedWait = false;  // killed by the agent; only the reaping is left
+    unsigned int nNowReportResultCount = 0;
+    unsigned int nFlag = 0;
+    int nTimeoutSecond = 0;
+    unsigned int nBufOutSize = 0;
+    unsigned int nBufErrSize = 0;
+    std::string strExecUser;
+    std::string strCmd;
+    char* pStdOut = nullptr;
+    char* pStdErr = nullptr;
+    unsigned int nUsedOutSize = 0;
+    unsigned int nUsedErrSize = 0;
+};
+
+// Stages of a work; 4 is reported for a work that does not exist.
+enum { WORK_NOT_BEGIN = 0, WORK_RUNNING = 1, WORK_FINISHED = 2, WORK_DELETED = 3, WORK_UNKNOWN = 4 };
+// Bits of nFlag.
+enum { WORK_FLAG_QUIET = 1, WORK_FLAG_NO_STDOUT = 2, WORK_FLAG_NO_STDERR = 4, WORK_FLAG_NO_DELETE_REPLY = 64 };
+// Result codes of command works.
+enum {
+    RET_NO_SUCH_WORK = 300,
+    RET_WORK_NOT_ALLOCATED = 301,
+    RET_CONCURRENT_LIMIT = 302,
+    RET_PIPE_FAILED = 304,
+    RET_FORK_FAILED = 305,
+    RET_BUFFER_FAILED = 306,
+    RET_BAD_ACTION = 309,
+    RET_WORK_ID_EXISTS = 323,
+    RET_WORK_TIMEOUT = 324,
+    RET_WAITPID_FAILED = 325,
+    RET_UNEXPLAINED_END = 326,
+    RET_DELETED_WHILE_RUNNING = 327,
+};
+
+// Where the manager's replies and reports go: the server session. The
+// functions may be called with the manager's lock held.
+class CCmdReplySink {
+public:
+    virtual ~CCmdReplySink() = default;
+    virtual void SendCmdToServerSetActionOk(unsigned int nWorkId) = 0;
+    virtual void SendCmdToServerSetActionFailed(int nRet, unsigned int nWorkId) = 0;
+    virtual void SendCmdToServerQueryOk(const CommonWork& work) = 0;
+    virtual void SendCmdToServerQueryFailed(int nRet, unsigned int nWorkId) = 0;
+};
+
+class CCmdExecuteManager : public brel_lib::CThread {
+public:
+    CCmdExecuteManager();
+    ~CCmdExecuteManager() override;
+
+    // Before Start.
+    void SetCfgFile(const std::string& strCfgFile) { m_strCfgFile = strCfgFile; }
+    void SetProcessCommon(CCmdReplySink* pSink) { m_pProcessCommon = pSink; }
+
+    int Start() override;
+    int Stop() override { return CThread::Stop(); }
+    // Main thread, at a reload.
+    void ReloadCfg();
+
+    // Session thread.
+    int AddNewWork(unsigned int nWorkId, const CommonWork& commonWork);
+    void SetWorkAction(unsigned int nWorkId, unsigned int nAction, int nAppend);
+    void Query(unsigned int nWorkId, int nAppend);
+    int DeleteWork(unsigned int& nFlag, unsigned int nWorkId);
+    unsigned int GetNowWorkSize();
+
+    void Run() override;
+
+private:
+    typedef std::map<unsigned int, CommonWork*> WorkMap;
+
+    void LoadCfg();
+    int SetWorkActionPrivate(unsigned int nWorkId, unsigned int nAction, int nAppend);
+    int AllocateBuffers(CommonWork& work);
+    int LaunchChild(CommonWork& work);
+    [[noreturn]] void ExecChild(const CommonWork& work);
+    int FailLaunch(CommonWork& work, int nRet);
+    CommonWork* GetWork(unsigned int nWorkId);
+    void FreeCommonWork(CommonWork* pWork);
+    static void FreePipeAndMemory(CommonWork& work);
+    static void CloseSelfPipe(int epfd, CommonWork& work);
+    void FreeAllRes();
+
+    // The supervising thread's steps.
+    void UpdateEpollFd(int epfd);
+    void DealEvents(int epfd, const struct epoll_event* pEvents, int nEvents);
+    int ReadDataFromFd(int epfd, int& fd, char* pBuf, unsigned int& nBufUsedSize, unsigned int nBufSize);
+    void DealProcessFinish(int epfd);
+    void DealChildEnded(int epfd, CommonWork& work, int nStatus, time_t tNow);
+    void DealChildAlive(int epfd, CommonWork& work, time_t tNow);
+    void AutoDeleteWork();
+    void PrintAgentInfo();
+    static void SetErrText(CommonWork& work, const char* szText, unsigned int nLen);
+
+    // Set before Start.
+    std::string m_strCfgFile;
+    CCmdReplySink* m_pProcessCommon = nullptr;
+
+    // Lock order: m_lock before the session's lock, never the reverse.
+    // m_lock guards the maps, every record, m_vecNewWorkId, the counters and tempbuf.
+    brel_lib::CLock m_lock;
+    WorkMap m_mapWorkNotBegin;
+    WorkMap m_mapWorkRunning;
+    WorkMap m_mapWorkFinish;
+    std::vector<unsigned int> m_vecNewWorkId;
+    unsigned int m_nWorkSysFailedCount = 0;
+    unsigned int m_nWorkUserFailedCount = 0;
+    time_t m_timeLastTaskEnd = 0;
+    char m_szTempBuf[8192];
+
+    // Counted by the session thread outside the lock.
+    std::atomic<unsigned long long> m_lWorkAllCount{0};
+
+    // Settings: written at start and reload by the main thread, read by the others.
+    std::atomic<unsigned int> m_nWorkMaxConcurrent{50};
+    std::atomic<int> m_nWorkDefaultTimeoutSecond{60};
+    std::atomic<int> m_nFinishKeepSecondBeforeAutoDelete{7200};
+    std::atomic<int> m_nNotBeginKeepSecondBeforeAutoDelete{300};
+    std::atomic<int> m_nAutoDeleteTestSecond{60};
+    std::atomic<int> m_nFinishSendResultDisSecondBeforeAutoDelete{300};
+    std::atomic<unsigned int> m_nWorkDefaultResultSize{16384};
+    std::atomic<bool> m_bPrintAgentInfo{false};
+};
