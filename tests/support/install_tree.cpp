@@ -127,11 +127,13 @@ pid_t InstallTree::Spawn(const std::string& strArg1, const std::string& strArg2)
         int fdNull = open("/dev/null", O_RDONLY);
         if (fdNull >= 0) dup2(fdNull, 0);
         signal(SIGPIPE, SIG_DFL);
-        if (strArg2.empty()) {
-            execl(AGENT_BINARY, AGENT_BINARY, strArg1.c_str(), static_cast<char*>(nullptr));
-        } else {
-            execl(AGENT_BINARY, AGENT_BINARY, strArg1.c_str(), strArg2.c_str(), static_cast<char*>(nullptr));
-        }
+        std::vector<const char*> vecArgv;
+        for (const std::string& str : m_vecPrefix) vecArgv.push_back(str.c_str());
+        vecArgv.push_back(AGENT_BINARY);
+        vecArgv.push_back(strArg1.c_str());
+        if (!strArg2.empty()) vecArgv.push_back(strArg2.c_str());
+        vecArgv.push_back(nullptr);
+        execvp(vecArgv[0], const_cast<char* const*>(vecArgv.data()));
         _exit(127);
     }
     m_mapPids[pid] = true;

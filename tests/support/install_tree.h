@@ -7,6 +7,7 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 namespace agent_test {
 
@@ -31,6 +32,9 @@ public:
     std::string LogPath() const { return Path("log/agent.log"); }
     std::string StdoutPath() const { return Path("log/stdout.txt"); }
 
+    // Runs the agent through a prefix command that ends in exec "$0" "$@" (a
+    // mount namespace, say); empty for a direct start.
+    void SetLaunchPrefix(const std::vector<std::string>& vecPrefix) { m_vecPrefix = vecPrefix; }
     // Runs the agent with the given arguments in bin/ and returns its pid.
     // Foreground mode: pass a second argument. Output goes to StdoutPath().
     pid_t Spawn(const std::string& strArg1, const std::string& strArg2 = "");
@@ -57,6 +61,7 @@ private:
     std::string m_strRoot;
     std::map<std::string, std::string> m_mapConfig;
     std::map<pid_t, bool> m_mapPids;  // pids started or adopted by this tree
+    std::vector<std::string> m_vecPrefix;
     int m_nLastStatus = 0;
 };
 
