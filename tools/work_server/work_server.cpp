@@ -393,11 +393,11 @@ int ConnectControl(const std::string& strControl)
 }
 
 // Sends one request line and returns all the server answers.
-bool Ask(const std::string& strControl, const std::string& strRequest, std::string& strAnswer)
+bool Ask(const std::string& strControl, const std::string& strRequest, std::string& strAnswer, bool bQuiet = false)
 {
     int fd = ConnectControl(strControl);
     if (fd < 0) {
-        fprintf(stderr, "work_server: no server at %s (start one with: work_server serve)\n", strControl.c_str());
+        if (!bQuiet) fprintf(stderr, "work_server: no server at %s (start one with: work_server serve)\n", strControl.c_str());
         return false;
     }
     WriteAll(fd, strRequest + "\n");
@@ -412,7 +412,7 @@ bool AgentListed(const std::string& strControl, const std::string& strAgent)
 {
     std::string strAnswer;
     unsigned int nId = 0;
-    if (!ParseAgent(strAgent, nId) || !Ask(strControl, "LIST", strAnswer)) return false;
+    if (!ParseAgent(strAgent, nId) || !Ask(strControl, "LIST", strAnswer, true)) return false;
     return strAnswer.find(" " + std::to_string(nId) + " ") != std::string::npos;
 }
 
