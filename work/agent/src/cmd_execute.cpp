@@ -23,8 +23,14 @@ namespace {
 
 const unsigned int CMD_MANAGER_STACK_SIZE = 0x100000;
 const int ROUND_MILLISECOND = 20;
+// With no work running nothing needs the short round; the thread still sees
+// its stop flag, a dump request and the expiry passes in time.
+const int IDLE_ROUND_MILLISECOND = 200;
 const int EVENTS_PER_ROUND = 20;
 const char* const FILE_CMD_INFO = "../log/cmd_info";
+// Data word of the wake-up event in the epoll set: beyond 32 bits, so that
+// it can't be taken for a work id.
+const uint64_t WAKE_EVENT_ID = 1ULL << 32;
 
 // Texts that go to the server as a work's standard error; their wording is
 // part of the protocol's visible result.
@@ -43,7 +49,14 @@ std::string TimeText(time_t t) { return ConvertUnixTimeToStr(static_cast<long>(t
 
 } // namespace
 
-CCmdExecuteManager::CCmdExecuteManager() : CThread(CMD_MANAGER_STACK_SIZE) {}
+CCmdExecuteManager::CCmdExecuteManager() : CThread(CMD_MANAGER_STACK_SIZE)
+{
+    int ret = m_eventNewWork.Init();
+    if (ret != 0) {
+        Log(LOG_LEVEL_ERROR, "CCmdExecuteManager::CCmdExecuteManager(event init is error, ret: %d)", ret);
+        exit(1);
+    }
+}
 
 CCmdExecuteManager::~CCmdExecuteManager() { CThread::Stop(); }
 
@@ -296,6 +309,7 @@ int CCmdExecuteManager::SetWorkActionPrivate(unsigned int nWorkId, unsigned int 
     m_mapWorkNotBegin.erase(it);
     m_mapWorkRunning[nWorkId] = &work;
     m_vecNewWorkId.push_back(nWorkId);  // the supervising thread watches its pipes from its next round
+    m_eventNewWork.SetEvent();
     if (!IsQuiet(work)) {
         Log(LOG_LEVEL_INFO,
             "CCmdExecuteManager::SetWorkActionPrivate(task was forked, work id: %u, pid: %d, append: %d, fdOut: %d, "
@@ -427,7 +441,16 @@ void CCmdExecuteManager::Run()
         Log(LOG_LEVEL_ERROR, "CCmdExecuteManager::Run(epoll_create is error, errno: %d)", nErr);
         exit(nErr);
     }
+    epoll_event evWake{};
+    evWake.events = EPOLLIN;
+    evWake.data.u64 = WAKE_EVENT_ID;
+    if (epoll_ctl(epfd, EPOLL_CTL_ADD, m_eventNewWork.GetReadableFd(), &evWake) != 0) {
+        int nErr = errno;
+        Log(LOG_LEVEL_ERROR, "CCmdExecuteManager::Run(epoll_ctl add event is error, errno: %d)", nErr);
+        exit(nErr);
+    }
     time_t tPre = AgentTime();
+    bool bIdle = true;
     while (m_nContinueRun != 0) {
         time_t tNow = AgentTime();
         {
@@ -439,10 +462,11 @@ void CCmdExecuteManager::Run()
                 AutoDeleteWork();
             }
             UpdateEpollFd(epfd);
+            bIdle = m_mapWorkRunning.empty();
         }
         if (m_bPrintAgentInfo.exchange(false)) PrintAgentInfo();
         epoll_event events[EVENTS_PER_ROUND];
-        int n = epoll_wait(epfd, events, EVENTS_PER_ROUND, ROUND_MILLISECOND);
+        int n = epoll_wait(epfd, events, EVENTS_PER_ROUND, bIdle ? IDLE_ROUND_MILLISECOND : ROUND_MILLISECOND);
         if (n == 0) continue;
         if (n < 0) {
             if (errno == EINTR) continue;
@@ -472,7 +496,7 @@ void CCmdExecuteManager::UpdateEpollFd(int epfd)
             if (pipe.fd == -1) continue;
             epoll_event ev{};
             ev.events = EPOLLIN;  // level-triggered: a pipe not drained in one go is reported again
-            ev.data.u32 = nWorkId;
+            ev.data.u64 = nWorkId;
             if (epoll_ctl(epfd, EPOLL_CTL_ADD, pipe.fd, &ev) != 0) {
                 int nErr = errno;
                 Log(LOG_LEVEL_ERROR, "CCmdExecuteManager::UpdateEpollFd(epoll_ctl add fd is error, errno: %d, fd: %d, work id: %u)",
@@ -488,8 +512,12 @@ void CCmdExecuteManager::UpdateEpollFd(int epfd)
 void CCmdExecuteManager::DealEvents(int epfd, const epoll_event* pEvents, int nEvents)
 {
     for (int i = 0; i < nEvents; ++i) {
-        unsigned int nWorkId = pEvents[i].data.u32;
+        unsigned int nWorkId = static_cast<unsigned int>(pEvents[i].data.u64);
         uint32_t nEvent = pEvents[i].events;
+        if (pEvents[i].data.u64 == WAKE_EVENT_ID) {
+            m_eventNewWork.ClearEvent();  // the new pipes are taken at the top of the next round
+            continue;
+        }
         auto it = m_mapWorkRunning.find(nWorkId);
         if (it != m_mapWorkRunning.end()) {
             CommonWork& work = *it->second;

@@ -134,6 +134,9 @@ private:
     WorkMap m_mapWorkRunning;
     WorkMap m_mapWorkFinish;
     std::vector<unsigned int> m_vecNewWorkId;
+    // Raised when a work starts, so that an idle supervisor, which waits
+    // longer between rounds, takes the new pipes at once.
+    brel_lib::CEvent m_eventNewWork;
     unsigned int m_nWorkSysFailedCount = 0;
     unsigned int m_nWorkUserFailedCount = 0;
     time_t m_timeLastTaskEnd = 0;
