@@ -55,6 +55,8 @@ public:
     int Detach();
     int SetBlockOrNon(bool bBlock);
     int SetReuseAddrOrNon(bool bReuse);
+    // Small packets leave at once instead of waiting for the peer's delayed ACK.
+    int SetNoDelay(bool bNoDelay);
     int GetPeerName(std::string& strIp, unsigned short& nPort);
     int GetSockName(std::string& strIp, unsigned short& nPort);
     int GetSocket() const { return m_sockFd; }

@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -176,6 +177,12 @@ int CSocket::SetReuseAddrOrNon(bool bReuse)
 {
     int nOn = bReuse ? 1 : 0;
     return setsockopt(m_sockFd, SOL_SOCKET, SO_REUSEADDR, &nOn, sizeof(nOn)) == 0 ? 0 : errno;
+}
+
+int CSocket::SetNoDelay(bool bNoDelay)
+{
+    int nOn = bNoDelay ? 1 : 0;
+    return setsockopt(m_sockFd, IPPROTO_TCP, TCP_NODELAY, &nOn, sizeof(nOn)) == 0 ? 0 : errno;
 }
 
 int CSocket::GetPeerName(std::string& strIp, unsigned short& nPort)

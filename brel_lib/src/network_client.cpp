@@ -184,6 +184,8 @@ int CNetworkClientBrel::ConnectToServer()
         if (bRestart) continue;
         if (m_sockTcp.GetSocket() >= 0) {
             int fd = m_sockTcp.GetSocket();
+            // Replies are small and each one is awaited: no Nagle delay.
+            m_sockTcp.SetNoDelay(true);
             if (m_funBrelNetCallback != nullptr) {
                 m_funBrelNetCallback(static_cast<unsigned int>(fd), BREL_CONNECT_OK, m_pBrelNetCallbackAppend, fd);
             }

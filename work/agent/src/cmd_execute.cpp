@@ -7,6 +7,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/epoll.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -28,9 +29,22 @@ const int ROUND_MILLISECOND = 20;
 const int IDLE_ROUND_MILLISECOND = 200;
 const int EVENTS_PER_ROUND = 20;
 const char* const FILE_CMD_INFO = "../log/cmd_info";
-// Data word of the wake-up event in the epoll set: beyond 32 bits, so that
-// it can't be taken for a work id.
-const uint64_t WAKE_EVENT_ID = 1ULL << 32;
+// Data words in the epoll set: a work id alone for its pipes, with a mark
+// beyond 32 bits for its child's end, and the wake-up event.
+const uint64_t CHILD_END_MARK = 1ULL << 32;
+const uint64_t WAKE_EVENT_ID = 2ULL << 32;
+
+// A descriptor that turns readable when the child ends, so that its result
+// leaves at once instead of at a later round; -1 where the kernel has none.
+int OpenPidFd(pid_t pid)
+{
+#ifdef SYS_pidfd_open
+    return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+#else
+    (void)pid;
+    return -1;
+#endif
+}
 
 // Texts that go to the server as a work's standard error; their wording is
 // part of the protocol's visible result.
@@ -254,7 +268,7 @@ void CCmdExecuteManager::FreeCommonWork(CommonWork* pWork)
 
 void CCmdExecuteManager::FreePipeAndMemory(CommonWork& work)
 {
-    for (int* pFd : {&work.nFdOut[0], &work.nFdOut[1], &work.nFdErr[0], &work.nFdErr[1]}) {
+    for (int* pFd : {&work.nFdOut[0], &work.nFdOut[1], &work.nFdErr[0], &work.nFdErr[1], &work.nPidFd}) {
         if (*pFd != -1) close(*pFd);
         *pFd = -1;
     }
@@ -374,6 +388,8 @@ int CCmdExecuteManager::LaunchChild(CommonWork& work)
     }
     if (pid == 0) ExecChild(work);
     work.nPid = pid;
+    work.nPidFd = OpenPidFd(pid);
+    if (work.nPidFd >= 0) fcntl(work.nPidFd, F_SETFD, FD_CLOEXEC);
     close(work.nFdOut[1]);
     close(work.nFdErr[1]);
     work.nFdOut[1] = work.nFdErr[1] = -1;
@@ -475,7 +491,7 @@ void CCmdExecuteManager::Run()
             exit(nErr);
         }
         CAutoLock lock(m_lock);
-        DealEvents(epfd, events, n);
+        if (DealEvents(epfd, events, n)) DealProcessFinish(epfd);
     }
     close(epfd);
     FreeAllRes();
@@ -492,6 +508,15 @@ void CCmdExecuteManager::UpdateEpollFd(int epfd)
             const char* szText;
         } pipes[] = {{work.nFdOut[0], "CCmdExecuteManager::UpdateEpollFd(epoll_ctl add out fd is ok, fd: %d, work id: %u)"},
                      {work.nFdErr[0], "CCmdExecuteManager::UpdateEpollFd(epoll_ctl add err fd is ok, fd: %d, work id: %u)"}};
+        if (work.nPidFd != -1) {
+            epoll_event ev{};
+            ev.events = EPOLLIN;
+            ev.data.u64 = CHILD_END_MARK | nWorkId;
+            if (epoll_ctl(epfd, EPOLL_CTL_ADD, work.nPidFd, &ev) != 0) {
+                close(work.nPidFd);  // the rounds find the end all the same
+                work.nPidFd = -1;
+            }
+        }
         for (auto& pipe : pipes) {
             if (pipe.fd == -1) continue;
             epoll_event ev{};
@@ -509,13 +534,24 @@ void CCmdExecuteManager::UpdateEpollFd(int epfd)
     m_vecNewWorkId.clear();
 }
 
-void CCmdExecuteManager::DealEvents(int epfd, const epoll_event* pEvents, int nEvents)
+bool CCmdExecuteManager::DealEvents(int epfd, const epoll_event* pEvents, int nEvents)
 {
+    bool bChildEnded = false;
     for (int i = 0; i < nEvents; ++i) {
         unsigned int nWorkId = static_cast<unsigned int>(pEvents[i].data.u64);
         uint32_t nEvent = pEvents[i].events;
         if (pEvents[i].data.u64 == WAKE_EVENT_ID) {
             m_eventNewWork.ClearEvent();  // the new pipes are taken at the top of the next round
+            continue;
+        }
+        if (pEvents[i].data.u64 & CHILD_END_MARK) {
+            auto itEnded = m_mapWorkRunning.find(nWorkId);
+            if (itEnded != m_mapWorkRunning.end() && itEnded->second->nPidFd != -1) {
+                epoll_ctl(epfd, EPOLL_CTL_DEL, itEnded->second->nPidFd, nullptr);
+                close(itEnded->second->nPidFd);
+                itEnded->second->nPidFd = -1;
+            }
+            bChildEnded = true;
             continue;
         }
         auto it = m_mapWorkRunning.find(nWorkId);
@@ -548,6 +584,7 @@ void CCmdExecuteManager::DealEvents(int epfd, const epoll_event* pEvents, int nE
             "event: %u)",
             nWorkId, fdOut, fdErr, nEvent);
     }
+    return bChildEnded;
 }
 
 int CCmdExecuteManager::ReadDataFromFd(int epfd, int& fd, char* pBuf, unsigned int& nBufUsedSize, unsigned int nBufSize)

@@ -23,6 +23,7 @@ struct CommonWork {
     unsigned int nWorkId = 0;
     unsigned int nStatus = 0;
     pid_t nPid = 0;
+    int nPidFd = -1;  // readable once the child has ended; -1 where the kernel has none
     int nFdOut[2] = {-1, -1};
     int nFdErr[2] = {-1, -1};
     time_t nCreateTime = 0;
@@ -114,7 +115,8 @@ private:
 
     // The supervising thread's steps.
     void UpdateEpollFd(int epfd);
-    void DealEvents(int epfd, const struct epoll_event* pEvents, int nEvents);
+    // True when a child has ended and waits to be reaped.
+    bool DealEvents(int epfd, const struct epoll_event* pEvents, int nEvents);
     int ReadDataFromFd(int epfd, int& fd, char* pBuf, unsigned int& nBufUsedSize, unsigned int nBufSize);
     void DealProcessFinish(int epfd);
     void DealChildEnded(int epfd, CommonWork& work, int nStatus, time_t tNow);
