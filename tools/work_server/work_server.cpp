@@ -441,6 +441,7 @@ int Run(const std::string& strControl, const std::string& strAgent, const std::s
     in >> nRet >> nExit >> strOut >> strErr;
     std::string strOutText = FromHex(strOut), strErrText = FromHex(strErr);
     fwrite(strOutText.data(), 1, strOutText.size(), stdout);
+    fflush(stdout);
     fwrite(strErrText.data(), 1, strErrText.size(), stderr);
     if (nRet != 0) {
         fprintf(stderr, "work_server: the work ended with ret %d%s\n", nRet, nRet == 324 ? " (timed out)" : "");

@@ -1,0 +1,106 @@
+// The local work server tool with a real agent: list, run, and its errors.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+
+#include "install_tree.h"
+#include "tcp_peer.h"
+
+using namespace agent_test;
+
+namespace {
+
+// Runs a shell command line; its output and exit status.
+int Shell(const std::string& strCommand, std::string& strOut)
+{
+    FILE* pPipe = popen((strCommand + " 2>&1").c_str(), "r");
+    if (pPipe == nullptr) return -1;
+    char buf[4096];
+    size_t n;
+    strOut.clear();
+    while ((n = fread(buf, 1, sizeof(buf), pPipe)) > 0) strOut.append(buf, n);
+    int nStatus = pclose(pPipe);
+    return WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -1;
+}
+
+class WorkServerTool : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        std::string strWhy;
+        if (!CanRunEndToEnd(strWhy)) GTEST_SKIP() << strWhy;
+        m_pTree = std::make_unique<InstallTree>();
+        m_nPort = RefusedPort();
+        m_strControl = m_pTree->Path("ws.sock");
+        m_strTool = std::string(WORK_SERVER_BINARY) + " ";
+        m_pidServer = fork();
+        if (m_pidServer == 0) {
+            if (freopen("/dev/null", "w", stdout) == nullptr) _exit(127);
+            execl(WORK_SERVER_BINARY, "work_server", "serve", "--listen", ("127.0.0.1:" + std::to_string(m_nPort)).c_str(),
+                  "--control", m_strControl.c_str(), static_cast<char*>(nullptr));
+            _exit(127);
+        }
+        ASSERT_TRUE(WaitUntil([&] { return access(m_strControl.c_str(), F_OK) == 0; }, 5000));
+        m_pTree->Config()["server_port"] = std::to_string(m_nPort);
+        m_pTree->WriteConfig();
+        m_pidAgent = m_pTree->StartForeground();
+    }
+
+    void TearDown() override
+    {
+        if (m_pidServer > 0) {
+            kill(m_pidServer, SIGTERM);
+            waitpid(m_pidServer, nullptr, 0);
+        }
+    }
+
+    std::string Tool(const std::string& strArgs) { return m_strTool + strArgs + " --control " + m_strControl; }
+
+    std::unique_ptr<InstallTree> m_pTree;
+    unsigned short m_nPort = 0;
+    std::string m_strControl, m_strTool;
+    pid_t m_pidServer = -1, m_pidAgent = -1;
+};
+
+TEST_F(WorkServerTool, ListsAgentsAndRunsCommands)
+{
+    std::string strOut;
+    ASSERT_TRUE(WaitUntil([&] { return Shell(Tool("list"), strOut) == 0 && strOut.find("127.0.0.1") != std::string::npos; },
+                          10000));
+    EXPECT_NE(strOut.find("16777343"), std::string::npos);
+
+    EXPECT_EQ(Shell(Tool("run --agent 127.0.0.1") + " -- 'echo out; echo err >&2; exit 7'", strOut), 7);
+    EXPECT_EQ(strOut, "out\nerr\n");
+    EXPECT_EQ(Shell(Tool("run --agent 16777343 --buf-size 3") + " -- 'echo abcdef'", strOut), 0);
+    EXPECT_EQ(strOut, "abc");
+    EXPECT_EQ(Shell(Tool("run --agent 127.0.0.1 --timeout 1") + " -- 'sleep 5'", strOut), 1);
+    EXPECT_NE(strOut.find("the work is timeout"), std::string::npos);
+    EXPECT_NE(strOut.find("ret 324"), std::string::npos);
+}
+
+TEST_F(WorkServerTool, ErrorsAreClear)
+{
+    std::string strOut;
+    EXPECT_EQ(Shell(m_strTool + "frobnicate", strOut), 2);
+    EXPECT_NE(strOut.find("usage:"), std::string::npos);
+    EXPECT_EQ(Shell(Tool("run --agent 10.9.8.7 --wait 0") + " -- true", strOut), 2);
+    EXPECT_NE(strOut.find("no such agent is connected: 10.9.8.7"), std::string::npos);
+
+    // The agent goes away while its command runs.
+    ASSERT_TRUE(WaitUntil([&] { return Shell(Tool("list"), strOut) == 0 && strOut.find("127.0.0.1") != std::string::npos; },
+                          10000));
+    pid_t pidRun = fork();
+    if (pidRun == 0) {
+        std::string strCommand = Tool("run --agent 127.0.0.1") + " -- 'sleep 20' > " + m_pTree->Path("run.out") + " 2>&1";
+        execl("/bin/sh", "sh", "-c", strCommand.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    SleepMs(700);
+    kill(m_pidAgent, SIGKILL);
+    int nStatus = 0;
+    ASSERT_TRUE(WaitUntil([&] { return waitpid(pidRun, &nStatus, WNOHANG) == pidRun; }, 10000));
+    EXPECT_EQ(WEXITSTATUS(nStatus), 2);
+    EXPECT_NE(ReadFile(m_pTree->Path("run.out")).find("the agent was lost"), std::string::npos);
+}
+
+} // namespace
