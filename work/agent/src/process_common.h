@@ -8,6 +8,7 @@
 #include <atomic>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "asn_parse.h"
 #include "cmd_execute.h"
@@ -94,6 +95,27 @@ private:
     void SendExitNotice();
     void DealAutoAdjustAsnBufSize();
 
+    // Session keys and the encrypted requests.
+    struct SessionKey {
+        unsigned int nId;
+        unsigned int keySn;
+        time_t beginTime;
+        unsigned int validSecond;
+        std::string keyData;
+    };
+    bool NeedUpdateSessionKey();
+    void ReqUpdateSessionKey();
+    void DealRspSessionKey(RspSessionKey* pRsp);
+    std::string GetSessionKeyBySn(unsigned int nKeySn);
+    // Encodes a record alone and encrypts it under the public key; false after logging.
+    template <class T>
+    bool EncryptForServer(const char* szFunction, T& encData, std::string& strOut);
+    // Finds the key, decrypts and decodes an EncData record; false after logging.
+    template <class T>
+    bool DecryptEncData(const char* szHandler, unsigned int nKeySn, const AsnOcts& encData, T& out);
+    void ReqCmdCreateEnc(ReqWorkCmdCreateEnc* pReq);
+    void ReqCmdSetActionEnc(ReqWorkCmdSetActionEnc* pReq);
+
     // Moving to a new server.
     void ReqGetNewWs();
     void RspGetNewWs(RspWorkAgentGetNewWs* pRsp);
@@ -127,6 +149,7 @@ private:
     std::atomic<unsigned int> m_nWorkHistoryKeepSecond{600};
     std::atomic<int> m_nPublicKeyVersion{0};
     std::atomic<int> m_nSessionKeyUpdateSecond{86400};
+    std::atomic<bool> m_bMaskSessionKeyLog{false};
     brel_lib::CLock m_lockCfg;
     std::string m_strRestartShell;
 
@@ -145,6 +168,12 @@ private:
     bool m_bHeartbeat = false;
     std::map<unsigned int, long> m_mapCreatedWorkId;
     std::map<unsigned int, long> m_mapDeletedWorkId;
+    time_t m_timePreUpdateSessionKey = 0;
+    time_t m_timeReqUpdateSessionKey = 0;
+    bool m_bSessionKeyOk = false;
+    unsigned int nReqSessionKeySn = 0;
+    std::string m_strReqSessionKeyData;
+    std::vector<SessionKey> m_vecSessionKey;  // newest first, at most two
 
     // For tests that drive the session in-process.
     friend class SessionHarness;

@@ -1,0 +1,232 @@
+// Session keys with the real agent: the exchange under a key pair made at
+// run time, and command requests that travel encrypted.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include "install_tree.h"
+#include "server_crypto.h"
+#include "test_work_server.h"
+#include "util.h"
+
+using namespace agent_test;
+
+namespace {
+
+const unsigned int AGENT_ID = brel_lib::IpStringToInt("127.0.0.1");
+
+class AgentSessionKey : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        std::string strWhy;
+        if (!CanRunEndToEnd(strWhy)) GTEST_SKIP() << strWhy;
+        m_pTree = std::make_unique<InstallTree>();
+        m_pServer = std::make_unique<TestWorkServer>();
+        m_strPrivate = m_pTree->Path("private.pem");
+        ASSERT_TRUE(MakeRsaKeyPair(m_strPrivate, m_pTree->Path("etc/publickey.pem")));
+        Tree().Config()["server_port"] = std::to_string(m_pServer->Port());
+        Tree().Config()["public_key_version"] = "7";
+        Server().SetAnswerHeartbeats(true);
+    }
+
+    InstallTree& Tree() { return *m_pTree; }
+    TestWorkServer& Server() { return *m_pServer; }
+
+    pid_t StartAgent()
+    {
+        Tree().WriteConfig();
+        pid_t pid = Tree().StartForeground();
+        EXPECT_TRUE(Server().WaitFor(Zik::reqWorkAgentHeartbeatCid, 5000));
+        return pid;
+    }
+
+    // Waits for the request and answers it with the given key; returns the secret.
+    std::string Handshake(const std::string& strKey, unsigned int nKeySn = 1)
+    {
+        TestWorkServer::Received got;
+        EXPECT_TRUE(Server().WaitFor(Zik::reqSessionKeyCid, 5000, &got, nKeySn));
+        EXPECT_EQ(got.nAppend, 0);
+        ReqSessionKey req;
+        EXPECT_TRUE(DecodeBody(got, req));
+        EXPECT_EQ(req.moduleType, 2);
+        EXPECT_EQ(static_cast<unsigned int>(req.keyId.value), AGENT_ID);
+        EXPECT_EQ(req.publicKeyVersion, 7);
+        ReqSessionKeyEncData encData;
+        EXPECT_TRUE(DecodeRecord(RsaPrivateDecrypt(m_strPrivate, std::string(req.encData.octs, req.encData.octetLen)),
+                                 encData));
+        EXPECT_EQ(encData.keySn, static_cast<int>(nKeySn));
+        EXPECT_EQ(static_cast<unsigned int>(encData.keyId.value), AGENT_ID);
+        std::string strSecret(encData.oldKeyData.octs, encData.oldKeyData.octetLen);
+
+        RspSessionKeyEncData keyData;
+        keyData.keyData.ReSet(strKey.data(), strKey.size());
+        keyData.keyId = static_cast<int>(AGENT_ID);
+        keyData.keySn = static_cast<int>(nKeySn);
+        keyData.validSecond = 3600;
+        std::string strEnc = AesEncrypt(strSecret, EncodeRecord(keyData));
+        RspSessionKey rsp;
+        rsp.ret = 0;
+        rsp.moduleType = 2;
+        rsp.keyId = static_cast<int>(AGENT_ID);
+        rsp.encData.ReSet(strEnc.data(), strEnc.size());
+        rsp.routeDstAgentId = 1;
+        rsp.routeSrcServerIp = 0x01020304;
+        rsp.routeSrcServerId = 99;
+        Server().Send(rsp, 5);
+        return strSecret;
+    }
+
+    void SendCreateEnc(const std::string& strKey, unsigned int nKeySn, unsigned int nWorkId, const std::string& strCmd)
+    {
+        ReqWorkCmdCreateEncData data;
+        data.flag = 0;
+        data.timeout = 0;
+        data.bufSize = 0;
+        data.execUser = "";
+        data.cmd = strCmd.c_str();
+        std::string strEnc = AesEncrypt(strKey, EncodeRecord(data));
+        SendRawEnc<ReqWorkCmdCreateEnc>(strEnc, nKeySn, nWorkId);
+    }
+
+    template <class T>
+    void SendRawEnc(const std::string& strEnc, unsigned int nKeySn, unsigned int nWorkId)
+    {
+        T req;
+        req.encData.ReSet(strEnc.data(), strEnc.size());
+        req.keySn = static_cast<int>(nKeySn);
+        req.routeDstAgentId = 1;
+        req.routeSrcServerIp = 0x0A000001;
+        req.routeSrcServerId = 3;
+        req.workId = static_cast<int>(nWorkId);
+        Server().Send(req, 8);
+    }
+
+    std::unique_ptr<InstallTree> m_pTree;
+    std::unique_ptr<TestWorkServer> m_pServer;
+    std::string m_strPrivate;
+};
+
+TEST_F(AgentSessionKey, ExchangeAndEncryptedCommands)
+{
+    pid_t pid = StartAgent();
+    const std::string strKey = "0123456789abcdef";
+    std::string strSecret = Handshake(strKey);
+    EXPECT_EQ(strSecret.size(), 16u);
+    TestWorkServer::Received got;
+    ASSERT_TRUE(Server().WaitFor(Zik::rspSessionKeyUsedCid, 5000, &got));
+    EXPECT_EQ(got.nAppend, 0);
+    RspSessionKeyUsed used;
+    ASSERT_TRUE(DecodeBody(got, used));
+    EXPECT_EQ(used.ret, 0);
+    EXPECT_EQ(used.moduleType, 2);
+    EXPECT_EQ(static_cast<unsigned int>(used.keyId.value), AGENT_ID);
+    EXPECT_EQ(used.publicKeyVersion, 7);
+    EXPECT_EQ(used.routeDstServerIp, 0x01020304);
+    EXPECT_EQ(used.routeDstServerId, 99);
+    RspSessionKeyUsedEncData usedData;
+    ASSERT_TRUE(DecodeRecord(RsaPrivateDecrypt(m_strPrivate, std::string(used.encData.octs, used.encData.octetLen)),
+                             usedData));
+    EXPECT_EQ(static_cast<unsigned int>(usedData.keyId.value), AGENT_ID);
+    EXPECT_EQ(usedData.keySn, 1);
+
+    // Encrypted create and start run the command as the plain forms do.
+    SendCreateEnc(strKey, 1, 101, "echo enc");
+    ASSERT_TRUE(Server().WaitFor(Zik::rspWorkCmdCreateCid, 5000, &got));
+    RspWorkCmdCreate created;
+    ASSERT_TRUE(DecodeBody(got, created));
+    EXPECT_EQ(created.ret, 0);
+    EXPECT_EQ(created.workId, 101);
+    EXPECT_EQ(created.routeDstServerIp, 0x0A000001);
+    EXPECT_EQ(created.routeDstServerId, 3);
+    EXPECT_EQ(got.nAppend, 8);
+    ReqWorkCmdSetActionEncData action;
+    action.action = 1;
+    SendRawEnc<ReqWorkCmdSetActionEnc>(AesEncrypt(strKey, EncodeRecord(action)), 1, 101);
+    ASSERT_TRUE(Server().WaitFor(Zik::rspWorkCmdSetActionCid, 5000, &got));
+    RspWorkCmdSetAction started;
+    ASSERT_TRUE(DecodeBody(got, started));
+    EXPECT_EQ(started.ret, 0);
+    ASSERT_TRUE(Server().WaitFor(Zik::rspWorkCmdQueryCid, 5000, &got));
+    RspWorkCmdQuery result;
+    ASSERT_TRUE(DecodeBody(got, result));
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(std::string(result.stdOut.octs, result.stdOut.octetLen), "enc\n");
+    EXPECT_EQ(got.nAppend, 8);
+
+    // The create's three lines, key included, as they have always been written.
+    EXPECT_TRUE(Tree().WaitForLog("session key xxxx:0123456789abcdef:xxxxx", 1000));
+    EXPECT_TRUE(Tree().WaitForLog("decrypt key:0123456789abcdef, size:", 1000));
+    EXPECT_TRUE(Tree().WaitForLog("parse ret:0, size:", 1000));
+    kill(pid, SIGINT);
+    EXPECT_EQ(Tree().WaitExit(pid, 5000), 0);
+}
+
+TEST_F(AgentSessionKey, LongerKeysWork)
+{
+    for (const std::string& strKey : {std::string(24, 'k'), std::string(32, 'K')}) {
+        pid_t pid = StartAgent();
+        Handshake(strKey, 1);
+        ASSERT_TRUE(Server().WaitFor(Zik::rspSessionKeyUsedCid, 5000, nullptr, 1));
+        SendCreateEnc(strKey, 1, 7, "echo long");
+        TestWorkServer::Received got;
+        ASSERT_TRUE(Server().WaitFor(Zik::rspWorkCmdCreateCid, 5000, &got));
+        RspWorkCmdCreate created;
+        ASSERT_TRUE(DecodeBody(got, created));
+        EXPECT_EQ(created.ret, 0);
+        kill(pid, SIGINT);
+        EXPECT_EQ(Tree().WaitExit(pid, 5000), 0);
+        m_pServer = std::make_unique<TestWorkServer>();
+        Server().SetAnswerHeartbeats(true);
+        Tree().Config()["server_port"] = std::to_string(m_pServer->Port());
+    }
+}
+
+TEST_F(AgentSessionKey, BadEncryptedRequestsAreDroppedAndTheAgentGoesOn)
+{
+    Tree().Config()["log_mask_session_key"] = "1";
+    pid_t pid = StartAgent();
+    std::string strKey = "fedcba9876543210";
+    Handshake(strKey);
+    ASSERT_TRUE(Server().WaitFor(Zik::rspSessionKeyUsedCid, 5000));
+
+    SendCreateEnc(strKey, 9, 1, "echo unknown key");
+    EXPECT_TRUE(Tree().WaitForLog("CProcessCommon::ReqCmdCreateEnc(no session key, keySn:9)", 3000));
+    SendRawEnc<ReqWorkCmdCreateEnc>("not a whole block", 1, 2);
+    EXPECT_TRUE(Tree().WaitForLog("CProcessCommon::ReqCmdCreateEnc(decrypt error)", 3000));
+    SendRawEnc<ReqWorkCmdCreateEnc>(AesEncrypt(strKey, "garbage, not BER"), 1, 3);
+    EXPECT_TRUE(Tree().WaitForLog("CProcessCommon::ReqCmdCreateEnc(parse from buffer error)", 3000));
+    SendRawEnc<ReqWorkCmdSetActionEnc>(std::string(16, 'x'), 1, 4);
+    EXPECT_TRUE(Tree().WaitForLog("CProcessCommon::ReqCmdSetActionEnc(", 3000));
+    // Padding counts beyond the data, and hostile lengths: no reply, no crash.
+    std::string strPadded(31, 'p');
+    strPadded.push_back(static_cast<char>(200));
+    SendRawEnc<ReqWorkCmdCreateEnc>(strPadded, 1, 5);
+
+    SendCreateEnc(strKey, 1, 6, "echo fine");
+    TestWorkServer::Received got;
+    ASSERT_TRUE(Server().WaitFor(Zik::rspWorkCmdCreateCid, 5000, &got));
+    RspWorkCmdCreate created;
+    ASSERT_TRUE(DecodeBody(got, created));
+    EXPECT_EQ(created.workId, 6);  // the first reply of all: the bad ones got none
+    EXPECT_TRUE(Tree().WaitForLog("session key xxxx:******:xxxxx", 1000));
+    EXPECT_EQ(Tree().ReadLog().find(strKey), std::string::npos);
+    EXPECT_TRUE(Tree().IsAlive(pid));
+    kill(pid, SIGINT);
+    EXPECT_EQ(Tree().WaitExit(pid, 5000), 0);
+}
+
+TEST_F(AgentSessionKey, MissingPublicKeyIsLoggedAndPlainRequestsWork)
+{
+    unlink(Tree().Path("etc/publickey.pem").c_str());
+    pid_t pid = StartAgent();
+    EXPECT_TRUE(Tree().WaitForLog("CProcessCommon::ReqUpdateSessionKey(open public key file failed, /proc/", 3000));
+    EXPECT_NE(Tree().ReadLog().find("Error  ("), std::string::npos);
+    EXPECT_EQ(Server().Count(Zik::reqSessionKeyCid), 0);
+    ReqWorkAgentInfo info;
+    Server().Send(info, 1);
+    EXPECT_TRUE(Server().WaitFor(Zik::rspWorkAgentInfoCid, 3000));
+    kill(pid, SIGINT);
+    EXPECT_EQ(Tree().WaitExit(pid, 5000), 0);
+}
+
+} // namespace
