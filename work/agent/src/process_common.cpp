@@ -222,6 +222,8 @@ void CProcessCommon::DealTimers(int& nGetNewWsLeft)
     if (tPreSend > tNow) m_timePreSendHeartbeat.compare_exchange_strong(tPreSend, tNow);
     PullBack(m_timePreRespondHeartbeat, tNow);
     PullBack(m_timePreAdjustBuf, tNow);
+    PullBack(m_timeReqUpdateSessionKey, tNow);
+    for (SessionKey& key : m_vecSessionKey) PullBack(key.beginTime, tNow);
     if (m_timePreUpdateSessionKey > tNow) {
         // The clock went back: the newest key counts as expired, so a new one is asked for.
         m_timePreUpdateSessionKey = tNow;

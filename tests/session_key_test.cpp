@@ -1,0 +1,176 @@
+// Session keys in the session run in-process, on a clock the test moves:
+// renewal with the newest key as secret, the two newest keys, refused answers
+// and the 30-second spacing, a clock set back, a missing public key.
+#include <gtest/gtest.h>
+
+#include "server_crypto.h"
+#include "session_harness.h"
+
+using namespace agent_test;
+
+namespace {
+
+class SessionKeys : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        m_pSession = std::make_unique<SessionHarness>("heartbeat_second = 100000\nsession_key_update_second = 100\n");
+        m_strPrivate = m_pSession->Path("private.pem");
+        ASSERT_TRUE(MakeRsaKeyPair(m_strPrivate, m_pSession->Path("etc/publickey.pem")));
+    }
+
+    SessionHarness& Session() { return *m_pSession; }
+
+    // The next request: its serial number and secret.
+    bool NextRequest(unsigned int& nKeySn, std::string& strSecret, int nTimeoutMs = 3000)
+    {
+        ReqSessionKey req;
+        if (!Session().Next(req, nTimeoutMs)) return false;
+        ReqSessionKeyEncData data;
+        if (!DecodeRecord(RsaPrivateDecrypt(m_strPrivate, std::string(req.encData.octs, req.encData.octetLen)), data)) {
+            return false;
+        }
+        nKeySn = static_cast<unsigned int>(data.keySn.value);
+        strSecret.assign(data.oldKeyData.octs, data.oldKeyData.octetLen);
+        return true;
+    }
+
+    void Answer(const std::string& strSecret, const std::string& strKey, unsigned int nKeySn, int nRet = 0,
+                unsigned int nKeyId = 77)
+    {
+        RspSessionKeyEncData data;
+        data.keyData.ReSet(strKey.data(), strKey.size());
+        data.keyId = static_cast<int>(nKeyId);
+        data.keySn = static_cast<int>(nKeySn);
+        data.validSecond = 100000;
+        std::string strEnc = AesEncrypt(strSecret, EncodeRecord(data));
+        RspSessionKey rsp;
+        rsp.ret = nRet;
+        rsp.moduleType = 2;
+        rsp.keyId = static_cast<int>(nKeyId);
+        rsp.encData.ReSet(strEnc.data(), strEnc.size());
+        Session().Send(rsp);
+    }
+
+    bool Accepted()
+    {
+        RspSessionKeyUsed used;
+        return Session().Next(used, 1500);
+    }
+
+    // An encrypted create under the key: its ret, or -1 for no reply.
+    int CreateEnc(const std::string& strKey, unsigned int nKeySn, unsigned int nWorkId)
+    {
+        ReqWorkCmdCreateEncData data;
+        data.cmd = "true";
+        std::string strEnc = AesEncrypt(strKey, EncodeRecord(data));
+        ReqWorkCmdCreateEnc req;
+        req.encData.ReSet(strEnc.data(), strEnc.size());
+        req.keySn = static_cast<int>(nKeySn);
+        req.workId = static_cast<int>(nWorkId);
+        Session().Send(req);
+        return Session().NextRet<RspWorkCmdCreate>(1000);
+    }
+
+    std::unique_ptr<SessionHarness> m_pSession;
+    std::string m_strPrivate;
+};
+
+TEST_F(SessionKeys, RenewalKeepsTheTwoNewestKeys)
+{
+    Session().Start();
+    const std::string keys[] = {"AAAAAAAAAAAAAAAA", "BBBBBBBBBBBBBBBB", "CCCCCCCCCCCCCCCC"};
+    unsigned int nKeySn = 0;
+    std::string strSecret;
+    ASSERT_TRUE(NextRequest(nKeySn, strSecret));
+    EXPECT_EQ(nKeySn, 1u);
+    EXPECT_EQ(strSecret.size(), 16u);
+    for (unsigned int n = 1; n <= 3; ++n) {
+        if (n > 1) {
+            Session().AdvanceClock(101);
+            ASSERT_TRUE(NextRequest(nKeySn, strSecret));
+            EXPECT_EQ(nKeySn, n);
+            EXPECT_EQ(strSecret, keys[n - 2]);  // the newest key is the secret
+        }
+        Answer(strSecret, keys[n - 1], n);
+        ASSERT_TRUE(Accepted()) << n;
+    }
+    EXPECT_EQ(Session().SessionKeyCount(), 2u);
+    EXPECT_EQ(CreateEnc(keys[0], 1, 11), -1);  // pushed out: dropped without a reply
+    EXPECT_NE(Session().ReadLog().find("CProcessCommon::ReqCmdCreateEnc(no session key, keySn:1)"), std::string::npos);
+    EXPECT_EQ(CreateEnc(keys[1], 2, 12), 0);
+    EXPECT_EQ(CreateEnc(keys[2], 3, 13), 0);
+}
+
+TEST_F(SessionKeys, RefusedAnswersAreRequestedAgainAfterTheSpacing)
+{
+    Session().Start();
+    unsigned int nKeySn = 0;
+    std::string strSecret;
+    ASSERT_TRUE(NextRequest(nKeySn, strSecret));
+
+    Answer(strSecret, "KKKKKKKKKKKKKKKK", 2);  // a wrong serial number
+    EXPECT_FALSE(Accepted());
+    EXPECT_NE(Session().ReadLog().find("CProcessCommon::DealRspSessionKey(enc data error, keySn:2u-1, keyId:77-77)"),
+              std::string::npos);
+    Session().AdvanceClock(10);
+    EXPECT_FALSE(NextRequest(nKeySn, strSecret, 300));  // spaced by 30 seconds
+    Session().AdvanceClock(21);
+    ASSERT_TRUE(NextRequest(nKeySn, strSecret));
+    EXPECT_EQ(nKeySn, 1u);
+
+    Answer(strSecret, "KKKKKKKKKKKKKKKK", 1, 5);  // a non-zero ret
+    EXPECT_FALSE(Accepted());
+    EXPECT_NE(Session().ReadLog().find("CProcessCommon::DealRspSessionKey(rsp session key error, ret:5)"),
+              std::string::npos);
+    Session().AdvanceClock(31);
+    ASSERT_TRUE(NextRequest(nKeySn, strSecret));
+
+    Answer(strSecret, "KKKKKKKKKKKKKKKK", 1, 0, 78);  // another agent's key
+    EXPECT_FALSE(Accepted());
+    EXPECT_NE(Session().ReadLog().find("rsp session key error, module type:2, keyId:78, keyLen"), std::string::npos);
+    Session().AdvanceClock(31);
+    ASSERT_TRUE(NextRequest(nKeySn, strSecret));
+    Answer(strSecret, "KKKKKKKKKKKKKKKK", 1);
+    EXPECT_TRUE(Accepted());
+    EXPECT_EQ(CreateEnc("KKKKKKKKKKKKKKKK", 1, 5), 0);
+}
+
+TEST_F(SessionKeys, ClockSetBackAsksAgainAndOldKeysStayUsable)
+{
+    Session().Start();
+    unsigned int nKeySn = 0;
+    std::string strSecret;
+    ASSERT_TRUE(NextRequest(nKeySn, strSecret));
+    Answer(strSecret, "OOOOOOOOOOOOOOOO", 1);
+    ASSERT_TRUE(Accepted());
+    Session().AdvanceClock(-3600);
+    Session().AdvanceClock(31);
+    ASSERT_TRUE(NextRequest(nKeySn, strSecret));
+    EXPECT_EQ(nKeySn, 2u);
+    EXPECT_EQ(strSecret, "OOOOOOOOOOOOOOOO");
+    EXPECT_EQ(CreateEnc("OOOOOOOOOOOOOOOO", 1, 6), 0);
+}
+
+TEST_F(SessionKeys, MissingPublicKeyIsRetriedEvery30Seconds)
+{
+    unlink(Session().Path("etc/publickey.pem").c_str());
+    Session().Start();
+    auto count = [&] {
+        std::string strLog = Session().ReadLog();
+        int n = 0;
+        for (size_t nPos = strLog.find("ReqUpdateSessionKey(open public key file failed"); nPos != std::string::npos;
+             nPos = strLog.find("ReqUpdateSessionKey(open public key file failed", nPos + 1)) {
+            ++n;
+        }
+        return n;
+    };
+    ASSERT_TRUE(WaitUntil([&] { return count() == 1; }, 2000));
+    Session().AdvanceClock(20);
+    EXPECT_EQ(count(), 1);
+    Session().AdvanceClock(11);
+    EXPECT_EQ(count(), 2);
+    EXPECT_EQ(Session().Create(3), 0);  // plain requests go on
+}
+
+} // namespace

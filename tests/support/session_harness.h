@@ -1,0 +1,142 @@
+// The server session run in-process, with its managers, on a clock the test
+// moves: packets go in through its receive buffer and are taken from its send
+// buffer. The working directory is the bin/ of a temporary install tree, so
+// that the session finds ../etc beside it; one harness per test process.
+#pragma once
+
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <deque>
+#include <string>
+
+#include "agent.h"
+#include "agent_clock.h"
+#include "install_tree.h"
+#include "log.h"
+#include "process_common.h"
+#include "test_work_server.h"
+
+class SessionHarness {
+public:
+    explicit SessionHarness(const std::string& strConfig)
+        : m_rev(true, 0), m_send(false, 0), m_link(m_rev, m_send, false), m_session(m_rev, m_send)
+    {
+        char szDir[] = "/tmp/session_test_XXXXXX";
+        if (mkdtemp(szDir) == nullptr) abort();
+        m_strDir = szDir;
+        for (const char* szSub : {"/bin", "/etc", "/log"}) {
+            if (mkdir((m_strDir + szSub).c_str(), 0755) != 0) abort();
+        }
+        agent_test::WriteFile(m_strDir + "/etc/config", "public_key_version = 1\n" + strConfig);
+        char szCwd[4096];
+        m_strOldCwd = getcwd(szCwd, sizeof(szCwd)) != nullptr ? szCwd : "/";
+        if (chdir((m_strDir + "/bin").c_str()) != 0) abort();
+        brel_lib::LogFile(m_strDir + "/log/agent");
+        brel_lib::LogLevel(brel_lib::LOG_LEVEL_DEBUG);
+        g_nAgentId = 77;
+        SetAgentTimeOffset(0);
+    }
+
+    ~SessionHarness()
+    {
+        if (m_bStarted) m_session.Stop();
+        SetAgentTimeOffset(0);
+        brel_lib::LogFile("");
+        if (chdir(m_strOldCwd.c_str()) != 0) ADD_FAILURE();
+        std::string strCommand = "rm -rf " + m_strDir;
+        if (system(strCommand.c_str()) != 0) ADD_FAILURE();
+    }
+
+    void Start()
+    {
+        m_session.SetCfgFile(m_strDir + "/etc/config");
+        m_session.SetNetwork(&m_link);
+        m_session.SetAgentVersion("7.0.39");
+        EXPECT_EQ(m_session.Start(), 0);
+        m_bStarted = true;
+    }
+
+    std::string Path(const std::string& strRelative) const { return m_strDir + "/" + strRelative; }
+    std::string ReadLog() const { return agent_test::ReadFile(m_strDir + "/log/agent.log"); }
+
+    template <class T>
+    void Send(T& req, int nAppend = 1)
+    {
+        std::vector<unsigned char> bytes = agent_test::EncodeMessage(req, nAppend);
+        m_rev.Push(bytes.data(), static_cast<unsigned int>(bytes.size()), brel_lib::BREL_DATA_NORMAL_PRI);
+    }
+
+    // The next packet of the message type T (others are kept for later); false on timeout.
+    template <class T>
+    bool Next(T& out, int nTimeoutMs = 3000)
+    {
+        int64_t lDeadline = agent_test::SteadyMs() + nTimeoutMs;
+        while (true) {
+            for (auto it = m_deqPending.begin(); it != m_deqPending.end(); ++it) {
+                if (agent_test::DecodeBody(*it, out)) {
+                    m_deqPending.erase(it);
+                    return true;
+                }
+            }
+            unsigned int nSize = 0;
+            char* p = static_cast<char*>(m_send.GetFrontAndPop(nSize, 0));
+            if (p != nullptr) {
+                agent_test::TestWorkServer::Received received;
+                received.bytes.assign(p, p + nSize);
+                brel_lib::CDataBufferSTLDeque::FreePopData(p);
+                m_deqPending.push_back(received);
+                continue;
+            }
+            if (agent_test::SteadyMs() >= lDeadline) return false;
+            usleep(2000);
+        }
+    }
+
+    template <class T>
+    int NextRet(int nTimeoutMs = 3000)
+    {
+        T rsp;
+        return Next(rsp, nTimeoutMs) ? rsp.ret.value : -1;
+    }
+
+    int Create(unsigned int nWorkId)
+    {
+        ReqWorkCmdCreate req;
+        req.workId = static_cast<int>(nWorkId);
+        req.cmd = "true";
+        Send(req);
+        return NextRet<RspWorkCmdCreate>();
+    }
+
+    int Delete(unsigned int nWorkId)
+    {
+        ReqWorkCmdDelete req;
+        req.workId = static_cast<int>(nWorkId);
+        Send(req);
+        return NextRet<RspWorkCmdDelete>();
+    }
+
+    // Moves the agent's clock and lets the session run a pass on it.
+    void AdvanceClock(time_t tSeconds)
+    {
+        m_tOffset += tSeconds;
+        SetAgentTimeOffset(m_tOffset);
+        usleep(300000);
+    }
+
+    size_t CreatedCount() { return m_session.m_mapCreatedWorkId.size(); }
+    size_t SessionKeyCount() { return m_session.m_vecSessionKey.size(); }
+
+private:
+    std::string m_strDir;
+    std::string m_strOldCwd;
+    brel_lib::CDataBufferSTLDeque m_rev;
+    brel_lib::CDataBufferSTLDeque m_send;
+    brel_lib::CNetworkClientBrel m_link;
+    CProcessCommon m_session;
+    std::deque<agent_test::TestWorkServer::Received> m_deqPending;
+    time_t m_tOffset = 0;
+    bool m_bStarted = false;
+};
