@@ -279,6 +279,76 @@ TEST_F(AgentSession, ExitWithTheLinkDownDoesNotWait)
               std::string::npos);
 }
 
+TEST_F(AgentSession, ExitWithAStalledLinkGivesUpAfterOneSecond)
+{
+    // A server that takes the connection but never reads: large results fill
+    // the socket buffers, and the exit notice can't leave.
+    TcpPeer stalled;
+    Tree().Config()["server_port"] = std::to_string(stalled.Port());
+    Tree().WriteConfig();
+    pid_t pid = Tree().StartForeground();
+    ASSERT_TRUE(stalled.Accept(5000));
+    for (int i = 1; i <= 6; ++i) {
+        ReqWorkCmdCreate create;
+        create.workId = i;
+        create.bufSize = 8000000;
+        create.cmd = "head -c 8000000 /dev/zero";
+        ReqWorkCmdSetAction start;
+        start.workId = i;
+        start.action = 1;
+        ASSERT_TRUE(stalled.Write(EncodeMessage(create, 1)));
+        ASSERT_TRUE(stalled.Write(EncodeMessage(start, 1)));
+    }
+    ASSERT_TRUE(Tree().WaitForLog("work is normal finish, work id: 6", 10000));
+    SleepMs(500);
+    int64_t lStart = SteadyMs();
+    kill(pid, SIGINT);
+    EXPECT_EQ(Tree().WaitExit(pid, 10000), 0);
+    int64_t lElapsed = SteadyMs() - lStart;
+    EXPECT_GE(lElapsed, 900);
+    EXPECT_LT(lElapsed, 4000);
+    EXPECT_NE(Tree().ReadLog().find("CProcessCommon::Run(send to server agent exit is failed in 1s)"), std::string::npos);
+    EXPECT_NE(Tree().ReadLog().find("we end"), std::string::npos);
+}
+
+TEST_F(AgentSession, ReloadAppliesANewAgentIdAndUnknownPacketsAreDumpedToStandardOutput)
+{
+    Tree().Config()["log_level"] = "OBJDBG";
+    Tree().WriteConfig();
+    pid_t pid = Tree().StartForeground();
+    ASSERT_TRUE(Server().WaitFor(Zik::reqWorkAgentHeartbeatCid, 5000));
+    ReqTestSpeedGet carried;
+    carried.getSize = 4242;
+    ASSERT_TRUE(Server().Send(carried, 1));
+    ASSERT_TRUE(Tree().WaitForLog("the choiceid: 74)", 3000));
+    // The dump goes to standard output only, whatever the log file is.
+    ASSERT_TRUE(WaitUntil([&] { return Tree().ReadStdout().find("getSize 4242") != std::string::npos; }, 2000));
+    EXPECT_NE(Tree().ReadStdout().find("ObjDbg ("), std::string::npos);
+    EXPECT_EQ(Tree().ReadLog().find("getSize 4242"), std::string::npos);
+
+    Tree().Config()["agent_id"] = "4.3.2.1";
+    Tree().WriteConfig();
+    kill(pid, SIGUSR1);
+    ASSERT_TRUE(Tree().WaitForLog("main(receive signusr1, we will reload cfg)", 3000));
+    ReqWorkAgentInfo info;
+    ASSERT_TRUE(WaitUntil(
+        [&] {
+            Server().Send(info, 1);
+            SleepMs(200);
+            for (const auto& r : Server().Packets()) {
+                RspWorkAgentInfo rsp;
+                if (DecodeBody(r, rsp) && rsp.agentInfo.get() != nullptr &&
+                    static_cast<unsigned int>(rsp.agentInfo->agentId.value) == brel_lib::IpStringToInt("4.3.2.1")) {
+                    return true;
+                }
+            }
+            return false;
+        },
+        5000));
+    kill(pid, SIGINT);
+    EXPECT_EQ(Tree().WaitExit(pid, 5000), 0);
+}
+
 TEST_F(AgentSession, PublicKeyVersionZeroStopsStartAndReload)
 {
     Tree().Config()["public_key_version"] = "0";
