@@ -1,6 +1,7 @@
 #!/bin/bash
 # Builds and runs every test: a plain build, then one with AddressSanitizer
-# and UndefinedBehaviorSanitizer, then a short fuzz run of the decoders.
+# and UndefinedBehaviorSanitizer, then one with ThreadSanitizer, then a short
+# fuzz run of the decoders.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash tools/setup_deps.sh
@@ -17,6 +18,13 @@ ninja -C build-asan
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 (cd build-asan && ctest --output-on-failure -j "$JOBS" --timeout 600)
+
+echo "=== ThreadSanitizer build ==="
+cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS=-fsanitize=thread \
+  -DCMAKE_EXE_LINKER_FLAGS=-fsanitize=thread -DAGENT_TESTS=ON -DAGENT_BENCH=OFF >/dev/null
+ninja -C build-tsan
+# The agents the end-to-end tests start inherit this: a race ends them with 66.
+(cd build-tsan && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -j "$JOBS" --timeout 600)
 
 if [ -x tools/fuzz.sh ]; then
   echo "=== fuzz ==="

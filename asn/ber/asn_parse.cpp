@@ -1,4 +1,5 @@
 #include "asn_parse.h"
+#include "process.h"
 
 namespace brel_lib {
 
@@ -9,7 +10,7 @@ void CPacketBuffer::Grow(unsigned int nNeeded)
     m_pPacketBuf = static_cast<char*>(malloc(nSize));
     if (m_pPacketBuf == nullptr) {
         Log(LOG_LEVEL_ERROR, "%s::PacketObjToBuffer(malloc failed, we exit, size: %u)", m_szOwner, nSize);
-        exit(1);
+        ExitProcess(1);
     }
     m_nPacketBufSize = nSize;
 }

@@ -15,6 +15,11 @@ int SetSignal(int nSigNo, void (*pHandler)(int));
 // 0: another process holds the lock; -1: this process holds it now and wrote its pid.
 int CheckSelfRunning(const std::string& strPath);
 int lock_reg(int fd, int cmd, int type, long offset, int whence, long len);
+// Ends the process at once with the status: standard I/O flushed, but no
+// static destructors or atexit handlers, which threads still running may use
+// (the crypto library's cleanup among them). For every failure exit once
+// threads run.
+[[noreturn]] void ExitProcess(int nStatus);
 // Prints the text and exits with -2.
 [[noreturn]] void err_sys(const char* szText);
 

@@ -1,4 +1,5 @@
 #include "data_buffer.h"
+#include "process.h"
 
 #include <stdlib.h>
 #include <string.h>
@@ -29,7 +30,7 @@ CDataBufferSTLDeque::CDataBufferSTLDeque(bool bBlockGet, unsigned int nPacketNum
     int ret = m_dataEvent.Init();
     if (ret != 0) {
         Log(LOG_LEVEL_ERROR, "CDataBufferSTLDeque::CDataBufferSTLDeque(m_dataEvent init is error, ret: %d)", ret);
-        exit(1);
+        ExitProcess(1);
     }
 }
 
@@ -76,7 +77,7 @@ int CDataBufferSTLDeque::Push3(const void* pBuffer, unsigned int nSize, unsigned
     int ret = m_dataEvent.SetEvent();
     if (ret != 0) {
         Log(LOG_LEVEL_ERROR, "CDataBufferSTLDeque::Push(m_dataEvent SetEvent is error, ret: %d)", ret);
-        exit(1);
+        ExitProcess(1);
     }
     return 0;
 }
@@ -124,7 +125,7 @@ void CDataBufferSTLDeque::LockOrExit(const char* szText)
     int ret = m_lock.Lock();
     if (ret != 0) {
         Log(LOG_LEVEL_ERROR, "CDataBufferSTLDeque::Push(%s, ret: %d)", szText, ret);
-        exit(1);
+        ExitProcess(1);
     }
 }
 
@@ -133,7 +134,7 @@ void CDataBufferSTLDeque::UnLockOrExit(const char* szText)
     int ret = m_lock.UnLock();
     if (ret != 0) {
         Log(LOG_LEVEL_ERROR, "CDataBufferSTLDeque::Push(%s, ret: %d)", szText, ret);
-        exit(1);
+        ExitProcess(1);
     }
 }
 
@@ -153,7 +154,7 @@ void* CDataBufferSTLDeque::GetFrontPrivate(unsigned int& nSize, unsigned int& nS
         if (ret == 0) return nullptr;
         if (ret < 0) {
             Log(LOG_LEVEL_ERROR, "CDataBufferSTLDeque::Push(m_dataEvent WaitForSingleObject is error, ret: %d)", ret);
-            exit(1);
+            ExitProcess(1);
         }
         uint64_t lNow = GetNowMilliSecond();
         LockOrExit("lock is error 2");

@@ -1,4 +1,5 @@
 #include "log.h"
+#include "process.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -68,7 +69,7 @@ CLock::CLock()
     int ret = pthread_mutex_init(&m_lock, nullptr);
     if (ret != 0) {
         Log(LOG_LEVEL_ERROR, "CLock::CLock(pthread_mutex_init ret: %d)", ret);
-        exit(1);
+        ExitProcess(1);
     }
 }
 
@@ -77,7 +78,7 @@ CLock::~CLock()
     int ret = pthread_mutex_destroy(&m_lock);
     if (ret != 0) {
         Log(LOG_LEVEL_ERROR, "CLock::~CLock(pthread_mutex_destroy ret: %d)", ret);
-        exit(1);
+        ExitProcess(1);
     }
 }
 
@@ -90,7 +91,7 @@ CAutoLock::CAutoLock(CLock& lock) : m_lock(lock)
     int ret = m_lock.Lock();
     if (ret != 0) {
         Log(LOG_LEVEL_ERROR, "CAutoLock::CAutoLock(lock ret: %d)", ret);
-        exit(1);
+        ExitProcess(1);
     }
 }
 
@@ -99,7 +100,7 @@ CAutoLock::~CAutoLock()
     int ret = m_lock.UnLock();
     if (ret != 0) {
         Log(LOG_LEVEL_ERROR, "CAutoLock::~CAutoLock(unlock ret: %d)", ret);
-        exit(1);
+        ExitProcess(1);
     }
 }
 

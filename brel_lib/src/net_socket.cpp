@@ -1,4 +1,5 @@
 #include "net_socket.h"
+#include "process.h"
 
 #include <arpa/inet.h>
 #include <errno.h>
@@ -437,7 +438,7 @@ int ReceiveAsnBufData(const std::atomic<unsigned int>& nContinue, int fd, int nA
             if (pNew == nullptr) {
                 Log(LOG_LEVEL_ERROR, "ReceiveAsnBufData(realloc is failed, new size: %u, ip: %s, port: %hu, connect id: %u)",
                     nNewLen, strIp.c_str(), nPort, nConnectId);
-                exit(1);
+                ExitProcess(1);
             }
             Log(LOG_LEVEL_INFO, "ReceiveAsnBufData(realloc, new size: %u, ip: %s, port: %hu, connect id: %u)", nNewLen,
                 strIp.c_str(), nPort, nConnectId);

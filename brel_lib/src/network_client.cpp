@@ -1,4 +1,5 @@
 #include "network_client.h"
+#include "process.h"
 
 #include <errno.h>
 #include <signal.h>
@@ -25,7 +26,7 @@ CNetworkClientBrel::CNetworkClientBrel(CDataBufferSTLDeque& revBuffer, CDataBuff
     if (m_pReceiveBuf == nullptr) {
         Log(LOG_LEVEL_ERROR, "CNetworkClientBrel::CNetworkClientBrel(malloc recv buf is error, malloc size: %d)",
             RECEIVE_BUF_SIZE);
-        exit(-1);
+        ExitProcess(-1);
     }
     // A dead peer must show as EPIPE, not end the process.
     signal(SIGPIPE, SIG_IGN);
@@ -212,7 +213,7 @@ void CNetworkClientBrel::EpollMod(int epfd, int fd, uint32_t event, bool bAddOrM
         Log(LOG_LEVEL_ERROR,
             "CNetworkClientBrel::EpollMod(epoll_ctl %s socket fd is error, epfd: %d, fd: %d, event: %u, errno: %d)",
             bAddOrMod ? "add" : "mod", epfd, fd, event, nErr);
-        exit(nErr);
+        ExitProcess(nErr);
     }
 }
 
@@ -242,7 +243,7 @@ void CNetworkClientBrel::Run()
     if (epfd < 0) {
         int nErr = errno;
         Log(LOG_LEVEL_ERROR, "CNetworkClientBrel::Run(epoll_create is error, errno: %d)", nErr);
-        exit(nErr);
+        ExitProcess(nErr);
     }
     const int fdBuffer = m_sendBuffer.GetReadableFd();
     EpollMod(epfd, m_sockTcp.GetSocket(), EPOLLIN, true);
@@ -263,7 +264,7 @@ void CNetworkClientBrel::Run()
             if (errno == EINTR) continue;
             int nErr = errno;
             Log(LOG_LEVEL_ERROR, "CNetworkClientBrel::Run(epoll_wait is error, errno: %d)", nErr);
-            exit(nErr);
+            ExitProcess(nErr);
         }
         const int fdSock = m_sockTcp.GetSocket();
         bool bNeedSendData = false, bNeedReConnect = false, bContinue = true;

@@ -75,6 +75,12 @@ int lock_reg(int fd, int cmd, int type, long offset, int whence, long len)
     return fcntl(fd, cmd, &lock);
 }
 
+void ExitProcess(int nStatus)
+{
+    fflush(nullptr);
+    _exit(nStatus);
+}
+
 void err_sys(const char* szText)
 {
     printf("%s\n", szText);

@@ -126,9 +126,6 @@ public:
         usleep(300000);
     }
 
-    size_t CreatedCount() { return m_session.m_mapCreatedWorkId.size(); }
-    size_t SessionKeyCount() { return m_session.m_vecSessionKey.size(); }
-
 private:
     std::string m_strDir;
     std::string m_strOldCwd;

@@ -57,7 +57,7 @@ void ReLoadCfg()
     CIniFile ini;
     if (ini.Load(g_strCfgFile) != 0) {
         Log(LOG_LEVEL_ERROR, "ReLoadCfg(the cfg file is error)");
-        exit(1);
+        ExitProcess(1);
     }
     LogFile(ini.GetIni("log_file", ""));
     SetLogInfo(static_cast<unsigned int>(StringToInt(ini.GetIni("log_file_max_num", "10"))),
@@ -69,7 +69,7 @@ void ReLoadCfg()
     unsigned int nAgentId = ConvertAgentIdToInt(g_strAgentId);
     if (nAgentId == 0) {
         Log(LOG_LEVEL_ERROR, "ReLoadCfg(the agent_id is not correct in config file, agent_id: %s)", g_strAgentId.c_str());
-        exit(1);
+        ExitProcess(1);
     }
     g_nAgentId = nAgentId;
     g_nNeedExit = static_cast<unsigned int>(StringToInt(ini.GetIni("need_exit", "")));
@@ -117,14 +117,14 @@ void RaiseLimit(int nResource, rlim_t nLimit, const char* szName)
     if (setrlimit(nResource, &limit) == 0) return;
     int nErr = errno;
     Log(LOG_LEVEL_ERROR, "setrlimit %s error, errno: %d", szName, nErr);
-    if (nErr != EPERM) exit(nErr);
+    if (nErr != EPERM) ExitProcess(nErr);
 
-    if (getrlimit(nResource, &limit) != 0) exit(errno);
+    if (getrlimit(nResource, &limit) != 0) ExitProcess(errno);
     limit.rlim_cur = limit.rlim_max;
     if (setrlimit(nResource, &limit) != 0) {
         nErr = errno;
         Log(LOG_LEVEL_ERROR, "setrlimit %s error, errno: %d", szName, nErr);
-        exit(nErr);
+        ExitProcess(nErr);
     }
     if (limit.rlim_max == RLIM_INFINITY) {
         Log(LOG_LEVEL_ERROR, "main(the hard limit of %s can not be raised, we run with the limit: unlimited)", szName);
@@ -207,13 +207,13 @@ int main(int argc, char* argv[])
     CIniFile iniMain;
     if (iniMain.Load(g_strCfgFile) != 0) {
         Log(LOG_LEVEL_ERROR, "the cfg file is error");
-        exit(1);
+        ExitProcess(1);
     }
     std::string strServerIp = iniMain.GetIni("server_ip", "");
     std::string strServerPort = iniMain.GetIni("server_port", "");
     if (CheckIpValid(strServerIp) != 0) {
         Log(LOG_LEVEL_ERROR, "the server ip address is not correct in config file");
-        exit(1);
+        ExitProcess(1);
     }
     std::string strServerSlaveIp = iniMain.GetIni("server_slave_ip", "");
     std::string strServerSlavePort = iniMain.GetIni("server_slave_port", "");
@@ -228,11 +228,11 @@ int main(int argc, char* argv[])
     std::string strPidFile = iniMain.GetIni("pid_file", "");
     if (strPidFile.empty()) {
         Log(LOG_LEVEL_ERROR, "the pid file is not correct in config file");
-        exit(1);
+        ExitProcess(1);
     }
     if (CheckSelfRunning(strPidFile) == 0) {
         Log(LOG_LEVEL_WARNING, "we are running now, so we exit");
-        exit(0);
+        ExitProcess(0);
     }
     RaiseLimit(RLIMIT_AS, RLIM_INFINITY, "RLIMIT_AS");
     RaiseLimit(RLIMIT_NOFILE, AGENT_NOFILE_LIMIT, "RLIMIT_NOFILE");
@@ -249,8 +249,8 @@ int main(int argc, char* argv[])
     pLink->AddServer(strServerIp, PortOf(strServerPort));
     pLink->AddServer(strServerSlaveIp, PortOf(strServerSlavePort));
     // The session runs, and has queued its first heartbeat, before the first connect.
-    if (pSession->Start() != 0) exit(1);
-    if (pLink->Start(true) != 0) exit(1);
+    if (pSession->Start() != 0) ExitProcess(1);
+    if (pLink->Start(true) != 0) ExitProcess(1);
 
     MainLoop(iniMain, *pLink, *pSession);
 

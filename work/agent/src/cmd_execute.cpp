@@ -68,7 +68,7 @@ CCmdExecuteManager::CCmdExecuteManager() : CThread(CMD_MANAGER_STACK_SIZE)
     int ret = m_eventNewWork.Init();
     if (ret != 0) {
         Log(LOG_LEVEL_ERROR, "CCmdExecuteManager::CCmdExecuteManager(event init is error, ret: %d)", ret);
-        exit(1);
+        ExitProcess(1);
     }
 }
 
@@ -455,7 +455,7 @@ void CCmdExecuteManager::Run()
     if (epfd < 0) {
         int nErr = errno;
         Log(LOG_LEVEL_ERROR, "CCmdExecuteManager::Run(epoll_create is error, errno: %d)", nErr);
-        exit(nErr);
+        ExitProcess(nErr);
     }
     epoll_event evWake{};
     evWake.events = EPOLLIN;
@@ -463,7 +463,7 @@ void CCmdExecuteManager::Run()
     if (epoll_ctl(epfd, EPOLL_CTL_ADD, m_eventNewWork.GetReadableFd(), &evWake) != 0) {
         int nErr = errno;
         Log(LOG_LEVEL_ERROR, "CCmdExecuteManager::Run(epoll_ctl add event is error, errno: %d)", nErr);
-        exit(nErr);
+        ExitProcess(nErr);
     }
     time_t tPre = AgentTime();
     bool bIdle = true;
@@ -488,7 +488,7 @@ void CCmdExecuteManager::Run()
             if (errno == EINTR) continue;
             int nErr = errno;
             Log(LOG_LEVEL_ERROR, "CCmdExecuteManager::Run(epoll_wait is error, errno: %d)", nErr);
-            exit(nErr);
+            ExitProcess(nErr);
         }
         CAutoLock lock(m_lock);
         if (DealEvents(epfd, events, n)) DealProcessFinish(epfd);
@@ -526,7 +526,7 @@ void CCmdExecuteManager::UpdateEpollFd(int epfd)
                 int nErr = errno;
                 Log(LOG_LEVEL_ERROR, "CCmdExecuteManager::UpdateEpollFd(epoll_ctl add fd is error, errno: %d, fd: %d, work id: %u)",
                     nErr, pipe.fd, nWorkId);
-                exit(nErr);
+                ExitProcess(nErr);
             }
             Log(LOG_LEVEL_DEBUG, pipe.szText, pipe.fd, nWorkId);
         }

@@ -1,4 +1,5 @@
 #include "process_common.h"
+#include "process.h"
 
 #include "session_crypto.h"
 
@@ -108,7 +109,7 @@ int CProcessCommon::Start()
         CAutoLock lock(m_lock);
         if (!m_packetBuf.Allocate(PACKET_BUF_SIZE)) {
             Log(LOG_LEVEL_ERROR, "CProcessCommon::Start(malloc asn buf is error, malloc size: %u)", PACKET_BUF_SIZE);
-            exit(1);
+            ExitProcess(1);
         }
     }
     LoadCfg();
@@ -118,7 +119,7 @@ int CProcessCommon::Start()
     int ret = m_taskManager.Start();
     if (ret != 0) {
         Log(LOG_LEVEL_ERROR, "CProcessCommon::Start(m_taskManager Start is error, ret: %d)", ret);
-        exit(1);
+        ExitProcess(1);
     }
     return CThread::Start();
 }
@@ -129,12 +130,12 @@ int CProcessCommon::Stop()
     int ret = CThread::Stop();
     if (ret != 0) {
         Log(LOG_LEVEL_ERROR, "CProcessCommon::Stop(is error, ret: %d)", ret);
-        exit(1);
+        ExitProcess(1);
     }
     ret = m_taskManager.Stop();
     if (ret != 0) {
         Log(LOG_LEVEL_ERROR, "CProcessCommon::Stop(m_taskManager Stop is error, ret: %d)", ret);
-        exit(1);
+        ExitProcess(1);
     }
     CAutoLock lock(m_lock);
     m_packetBuf.Allocate(0);
@@ -175,7 +176,7 @@ void CProcessCommon::LoadCfg()
     int nKeyVersion = StringToInt(ini.GetIni("public_key_version", ""));
     if (nKeyVersion == 0) {
         Log(LOG_LEVEL_ERROR, "CProcessCommon::LoadCfg(public key version error)");
-        exit(1);
+        ExitProcess(1);
     }
     m_nPublicKeyVersion = nKeyVersion;
     m_nSessionKeyUpdateSecond = StringToInt(ini.GetIni("session_key_update_second", "3600"));
@@ -715,7 +716,7 @@ void CProcessCommon::DealHeartbeatTimeout()
         // The supervisor outside restarts the agent; it exits whatever the command did.
         int ret = system(RestartShell().c_str());
         (void)ret;
-        exit(1);
+        ExitProcess(1);
     }
     if (!m_bRespondHeartbeatOk) {
         if (m_pNetwork != nullptr) m_pNetwork->SetFlag(CNetworkClientBrel::NET_FLAG_CONNECT_NEXT_SERVER);
@@ -787,7 +788,7 @@ void CProcessCommon::DealAutoAdjustAsnBufSize()
     if (!m_packetBuf.Allocate(PACKET_BUF_SIZE)) {
         Log(LOG_LEVEL_ERROR, "CProcessCommon::DealAutoAdjustAsnBufSize(malloc asn buf is error, malloc size: %u)",
             PACKET_BUF_SIZE);
-        exit(1);
+        ExitProcess(1);
     }
 }
 

@@ -174,9 +174,6 @@ private:
     unsigned int nReqSessionKeySn = 0;
     std::string m_strReqSessionKeyData;
     std::vector<SessionKey> m_vecSessionKey;  // newest first, at most two
-
-    // For tests that drive the session in-process.
-    friend class SessionHarness;
 };
 
 // Registered with the link: passes a successful connect to the session.
