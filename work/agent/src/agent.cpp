@@ -7,6 +7,7 @@
 #include <string.h>
 #include <sys/resource.h>
 
+#include <atomic>
 #include <string>
 
 #include "agent.h"
@@ -30,9 +31,12 @@ const std::string g_strEnvPath =
     "/sbin:/usr/sbin:/usr/local/sbin:/opt/gnome/sbin:/usr/local/bin:/usr/bin:/usr/X11R6/bin:/bin:/usr/games:"
     "/opt/gnome/bin:/usr/lib/mit/bin:/usr/lib/mit/sbin";
 
-// Written by the signal handlers only, read by the main loop.
-volatile sig_atomic_t g_nContinueRun = 1;
-volatile sig_atomic_t g_nReloadCfg = 0;
+// Written by the signal handlers only, read by the main loop. A handler runs
+// on whichever thread the signal reaches, so these are lock-free atomics
+// (safe in a handler) rather than plain volatile words.
+std::atomic<int> g_nContinueRun{1};
+std::atomic<int> g_nReloadCfg{0};
+static_assert(std::atomic<int>::is_always_lock_free, "signal flags must be lock-free");
 
 // Main thread only.
 std::string g_strAgentId;
