@@ -211,8 +211,8 @@ TEST_F(AgentCommand, FailedExecReportsSignalSix)
 {
     // su made unusable in a mount namespace of the agent's own.
     Tree().SetLaunchPrefix({"unshare", "-m", "sh", "-c", "mount --bind /dev/null /usr/bin/su && exec \"$0\" \"$@\""});
-    pid_t pid = StartAgent(false);
-    if (!Tree().IsAlive(pid)) GTEST_SKIP() << "no mount namespace here";
+    pid_t pid = StartAgent(true);
+    if (pid <= 0 || !Tree().IsAlive(pid)) GTEST_SKIP() << "no mount namespace here";
     RspWorkCmdQuery result;
     Run(result, 1, "true", 0, 0, 0, "nobody");
     EXPECT_EQ(result.ret, 0);
@@ -223,7 +223,7 @@ TEST_F(AgentCommand, FailedExecReportsSignalSix)
 
 TEST_F(AgentCommand, QueryWhileRunningShowsTheOutputSoFar)
 {
-    StartAgent();
+    StartAgent(true);
     ASSERT_EQ(Create(5, "echo first; sleep 3; echo second"), 0);
     ASSERT_EQ(Start(5), 0);
     RspWorkCmdQuery rsp;

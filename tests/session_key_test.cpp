@@ -172,4 +172,16 @@ TEST_F(SessionKeys, MissingPublicKeyIsRetriedEvery30Seconds)
     EXPECT_EQ(Session().Create(3), 0);  // plain requests go on
 }
 
+TEST_F(SessionKeys, UnreadablePublicKeyIsLogged)
+{
+    WriteFile(Session().Path("etc/publickey.pem"), "-----BEGIN RSA PUBLIC KEY-----\nnot a key\n");
+    Session().Start();
+    ASSERT_TRUE(WaitUntil(
+        [&] { return Session().ReadLog().find("CProcessCommon::ReqUpdateSessionKey(read public key file failed)") !=
+                     std::string::npos; },
+        2000));
+    EXPECT_NE(Session().ReadLog().find("Error  ("), std::string::npos);
+    EXPECT_EQ(Session().Create(4), 0);
+}
+
 } // namespace
