@@ -252,7 +252,8 @@ int main(int argc, char* argv[])
     // The order makes the first server the preferred one; an empty slave adds nothing.
     pLink->AddServer(strServerIp, PortOf(strServerPort));
     pLink->AddServer(strServerSlaveIp, PortOf(strServerSlavePort));
-    // The session runs, and has queued its first heartbeat, before the first connect.
+    // The session thread starts before the link: its first pass queues a heartbeat,
+    // which leaves as soon as the link comes up.
     if (pSession->Start() != 0) ExitProcess(1);
     if (pLink->Start(true) != 0) ExitProcess(1);
 
