@@ -61,3 +61,36 @@ TEST(SessionHistory, AnOversizedMapLosesItsLowestIdsFirst)
 }
 
 } // namespace
+
+namespace {
+
+TEST(SessionBuffer, ALargeReplyGrowsTheBlockAndTheShrinkGivesItBack)
+{
+    SessionHarness session("heartbeat_second = 100000\nasn_buffer_auto_adjust_second = 100\n");
+    session.Start();
+    ReqWorkCmdCreate create;
+    create.workId = 1;
+    create.bufSize = 1000000;
+    create.cmd = "head -c 1000000 /dev/zero";
+    session.Send(create);
+    ASSERT_EQ(session.NextRet<RspWorkCmdCreate>(), 0);
+    ReqWorkCmdSetAction start;
+    start.workId = 1;
+    start.action = 1;
+    session.Send(start);
+    ASSERT_EQ(session.NextRet<RspWorkCmdSetAction>(), 0);
+    RspWorkCmdQuery result;
+    ASSERT_TRUE(session.Next(result, 5000));
+    EXPECT_EQ(result.stdOut.octetLen, 1000000u);
+
+    session.AdvanceClock(101);
+    std::string strLog = session.ReadLog();
+    size_t nPos = strLog.find("CProcessCommon::DealAutoAdjustAsnBufSize(need adjust asn buffer to default, now size: ");
+    ASSERT_NE(nPos, std::string::npos);
+    EXPECT_GT(atoi(strLog.c_str() + nPos + 86), 1000000);
+    session.AdvanceClock(101);  // once: the next shrink finds the default size
+    EXPECT_NE(session.ReadLog().find("DealAutoAdjustAsnBufSize(not need to adjust asn buffer, now size: 524288)"),
+              std::string::npos);
+}
+
+} // namespace
