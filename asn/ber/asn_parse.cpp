@@ -1,4 +1,5 @@
 #include "asn_parse.h"
+
 #include "process.h"
 
 namespace brel_lib {

@@ -1,9 +1,9 @@
 #include "data_buffer.h"
-#include "process.h"
 
 #include <stdlib.h>
 #include <string.h>
 
+#include "process.h"
 #include "util.h"
 
 namespace brel_lib {

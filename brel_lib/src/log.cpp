@@ -1,5 +1,4 @@
 #include "log.h"
-#include "process.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -10,6 +9,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include "process.h"
 #include "util.h"
 
 namespace brel_lib {

@@ -1,5 +1,4 @@
 #include "net_socket.h"
-#include "process.h"
 
 #include <arpa/inet.h>
 #include <errno.h>
@@ -14,6 +13,7 @@
 #include <unistd.h>
 
 #include "log.h"
+#include "process.h"
 #include "token_bucket.h"
 #include "util.h"
 

@@ -1,5 +1,4 @@
 #include "network_client.h"
-#include "process.h"
 
 #include <errno.h>
 #include <signal.h>
@@ -9,6 +8,7 @@
 #include <unistd.h>
 
 #include "log.h"
+#include "process.h"
 #include "util.h"
 
 namespace brel_lib {

@@ -1,5 +1,7 @@
 // The agent process: start sequence, the 200 ms main loop, reload on SIGUSR1
 // and the orderly stop.
+#include "agent.h"
+
 #include <errno.h>
 #include <signal.h>
 #include <stdio.h>
@@ -10,7 +12,6 @@
 #include <atomic>
 #include <string>
 
-#include "agent.h"
 #include "data_buffer.h"
 #include "ini_file.h"
 #include "log.h"

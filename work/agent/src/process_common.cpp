@@ -1,17 +1,16 @@
 #include "process_common.h"
-#include "process.h"
-
-#include "session_crypto.h"
 
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <type_traits>
-#include <unistd.h>
 
 #include "agent.h"
 #include "agent_clock.h"
 #include "ini_file.h"
 #include "log.h"
+#include "process.h"
+#include "session_crypto.h"
 #include "util.h"
 
 using namespace brel_lib;
