@@ -118,6 +118,42 @@ TEST_F(AgentSession, CarriedUndecodableAndBrokenPacketsChangeNothing)
     EXPECT_EQ(Tree().WaitExit(pid, 5000), 0);
 }
 
+TEST_F(AgentSession, AStreamOfGarbageLeavesTheAgentServing)
+{
+    pid_t pid = Tree().StartForeground();
+    ASSERT_TRUE(Server().WaitFor(Zik::reqWorkAgentHeartbeatCid, 5000));
+    // Framed packets of random bytes, and now and then a stream the framing condemns.
+    unsigned int nSeed = 12345;
+    auto next = [&] {
+        nSeed = nSeed * 1103515245u + 12345u;
+        return (nSeed >> 16) & 0xff;
+    };
+    int nBroken = 0;
+    for (int i = 0; i < 3000; ++i) {
+        std::vector<unsigned char> packet{0x30};
+        unsigned int nLen = next() % 120;
+        packet.push_back(static_cast<unsigned char>(nLen));
+        for (unsigned int n = 0; n < nLen; ++n) packet.push_back(static_cast<unsigned char>(next()));
+        if (i % 500 == 499) {
+            packet[0] = 0x31;
+            ++nBroken;
+        }
+        if (!Server().SendRaw(packet)) {
+            ASSERT_TRUE(WaitUntil([&] { return Server().SendRaw({0x30, 0x00, 0x30, 0x00}); }, 5000));
+        }
+    }
+    // Broken streams made the link reconnect (several may share one connection).
+    ASSERT_GT(nBroken, 0);
+    ASSERT_TRUE(Server().WaitConnections(2, 10000));
+    ReqWorkAgentInfo info;
+    ASSERT_TRUE(WaitUntil([&] { return Server().Send(info, 1); }, 5000));
+    EXPECT_TRUE(Server().WaitFor(Zik::rspWorkAgentInfoCid, 5000));
+    EXPECT_TRUE(Tree().IsAlive(pid));
+    EXPECT_NE(Tree().ReadLog().find("CProcessCommon::DealReq(parse from buffer is error)"), std::string::npos);
+    kill(pid, SIGINT);
+    EXPECT_EQ(Tree().WaitExit(pid, 5000), 0);
+}
+
 TEST_F(AgentSession, SilentServerMakesTheAgentMoveThenRestart)
 {
     TestWorkServer slave;
