@@ -96,7 +96,7 @@ TEST_F(AgentProcess, UnknownLogLevelWarnsAndStartGoesOn)
     Tree().Config()["log_level"] = "debug";  // names are case-sensitive
     Tree().WriteConfig();
     pid_t pid = Tree().StartForeground();
-    ASSERT_TRUE(Tree().WaitForLog("we start", 5000));
+    ASSERT_TRUE(Tree().WaitRunning(5000));
     EXPECT_NE(Tree().ReadLog().find("Warning(") , std::string::npos);
     EXPECT_NE(Tree().ReadLog().find("ReLoadCfg(the log level is error, will use default level)"), std::string::npos);
     EXPECT_TRUE(Tree().IsAlive(pid));
@@ -109,7 +109,7 @@ TEST_F(AgentProcess, NumericAgentIdWarnsAndStarts)
     Tree().Config()["agent_id"] = "12345";
     Tree().WriteConfig();
     pid_t pid = Tree().StartForeground();
-    ASSERT_TRUE(Tree().WaitForLog("we start", 5000));
+    ASSERT_TRUE(Tree().WaitRunning(5000));
     EXPECT_NE(Tree().ReadLog().find("ReLoadCfg(EthnetGetIpAddress is return error, we try num of agent id, errno: -3)"),
               std::string::npos);
     kill(pid, SIGQUIT);
@@ -121,7 +121,7 @@ TEST_F(AgentProcess, RunsWithTheHardLimitItHas)
     rlimit limit;
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
     pid_t pid = Tree().StartForeground();
-    ASSERT_TRUE(Tree().WaitForLog("we start", 5000));
+    ASSERT_TRUE(Tree().WaitRunning(5000));
     ASSERT_TRUE(WaitUntil([&] { return ReadFile("/proc/" + std::to_string(pid) + "/limits").find("Max open files") != std::string::npos; }, 2000));
     WaitUntil([&] { return Tree().ReadLog().find("RLIMIT_NOFILE") != std::string::npos; }, 1000);
     SleepMs(300);
@@ -213,7 +213,7 @@ TEST_F(AgentProcess, ReloadAppliesLogLevelAndAgentIdAndNeedExit)
 TEST_F(AgentProcess, ReloadWithBadAgentIdEndsTheAgent)
 {
     pid_t pid = Tree().StartForeground();
-    ASSERT_TRUE(Tree().WaitForLog("we start", 5000));
+    ASSERT_TRUE(Tree().WaitRunning(5000));
     Tree().Config()["agent_id"] = "0.0.0.0";
     Tree().WriteConfig();
     kill(pid, SIGUSR1);
@@ -224,7 +224,7 @@ TEST_F(AgentProcess, ReloadWithBadAgentIdEndsTheAgent)
 TEST_F(AgentProcess, LogLinesHaveTheirForms)
 {
     pid_t pid = Tree().StartForeground();
-    ASSERT_TRUE(Tree().WaitForLog("we start", 5000));
+    ASSERT_TRUE(Tree().WaitRunning(5000));
     kill(pid, SIGINT);
     ASSERT_EQ(Tree().WaitExit(pid, 5000), 0);
     std::string strLog = Tree().ReadLog();
@@ -237,7 +237,7 @@ TEST_F(AgentProcess, LogLinesHaveTheirForms)
     Tree().WriteConfig();
     unlink(Tree().StdoutPath().c_str());
     pid = Tree().StartForeground();
-    ASSERT_TRUE(WaitUntil([&] { return Tree().ReadStdout().find("we start") != std::string::npos; }, 5000));
+    ASSERT_TRUE(Tree().WaitRunning(5000));
     kill(pid, SIGINT);
     ASSERT_EQ(Tree().WaitExit(pid, 5000), 0);
     std::regex stdoutLine("Info   \\(\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}\\):we start\n");

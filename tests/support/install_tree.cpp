@@ -126,7 +126,11 @@ pid_t InstallTree::Spawn(const std::string& strArg1, const std::string& strArg2)
         }
         int fdNull = open("/dev/null", O_RDONLY);
         if (fdNull >= 0) dup2(fdNull, 0);
-        signal(SIGPIPE, SIG_DFL);
+        // As from a shell: a runner started in the background ignores SIGINT and SIGQUIT.
+        for (int nSig : {SIGPIPE, SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGUSR1}) signal(nSig, SIG_DFL);
+        sigset_t mask;
+        sigemptyset(&mask);
+        sigprocmask(SIG_SETMASK, &mask, nullptr);
         std::vector<const char*> vecArgv;
         for (const std::string& str : m_vecPrefix) vecArgv.push_back(str.c_str());
         vecArgv.push_back(AGENT_BINARY);
@@ -190,6 +194,13 @@ std::string InstallTree::ReadStdout() const { return ReadFile(StdoutPath()); }
 bool InstallTree::WaitForLog(const std::string& strText, int nTimeoutMs) const
 {
     return WaitUntil([&] { return ReadLog().find(strText) != std::string::npos; }, nTimeoutMs);
+}
+
+bool InstallTree::WaitRunning(int nTimeoutMs) const
+{
+    const char* szText = "CNetworkClientBrel::ConnectToServer(try to connect the server";
+    return WaitUntil([&] { return ReadLog().find(szText) != std::string::npos || ReadStdout().find(szText) != std::string::npos; },
+                     nTimeoutMs);
 }
 
 void InstallTree::StopAll()

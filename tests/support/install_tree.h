@@ -51,6 +51,9 @@ public:
 
     std::string ReadLog() const;
     std::string ReadStdout() const;
+    // Waits until the agent runs its link, and so has its signal handlers
+    // (its log file or standard output shows the first connect); false on timeout.
+    bool WaitRunning(int nTimeoutMs) const;
     // Waits until the log holds the text; false on timeout.
     bool WaitForLog(const std::string& strText, int nTimeoutMs) const;
 
