@@ -236,6 +236,7 @@ TEST_F(AgentProcess, LogLinesHaveTheirForms)
     Tree().Config().erase("log_file");
     Tree().WriteConfig();
     unlink(Tree().StdoutPath().c_str());
+    unlink(Tree().LogPath().c_str());
     pid = Tree().StartForeground();
     ASSERT_TRUE(Tree().WaitRunning(5000));
     kill(pid, SIGINT);
