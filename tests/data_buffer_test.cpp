@@ -141,7 +141,9 @@ TEST(DataBuffer, ManyProducersAndConsumersLoseNothing)
     std::vector<std::thread> threads;
     for (int c = 0; c < 2; ++c) {
         threads.emplace_back([&] {
-            while (nTaken < nProducers * nPerProducer) {
+            // Bounded: a lost block must fail the test, not hang it.
+            uint64_t lDeadline = GetNowMilliSecond() + 20000;
+            while (nTaken < nProducers * nPerProducer && GetNowMilliSecond() < lDeadline) {
                 unsigned int nSize = 0;
                 void* p = buf.GetFrontAndPop(nSize, 20);
                 if (p == nullptr) continue;

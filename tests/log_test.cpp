@@ -7,19 +7,13 @@
 
 #include <fstream>
 #include <regex>
-#include <sstream>
+
+#include "install_tree.h"
 
 using namespace brel_lib;
+using agent_test::ReadFile;
 
 namespace {
-
-std::string ReadAll(const std::string& strPath)
-{
-    std::ifstream file(strPath);
-    std::stringstream ss;
-    ss << file.rdbuf();
-    return ss.str();
-}
 
 bool Exists(const std::string& strPath)
 {
@@ -53,7 +47,7 @@ protected:
 TEST_F(LogTest, FileLineForm)
 {
     EXPECT_EQ(Log(LOG_LEVEL_WARNING, "CX::Y(value: %d)", 5), 0);
-    std::string strLog = ReadAll(m_strBase + ".log");
+    std::string strLog = ReadFile(m_strBase + ".log");
     std::regex line("Warning\\(\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}\\)\\(tid:\\d[\\d ]{5}\\):CX::Y\\(value: 5\\)\n");
     EXPECT_TRUE(std::regex_match(strLog, line)) << strLog;
 }
@@ -68,7 +62,7 @@ TEST_F(LogTest, LevelFilterAndNames)
     EXPECT_EQ(g_nLogLevel.load(), static_cast<unsigned int>(LOG_LEVEL_INFO));
     EXPECT_EQ(LogLevel("DEBUG"), 0);
     Log(LOG_LEVEL_DEBUG, "kept");
-    EXPECT_NE(ReadAll(m_strBase + ".log").find("Debug  ("), std::string::npos);
+    EXPECT_NE(ReadFile(m_strBase + ".log").find("Debug  ("), std::string::npos);
     EXPECT_EQ(LogLevel("NONE"), 0);
     EXPECT_EQ(g_nLogLevel.load(), 100u);
     EXPECT_EQ(LogLevel("ALL"), 0);
@@ -80,18 +74,18 @@ TEST_F(LogTest, RotationKeepsMaxNumFiles)
     SetLogInfo(3, 0);  // a size of 0 rotates after every line
     for (int i = 0; i < 6; ++i) Log(LOG_LEVEL_ERROR, "line %d", i);
     EXPECT_FALSE(Exists(m_strBase + ".log"));  // the next line creates it
-    EXPECT_NE(ReadAll(m_strBase + "1.log").find("line 5"), std::string::npos);
-    EXPECT_NE(ReadAll(m_strBase + "2.log").find("line 4"), std::string::npos);
+    EXPECT_NE(ReadFile(m_strBase + "1.log").find("line 5"), std::string::npos);
+    EXPECT_NE(ReadFile(m_strBase + "2.log").find("line 4"), std::string::npos);
     EXPECT_FALSE(Exists(m_strBase + "3.log"));
 }
 
 TEST_F(LogTest, ExactSizeRotates)
 {
     Log(LOG_LEVEL_ERROR, "x");
-    long long lSize = static_cast<long long>(ReadAll(m_strBase + ".log").size());
+    long long lSize = static_cast<long long>(ReadFile(m_strBase + ".log").size());
     SetLogInfo(2, 1);
     // Fill the file to exactly one MiB minus one line, then one line reaches it.
-    std::string strLine = ReadAll(m_strBase + ".log");
+    std::string strLine = ReadFile(m_strBase + ".log");
     unlink((m_strBase + ".log").c_str());
     {
         std::ofstream file(m_strBase + ".log");
@@ -99,7 +93,7 @@ TEST_F(LogTest, ExactSizeRotates)
     }
     Log(LOG_LEVEL_ERROR, "x");
     EXPECT_FALSE(Exists(m_strBase + ".log"));
-    EXPECT_EQ(ReadAll(m_strBase + "1.log").size(), 1u << 20);
+    EXPECT_EQ(ReadFile(m_strBase + "1.log").size(), 1u << 20);
 }
 
 TEST_F(LogTest, MissingDirectoryLosesTheLine)

@@ -24,18 +24,6 @@ using namespace agent_test;
 
 namespace {
 
-std::vector<unsigned char> Packet(unsigned int nContentLen, unsigned char cFill)
-{
-    std::vector<unsigned char> v{0x30};
-    if (nContentLen < 128) {
-        v.push_back(static_cast<unsigned char>(nContentLen));
-    } else {
-        v.push_back(0x84);
-        for (int i = 3; i >= 0; --i) v.push_back(static_cast<unsigned char>(nContentLen >> (8 * i)));
-    }
-    for (unsigned int i = 0; i < nContentLen; ++i) v.push_back(static_cast<unsigned char>(cFill + i * 13));
-    return v;
-}
 
 class LinkTest : public ::testing::Test {
 protected:
@@ -128,7 +116,7 @@ TEST_F(LinkTest, ConnectsSendsAndReceivesWholePackets)
     EXPECT_EQ(m_link.GetRemoteIpPort(strIp, nPort), 0);
     EXPECT_EQ(nPort, peer.Port());
 
-    std::vector<unsigned char> p1 = Packet(10, 1), p2 = Packet(300, 2);
+    std::vector<unsigned char> p1 = FramedPacket(10, 1), p2 = FramedPacket(300, 2);
     Push(p1);
     Push(p2);
     EXPECT_EQ(peer.ReadPacket(3000), p1);
@@ -137,12 +125,12 @@ TEST_F(LinkTest, ConnectsSendsAndReceivesWholePackets)
     // Many packets in one write, and one split across writes.
     std::vector<unsigned char> stream;
     for (int i = 0; i < 120; ++i) {
-        std::vector<unsigned char> p = Packet(5, static_cast<unsigned char>(i));
+        std::vector<unsigned char> p = FramedPacket(5, static_cast<unsigned char>(i));
         stream.insert(stream.end(), p.begin(), p.end());
     }
     ASSERT_TRUE(peer.Write(stream));
-    for (int i = 0; i < 120; ++i) ASSERT_EQ(TakeReceived(3000), Packet(5, static_cast<unsigned char>(i))) << i;
-    std::vector<unsigned char> split = Packet(40, 9);
+    for (int i = 0; i < 120; ++i) ASSERT_EQ(TakeReceived(3000), FramedPacket(5, static_cast<unsigned char>(i))) << i;
+    std::vector<unsigned char> split = FramedPacket(40, 9);
     ASSERT_TRUE(peer.Write(std::vector<unsigned char>(split.begin(), split.begin() + 3)));
     SleepMs(100);
     EXPECT_TRUE(m_rev.Empty());
@@ -288,9 +276,9 @@ TEST_F(LinkTest, InterruptedBlockGoesAgainWholeAndQueuedBlocksKeepTheirOrder)
     ASSERT_EQ(m_link.Start(true), 0);
     ASSERT_TRUE(peer.Accept(3000));
     // Far more than the socket buffers hold: the send stops part way.
-    std::vector<unsigned char> big = Packet(32u << 20, 5);
+    std::vector<unsigned char> big = FramedPacket(32u << 20, 5);
     Push(big);
-    for (int i = 0; i < 3; ++i) Push(Packet(8, static_cast<unsigned char>(100 + i)));
+    for (int i = 0; i < 3; ++i) Push(FramedPacket(8, static_cast<unsigned char>(100 + i)));
     SleepMs(300);
     peer.CloseConnection();  // unread data: the link sees a reset
 
@@ -298,7 +286,7 @@ TEST_F(LinkTest, InterruptedBlockGoesAgainWholeAndQueuedBlocksKeepTheirOrder)
     std::vector<unsigned char> got;
     ASSERT_TRUE(peer.ReadExactly(got, big.size(), 20000));
     EXPECT_TRUE(got == big);
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(peer.ReadPacket(3000), Packet(8, static_cast<unsigned char>(100 + i)));
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(peer.ReadPacket(3000), FramedPacket(8, static_cast<unsigned char>(100 + i)));
 }
 
 TEST_F(LinkTest, SendBufferLimitDropsTheOldest)
@@ -325,14 +313,14 @@ TEST_F(LinkTest, LargePacketGrowsTheBufferAndAdjustGivesItBack)
     m_link.AddServer("127.0.0.1", peer.Port());
     ASSERT_EQ(m_link.Start(true), 0);
     ASSERT_TRUE(peer.Accept(3000));
-    std::vector<unsigned char> big = Packet(1 << 20, 3);
+    std::vector<unsigned char> big = FramedPacket(1 << 20, 3);
     ASSERT_TRUE(peer.Write(big));
     EXPECT_EQ(TakeReceived(5000), big);
     EXPECT_GE(CountLog("ReceiveAsnBufData(realloc, new size: "), 8);
     m_link.SetFlag(CNetworkClientBrel::NET_BUFFER_AUTO_ADJUST);
     EXPECT_TRUE(WaitUntil([&] { return CountLog("AdjustBufSize(buf adjust before size: 2097152, now size: 8192)") == 1; },
                           2000));
-    std::vector<unsigned char> small = Packet(20, 4);
+    std::vector<unsigned char> small = FramedPacket(20, 4);
     ASSERT_TRUE(peer.Write(small));
     EXPECT_EQ(TakeReceived(3000), small);
 }
@@ -344,7 +332,7 @@ TEST_F(LinkTest, EmptyListOnSendEndsTheThreadAndForegroundRunBlocks)
     ASSERT_EQ(m_link.Start(true), 0);
     ASSERT_TRUE(peer.Accept(3000));
     m_link.ClearServer();
-    Push(Packet(3, 1));
+    Push(FramedPacket(3, 1));
     EXPECT_TRUE(WaitUntil([&] { return m_link.GetThreadID() == 0; }, 2000));
 
     CDataBufferSTLDeque rev(true, 0), send(false, 0);

@@ -8,9 +8,11 @@
 
 #include "data_buffer.h"
 #include "net_socket.h"
+#include "tcp_peer.h"
 #include "token_bucket.h"
 
 using namespace brel_lib;
+using agent_test::FramedPacket;
 
 namespace {
 
@@ -19,20 +21,6 @@ int Complete(const std::vector<unsigned char>& v)
     return asn_packet_complete(v.data(), static_cast<unsigned int>(v.size()));
 }
 
-std::vector<unsigned char> Packet(unsigned int nContentLen, unsigned char cFill = 'x')
-{
-    std::vector<unsigned char> v{0x30};
-    if (nContentLen < 128) {
-        v.push_back(static_cast<unsigned char>(nContentLen));
-    } else {
-        std::vector<unsigned char> len;
-        for (unsigned int n = nContentLen; n != 0; n >>= 8) len.insert(len.begin(), static_cast<unsigned char>(n));
-        v.push_back(static_cast<unsigned char>(0x80 | len.size()));
-        v.insert(v.end(), len.begin(), len.end());
-    }
-    v.insert(v.end(), nContentLen, cFill);
-    return v;
-}
 
 TEST(Framing, Rules)
 {
@@ -48,7 +36,7 @@ TEST(Framing, Rules)
     p.pop_back();
     EXPECT_EQ(Complete(p), 0);
 
-    std::vector<unsigned char> q = Packet(256);
+    std::vector<unsigned char> q = FramedPacket(256, 'x');
     EXPECT_EQ(q[1], 0x82);
     EXPECT_EQ(Complete(q), 260);
     q.pop_back();
@@ -121,7 +109,7 @@ bool WriteAll(int fd, const std::vector<unsigned char>& v)
 TEST(ReceiveStep, PacketsSplitAtEveryByteArriveWholeAndInOrder)
 {
     std::vector<unsigned char> stream;
-    std::vector<std::vector<unsigned char>> packets = {Packet(3, 'a'), Packet(200, 'b'), Packet(0), Packet(70, 'c')};
+    std::vector<std::vector<unsigned char>> packets = {FramedPacket(3, 'a'), FramedPacket(200, 'b'), FramedPacket(0, 'x'), FramedPacket(70, 'c')};
     for (auto& p : packets) stream.insert(stream.end(), p.begin(), p.end());
     for (size_t nCut = 1; nCut < stream.size(); ++nCut) {
         SocketPair sp;
@@ -143,7 +131,7 @@ TEST(ReceiveStep, ManyPacketsInOneReadAndTheBudget)
     RecvState state;
     std::vector<unsigned char> stream;
     for (int i = 0; i < 200; ++i) {
-        std::vector<unsigned char> p = Packet(10, static_cast<unsigned char>(i));
+        std::vector<unsigned char> p = FramedPacket(10, static_cast<unsigned char>(i));
         stream.insert(stream.end(), p.begin(), p.end());
     }
     ASSERT_TRUE(WriteAll(sp.fd[1], stream));
@@ -164,7 +152,7 @@ TEST(ReceiveStep, BadStreamLimitAndClose)
         SocketPair sp;
         CDataBufferSTLDeque rev(false, 0);
         RecvState state;
-        std::vector<unsigned char> bad = Packet(3);
+        std::vector<unsigned char> bad = FramedPacket(3, 'x');
         bad.push_back(0x31);
         ASSERT_TRUE(WriteAll(sp.fd[1], bad));
         EXPECT_EQ(state.Receive(sp.fd[0], rev), BREL_STEP_BAD_STREAM);
@@ -175,7 +163,7 @@ TEST(ReceiveStep, BadStreamLimitAndClose)
         SocketPair sp;
         CDataBufferSTLDeque rev(false, 0);
         RecvState state(8192);
-        std::vector<unsigned char> big = Packet(1000);
+        std::vector<unsigned char> big = FramedPacket(1000, 'x');
         // Complete within one read: passes, however large.
         ASSERT_TRUE(WriteAll(sp.fd[1], big));
         EXPECT_EQ(state.Receive(sp.fd[0], rev), 0);

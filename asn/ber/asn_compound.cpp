@@ -14,6 +14,25 @@ bool FieldMatchesTag(const AsnField& field, AsnTag tag)
     return field.pValue != nullptr ? field.pValue->MatchesTag(tag) : field.pPtr->TypeMatchesTag(tag);
 }
 
+// The SEQUENCE header that records and lists share: length and tag 30
+// written in front of the content, which is already written.
+AsnLen EncodeSequence(AsnBuf& b, AsnLen contentLen)
+{
+    AsnLen len = contentLen + BEncDefLen(b, contentLen);
+    b.PutByteRvs(TAG_SEQUENCE >> 24);
+    return len + 1;
+}
+
+// Reads the tag, which must be 30, and the length.
+AsnLen DecodeSequenceHeader(AsnBuf& b, AsnLen& bytesDecoded, const char* szTypeName, int nCode)
+{
+    if (BDecTag(b, bytesDecoded) != TAG_SEQUENCE) {
+        std::string strText = std::string(szTypeName) + "::BDec: ERROR - wrong tag";
+        AsnDecodeFail(strText.c_str(), nCode);
+    }
+    return BDecLen(b, bytesDecoded);
+}
+
 } // namespace
 
 AsnLen AsnSeq::BEncContent(AsnBuf& b)
@@ -35,21 +54,11 @@ AsnLen AsnSeq::BEncContent(AsnBuf& b)
     return len;
 }
 
-AsnLen AsnSeq::BEnc(AsnBuf& b)
-{
-    AsnLen len = BEncContent(b);
-    len += BEncDefLen(b, len);
-    b.PutByteRvs(TAG_SEQUENCE >> 24);
-    return len + 1;
-}
+AsnLen AsnSeq::BEnc(AsnBuf& b) { return EncodeSequence(b, BEncContent(b)); }
 
 void AsnSeq::BDec(AsnBuf& b, AsnLen& bytesDecoded)
 {
-    if (BDecTag(b, bytesDecoded) != TAG_SEQUENCE) {
-        std::string strText = std::string(TypeName()) + "::BDec: ERROR - wrong tag";
-        AsnDecodeFail(strText.c_str(), -100);
-    }
-    AsnLen elmtLen = BDecLen(b, bytesDecoded);
+    AsnLen elmtLen = DecodeSequenceHeader(b, bytesDecoded, TypeName(), -100);
     BDecContent(b, TAG_SEQUENCE, elmtLen, bytesDecoded);
 }
 
@@ -209,21 +218,11 @@ AsnLen AsnListBase::BEncContent(AsnBuf& b)
     return len;
 }
 
-AsnLen AsnListBase::BEnc(AsnBuf& b)
-{
-    AsnLen len = BEncContent(b);
-    len += BEncDefLen(b, len);
-    b.PutByteRvs(TAG_SEQUENCE >> 24);
-    return len + 1;
-}
+AsnLen AsnListBase::BEnc(AsnBuf& b) { return EncodeSequence(b, BEncContent(b)); }
 
 void AsnListBase::BDec(AsnBuf& b, AsnLen& bytesDecoded)
 {
-    if (BDecTag(b, bytesDecoded) != TAG_SEQUENCE) {
-        std::string strText = std::string(TypeName()) + "::BDec: ERROR - wrong tag";
-        AsnDecodeFail(strText.c_str(), -103);
-    }
-    AsnLen elmtLen = BDecLen(b, bytesDecoded);
+    AsnLen elmtLen = DecodeSequenceHeader(b, bytesDecoded, TypeName(), -103);
     BDecContent(b, TAG_SEQUENCE, elmtLen, bytesDecoded);
 }
 

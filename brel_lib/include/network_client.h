@@ -69,6 +69,8 @@ private:
     // Copies the current entry, wrapping the index; false on an empty list.
     bool CurrentServer(ServerInfo& server);
     bool TakeFlag(unsigned int nFlag) { return (m_nFlag.fetch_and(~nFlag) & nFlag) != 0; }
+    // Takes a flag of the move kind, logs it for the calling function and moves the index.
+    bool TakeMoveFlag(NET_FLAG flag, const char* szFunction);
     int SendData();
     int ReceiveData();
     void AdjustBufSize();
@@ -88,7 +90,7 @@ private:
     char* m_pSendData = nullptr;
     unsigned int m_nSendDataLen = 0;
     unsigned int m_nSendDataUsedLen = 0;
-    std::string m_strNowIp;  // current server, for log lines
+    std::string m_strNowIp;  // current server, for log lines; set at each connect
     unsigned short m_nNowPort = 0;
 
     // Guarded by m_lock: the list and the index into it.

@@ -106,19 +106,29 @@ CAutoLock::~CAutoLock()
 
 // ---- log -----------------------------------------------------------------
 
-std::string LogPrefix(unsigned int nLevel)
+namespace {
+// The line prefix: label and time, and in file mode the thread id.
+std::string FormatPrefix(unsigned int nLevel, bool bThreadId)
 {
     char szPrefix[128];
-    snprintf(szPrefix, sizeof(szPrefix), "%-7s(%s):", g_szLogType[nLevel & 7], GetNowDateTimeMSecond().c_str());
+    if (bThreadId) {
+        snprintf(szPrefix, sizeof(szPrefix), "%-7s(%s)(tid:%-6d):", g_szLogType[nLevel & 7],
+                 GetNowDateTimeMSecond().c_str(), static_cast<int>(gettid()));
+    } else {
+        snprintf(szPrefix, sizeof(szPrefix), "%-7s(%s):", g_szLogType[nLevel & 7], GetNowDateTimeMSecond().c_str());
+    }
     return szPrefix;
 }
+} // namespace
+
+std::string LogPrefix(unsigned int nLevel) { return FormatPrefix(nLevel, false); }
 
 int Log(unsigned int nLevel, const char* szFormat, ...)
 {
     if (nLevel < g_nLogLevel.load(std::memory_order_relaxed) || nLevel > LOG_LEVEL_ERROR) return 0;
 
     CAutoLock lock(LogLock());
-    std::string strTime = GetNowDateTimeMSecond();
+    std::string strPrefix = FormatPrefix(nLevel, g_bLogUseFile);
     va_list args;
     va_start(args, szFormat);
     if (g_bLogUseFile) {
@@ -129,13 +139,13 @@ int Log(unsigned int nLevel, const char* szFormat, ...)
             va_end(args);
             return nErr;
         }
-        fprintf(pFile, "%-7s(%s)(tid:%-6d):", g_szLogType[nLevel], strTime.c_str(), static_cast<int>(gettid()));
+        fputs(strPrefix.c_str(), pFile);
         vfprintf(pFile, szFormat, args);
         fputc('\n', pFile);
         fclose(pFile);
         ShiftFile();
     } else {
-        printf("%-7s(%s):", g_szLogType[nLevel], strTime.c_str());
+        fputs(strPrefix.c_str(), stdout);
         vprintf(szFormat, args);
         putchar('\n');
         // Flushed so that a foreground agent piped to a file loses nothing at a crash.
@@ -149,10 +159,7 @@ int LogInChild(unsigned int nLevel, const char* szFormat, ...)
 {
     if (nLevel < g_nLogLevel.load(std::memory_order_relaxed) || nLevel > LOG_LEVEL_ERROR) return 0;
     char szLine[1024];
-    int n = g_bLogUseFile ? snprintf(szLine, sizeof(szLine), "%-7s(%s)(tid:%-6d):", g_szLogType[nLevel],
-                                     GetNowDateTimeMSecond().c_str(), static_cast<int>(gettid()))
-                          : snprintf(szLine, sizeof(szLine), "%-7s(%s):", g_szLogType[nLevel],
-                                     GetNowDateTimeMSecond().c_str());
+    int n = snprintf(szLine, sizeof(szLine), "%s", FormatPrefix(nLevel, g_bLogUseFile).c_str());
     va_list args;
     va_start(args, szFormat);
     n += vsnprintf(szLine + n, sizeof(szLine) - static_cast<size_t>(n) - 1, szFormat, args);

@@ -120,6 +120,21 @@ bool CNetworkClientBrel::CurrentServer(ServerInfo& server)
     return true;
 }
 
+bool CNetworkClientBrel::TakeMoveFlag(NET_FLAG flag, const char* szFunction)
+{
+    if (!TakeFlag(flag)) return false;
+    const char* szWhich = flag == NET_FLAG_CONNECT_NEW_SERVER ? "new" : "next";
+    Log(LOG_LEVEL_INFO, "CNetworkClientBrel::%s(receive connect %s server flag, we will connect the %s server)",
+        szFunction, szWhich, szWhich);
+    CAutoLock lock(m_lock);
+    if (flag == NET_FLAG_CONNECT_NEW_SERVER) {
+        m_nNowUseServerId = 0;
+    } else {
+        ++m_nNowUseServerId;
+    }
+    return true;
+}
+
 void CNetworkClientBrel::SetNetCallback(BrelNetCallback pCallback, void* pAppend)
 {
     m_funBrelNetCallback = pCallback;
@@ -165,19 +180,8 @@ int CNetworkClientBrel::ConnectToServer()
                 Sleep(50);
             }
             if (m_nContinueRun == 0) return -1;
-            if (TakeFlag(NET_FLAG_CONNECT_NEW_SERVER)) {
-                Log(LOG_LEVEL_INFO, "CNetworkClientBrel::ConnectToServer(receive connect new server flag, we will "
-                                    "connect the new server)");
-                CAutoLock lock(m_lock);
-                m_nNowUseServerId = 0;
-                bRestart = true;
-                break;
-            }
-            if (TakeFlag(NET_FLAG_CONNECT_NEXT_SERVER)) {
-                Log(LOG_LEVEL_INFO, "CNetworkClientBrel::ConnectToServer(receive connect next server flag, we will "
-                                    "connect the next server)");
-                CAutoLock lock(m_lock);
-                ++m_nNowUseServerId;
+            if (TakeMoveFlag(NET_FLAG_CONNECT_NEW_SERVER, "ConnectToServer") ||
+                TakeMoveFlag(NET_FLAG_CONNECT_NEXT_SERVER, "ConnectToServer")) {
                 bRestart = true;
                 break;
             }
@@ -314,23 +318,9 @@ void CNetworkClientBrel::Run()
                 bNeedReConnect = true;
             }
         }
-        if (TakeFlag(NET_FLAG_CONNECT_NEW_SERVER)) {
-            {
-                CAutoLock lock(m_lock);
-                m_nNowUseServerId = 0;
-            }
-            bNeedReConnect = true;
-            Log(LOG_LEVEL_INFO, "CNetworkClientBrel::Run(receive connect new server flag, we will connect the new server)");
-        }
-        if (TakeFlag(NET_FLAG_CONNECT_NEXT_SERVER)) {
-            {
-                CAutoLock lock(m_lock);
-                ++m_nNowUseServerId;
-            }
-            bNeedReConnect = true;
-            Log(LOG_LEVEL_INFO,
-                "CNetworkClientBrel::Run(receive connect next server flag, we will connect the next server)");
-        }
+        // Both in one pass: the index goes to 0, then to 1, and one reconnect serves both.
+        if (TakeMoveFlag(NET_FLAG_CONNECT_NEW_SERVER, "Run")) bNeedReConnect = true;
+        if (TakeMoveFlag(NET_FLAG_CONNECT_NEXT_SERVER, "Run")) bNeedReConnect = true;
         if (bNeedReConnect) {
             if (m_funBrelNetCallback != nullptr) {
                 m_funBrelNetCallback(static_cast<unsigned int>(fdSock), BREL_CONNECT_CLOSE, m_pBrelNetCallbackAppend,
@@ -371,9 +361,11 @@ int CNetworkClientBrel::ReceiveData()
 
 int CNetworkClientBrel::SendData()
 {
-    ServerInfo server;
     // On a list that is really empty the link thread ends, as a stop would.
-    if (!CurrentServer(server)) return BREL_STEP_STOPPED;
+    {
+        CAutoLock lock(m_lock);
+        if (m_vecServer.empty()) return BREL_STEP_STOPPED;
+    }
     int fd = m_sockTcp.GetSocket();
     for (int i = 0; i < 50 && m_nContinueRun != 0; ++i) {
         if (m_pSendData == nullptr) {
@@ -381,7 +373,7 @@ int CNetworkClientBrel::SendData()
             m_nSendDataUsedLen = 0;
             if (m_pSendData == nullptr) return BREL_STEP_OK;
         }
-        int ret = SendAsnBufData(m_nContinueRun, fd, static_cast<unsigned int>(fd), server.strIp, server.nPort,
+        int ret = SendAsnBufData(m_nContinueRun, fd, static_cast<unsigned int>(fd), m_strNowIp, m_nNowPort,
                                  m_pSendData, m_nSendDataLen, m_nSendDataUsedLen, m_sendBuffer, nullptr);
         if (ret != BREL_STEP_OK) return ret;
     }

@@ -142,43 +142,31 @@ void TimevalAdd(timeval& out, const timeval& a, const timeval& b)
 }
 
 namespace {
-// Years below 1951 are read as 20xx, as the log has always printed them.
-std::string FormatLocalTime(time_t tSecond, int nMilliSecond)
+// "YYYY-MM-DD hh:mm:ss", with ".mmm" behind when nMilliSecond is not negative.
+// bLogYears: years below 1951 read as 20xx, as the log has always printed them.
+std::string FormatLocalTime(time_t tSecond, int nMilliSecond, bool bLogYears)
 {
-    tm tmNow;
-    if (localtime_r(&tSecond, &tmNow) == nullptr) return std::string();
-    int nYear = tmNow.tm_year + (tmNow.tm_year < 51 ? 2000 : 1900);
+    tm tmThen;
+    if (localtime_r(&tSecond, &tmThen) == nullptr) return std::string();
+    int nYear = tmThen.tm_year + (bLogYears && tmThen.tm_year < 51 ? 2000 : 1900);
     char szTime[64];
-    if (nMilliSecond < 0) {
-        snprintf(szTime, sizeof(szTime), "%04d-%02d-%02d %02d:%02d:%02d", nYear, tmNow.tm_mon + 1,
-                 tmNow.tm_mday, tmNow.tm_hour, tmNow.tm_min, tmNow.tm_sec);
-    } else {
-        snprintf(szTime, sizeof(szTime), "%04d-%02d-%02d %02d:%02d:%02d.%03d", nYear, tmNow.tm_mon + 1,
-                 tmNow.tm_mday, tmNow.tm_hour, tmNow.tm_min, tmNow.tm_sec, nMilliSecond);
-    }
+    int n = snprintf(szTime, sizeof(szTime), "%04d-%02d-%02d %02d:%02d:%02d", nYear, tmThen.tm_mon + 1,
+                     tmThen.tm_mday, tmThen.tm_hour, tmThen.tm_min, tmThen.tm_sec);
+    if (nMilliSecond >= 0) snprintf(szTime + n, sizeof(szTime) - static_cast<size_t>(n), ".%03d", nMilliSecond);
     return szTime;
 }
 } // namespace
 
-std::string GetNowDateTime() { return FormatLocalTime(time(nullptr), -1); }
+std::string GetNowDateTime() { return FormatLocalTime(time(nullptr), -1, true); }
 
 std::string GetNowDateTimeMSecond()
 {
     timeval tv;
     gettimeofday(&tv, nullptr);
-    return FormatLocalTime(tv.tv_sec, static_cast<int>(tv.tv_usec / 1000));
+    return FormatLocalTime(tv.tv_sec, static_cast<int>(tv.tv_usec / 1000), true);
 }
 
-std::string ConvertUnixTimeToStr(long lSecond)
-{
-    time_t tSecond = static_cast<time_t>(lSecond);
-    tm tmThen;
-    if (localtime_r(&tSecond, &tmThen) == nullptr) return std::string();
-    char szTime[64];
-    snprintf(szTime, sizeof(szTime), "%04d-%02d-%02d %02d:%02d:%02d", tmThen.tm_year + 1900, tmThen.tm_mon + 1,
-             tmThen.tm_mday, tmThen.tm_hour, tmThen.tm_min, tmThen.tm_sec);
-    return szTime;
-}
+std::string ConvertUnixTimeToStr(long lSecond) { return FormatLocalTime(static_cast<time_t>(lSecond), -1, false); }
 
 // ---- IPv4 addresses ----------------------------------------------------------
 

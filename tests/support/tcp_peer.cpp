@@ -137,6 +137,21 @@ bool TcpPeer::WaitClosedByPeer(int nTimeoutMs)
     }
 }
 
+std::vector<unsigned char> FramedPacket(unsigned int nContentLen, unsigned char cFill)
+{
+    std::vector<unsigned char> v{0x30};
+    if (nContentLen < 128) {
+        v.push_back(static_cast<unsigned char>(nContentLen));
+    } else {
+        std::vector<unsigned char> len;
+        for (unsigned int n = nContentLen; n != 0; n >>= 8) len.insert(len.begin(), static_cast<unsigned char>(n));
+        v.push_back(static_cast<unsigned char>(0x80 | len.size()));
+        v.insert(v.end(), len.begin(), len.end());
+    }
+    for (unsigned int i = 0; i < nContentLen; ++i) v.push_back(static_cast<unsigned char>(cFill + i * 13));
+    return v;
+}
+
 unsigned short RefusedPort()
 {
     int fd = socket(AF_INET, SOCK_STREAM, 0);

@@ -40,6 +40,10 @@ private:
     std::vector<unsigned char> m_vecPending;  // bytes read beyond the last packet
 };
 
+// A packet as the stream framing sees it: tag 30, the shortest length form,
+// and content bytes that start at cFill and vary along the packet.
+std::vector<unsigned char> FramedPacket(unsigned int nContentLen, unsigned char cFill);
+
 // A port on 127.0.0.1 where nothing listens, so connects are refused.
 unsigned short RefusedPort();
 

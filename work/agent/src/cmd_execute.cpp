@@ -560,9 +560,7 @@ bool CCmdExecuteManager::DealEvents(int epfd, const epoll_event* pEvents, int nE
             if (nEvent & EPOLLIN) {
                 Log(LOG_LEVEL_DEBUG, "CCmdExecuteManager::Run(EPOLLIN, work id: %u, out fd: %d, err fd: %d)", nWorkId,
                     work.nFdOut[0], work.nFdErr[0]);
-                // Both pipes are read for an event on either.
-                if (work.nFdOut[0] != -1) ReadDataFromFd(epfd, work.nFdOut[0], work.pStdOut, work.nUsedOutSize, work.nBufOutSize);
-                if (work.nFdErr[0] != -1) ReadDataFromFd(epfd, work.nFdErr[0], work.pStdErr, work.nUsedErrSize, work.nBufErrSize);
+                ReadPipes(epfd, work);  // both pipes, for an event on either
             } else {
                 Log(LOG_LEVEL_LOWEST,
                     "CCmdExecuteManager::Run(epoll test fd is err, work id: %u, out fd: %d, err fd: %d, event: %u)",
@@ -610,6 +608,12 @@ int CCmdExecuteManager::ReadDataFromFd(int epfd, int& fd, char* pBuf, unsigned i
     close(fd);
     fd = -1;
     return -1;
+}
+
+void CCmdExecuteManager::ReadPipes(int epfd, CommonWork& work)
+{
+    if (work.nFdOut[0] != -1) ReadDataFromFd(epfd, work.nFdOut[0], work.pStdOut, work.nUsedOutSize, work.nBufOutSize);
+    if (work.nFdErr[0] != -1) ReadDataFromFd(epfd, work.nFdErr[0], work.pStdErr, work.nUsedErrSize, work.nBufErrSize);
 }
 
 void CCmdExecuteManager::SetErrText(CommonWork& work, const char* szText, unsigned int nLen)
@@ -693,9 +697,7 @@ void CCmdExecuteManager::DealChildEnded(int epfd, CommonWork& work, int nStatus,
         CloseSelfPipe(epfd, work);
         return;
     }
-    // Output still in the pipes of a child that exited at once is collected here.
-    if (work.nFdOut[0] != -1) ReadDataFromFd(epfd, work.nFdOut[0], work.pStdOut, work.nUsedOutSize, work.nBufOutSize);
-    if (work.nFdErr[0] != -1) ReadDataFromFd(epfd, work.nFdErr[0], work.pStdErr, work.nUsedErrSize, work.nBufErrSize);
+    ReadPipes(epfd, work);  // output still in the pipes of a child that exited at once
     CloseSelfPipe(epfd, work);
     work.nEndTime = tNow;
     work.nStatus = WORK_FINISHED;

@@ -118,6 +118,7 @@ private:
     // True when a child has ended and waits to be reaped.
     bool DealEvents(int epfd, const struct epoll_event* pEvents, int nEvents);
     int ReadDataFromFd(int epfd, int& fd, char* pBuf, unsigned int& nBufUsedSize, unsigned int nBufSize);
+    void ReadPipes(int epfd, CommonWork& work);
     void DealProcessFinish(int epfd);
     void DealChildEnded(int epfd, CommonWork& work, int nStatus, time_t tNow);
     void DealChildAlive(int epfd, CommonWork& work, time_t tNow);

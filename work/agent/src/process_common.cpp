@@ -369,7 +369,7 @@ void CProcessCommon::ReqCmdDelete(ReqWorkCmdDelete* pReq)
 }
 
 template <class T>
-void CProcessCommon::SendCmdReply(const char* szFunction, bool bOk, int nRet, unsigned int nWorkId)
+void CProcessCommon::SendCmdReply(const char* szFunction, bool bOk, int nRet, unsigned int nWorkId, T& rsp)
 {
     if (bOk) {
         Log(LOG_LEVEL_DEBUG, "CProcessCommon::%s(work id: %u, append: %d)", szFunction, nWorkId, m_nNowAppend);
@@ -377,13 +377,19 @@ void CProcessCommon::SendCmdReply(const char* szFunction, bool bOk, int nRet, un
         Log(LOG_LEVEL_WARNING, "CProcessCommon::%s(ret: %d, work id: %u, append: %d)", szFunction, nRet, nWorkId,
             m_nNowAppend);
     }
-    T rsp;
     rsp.ret = nRet;
     rsp.workId = static_cast<int>(nWorkId);
     rsp.routeDstServerIp = static_cast<int>(m_nNowSrcServerIp);
     rsp.routeDstServerId = static_cast<int>(m_nNowSrcServerId);
     rsp.routeSrcAgentId = static_cast<int>(g_nAgentId.load());
     SendToServer(rsp, m_nNowAppend);
+}
+
+template <class T>
+void CProcessCommon::SendCmdReply(const char* szFunction, bool bOk, int nRet, unsigned int nWorkId)
+{
+    T rsp;
+    SendCmdReply(szFunction, bOk, nRet, nWorkId, rsp);
 }
 
 void CProcessCommon::SendCmdToServerCreateOk(unsigned int nWorkId)
@@ -418,16 +424,9 @@ void CProcessCommon::SendCmdToServerDeleteFailed(int nRet, unsigned int nWorkId)
 
 void CProcessCommon::SendCmdToServerQueryFailed(int nRet, unsigned int nWorkId)
 {
-    Log(LOG_LEVEL_WARNING, "CProcessCommon::SendCmdToServerQueryFailed(ret: %d, work id: %u, append: %d)", nRet,
-        nWorkId, m_nNowAppend);
     RspWorkCmdQuery rsp;
-    rsp.ret = nRet;
-    rsp.workId = static_cast<int>(nWorkId);
     rsp.status = WORK_UNKNOWN;
-    rsp.routeDstServerIp = static_cast<int>(m_nNowSrcServerIp);
-    rsp.routeDstServerId = static_cast<int>(m_nNowSrcServerId);
-    rsp.routeSrcAgentId = static_cast<int>(g_nAgentId.load());
-    SendToServer(rsp, m_nNowAppend);
+    SendCmdReply("SendCmdToServerQueryFailed", false, nRet, nWorkId, rsp);
 }
 
 namespace {

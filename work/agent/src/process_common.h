@@ -73,7 +73,9 @@ private:
     void ReqCmdSetAction(ReqWorkCmdSetAction* pReq);
     void ReqCmdQuery(ReqWorkCmdQuery* pReq);
     void ReqCmdDelete(ReqWorkCmdDelete* pReq);
-    // The one shape of the create, start and delete replies.
+    // The one shape of the command replies that answer the request in hand.
+    template <class T>
+    void SendCmdReply(const char* szFunction, bool bOk, int nRet, unsigned int nWorkId, T& rsp);
     template <class T>
     void SendCmdReply(const char* szFunction, bool bOk, int nRet, unsigned int nWorkId);
     void SendCmdToServerCreateOk(unsigned int nWorkId);
