@@ -50,11 +50,12 @@ protected:
         ASSERT_EQ(system(strCommand.c_str()), 0);
     }
 
-    static void OnEvent(unsigned int, BREL_NET_CALLBACK_TYPE type, void* pAppend, int)
+    static void OnEvent(unsigned int, BREL_NET_CALLBACK_TYPE type, void* pAppend, int fd)
     {
         LinkTest* pTest = static_cast<LinkTest*>(pAppend);
         std::lock_guard<std::mutex> lock(pTest->m_mutex);
         pTest->m_vecEvents.push_back(type);
+        pTest->m_fdLast = fd;
     }
 
     int CountEvents(BREL_NET_CALLBACK_TYPE type)
@@ -95,7 +96,23 @@ protected:
     CNetworkClientBrel m_link;
     std::mutex m_mutex;
     std::vector<BREL_NET_CALLBACK_TYPE> m_vecEvents;
+    int m_fdLast = -1;
 };
+
+// A socket connected to the peer, the peer's end accepted.
+int ConnectTo(TcpPeer& peer)
+{
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(peer.Port());
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 || !peer.Accept(3000)) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
 
 TEST_F(LinkTest, ConnectsSendsAndReceivesWholePackets)
 {
@@ -136,6 +153,44 @@ TEST_F(LinkTest, ConnectsSendsAndReceivesWholePackets)
     EXPECT_TRUE(m_rev.Empty());
     ASSERT_TRUE(peer.Write(std::vector<unsigned char>(split.begin() + 3, split.end())));
     EXPECT_EQ(TakeReceived(3000), split);
+}
+
+TEST_F(LinkTest, AddressesAreThoseNotedAtTheConnectNotOfTheDescriptorNumber)
+{
+    TcpPeer server, stranger;
+    m_link.AddServer("127.0.0.1", server.Port());
+    ASSERT_EQ(m_link.Start(true), 0);
+    ASSERT_TRUE(server.Accept(3000));
+    ASSERT_TRUE(WaitUntil([&] { return CountEvents(BREL_CONNECT_OK) == 1; }, 2000));
+    std::string strIp, strLocalIp;
+    unsigned short nPort = 0, nLocalPort = 0;
+    ASSERT_EQ(m_link.GetLocalIpPort(strLocalIp, nLocalPort), 0);
+    EXPECT_EQ(strLocalIp, "127.0.0.1");
+    EXPECT_NE(nLocalPort, 0);
+
+    // The link's descriptor number now names another file, as it does once the
+    // link thread closed it and the process opened something else: the answer
+    // still names the server the link connected to.
+    int fdStranger = ConnectTo(stranger);
+    ASSERT_GE(fdStranger, 0);
+    int fdLink = -1;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        fdLink = m_fdLast;
+    }
+    ASSERT_EQ(dup2(fdStranger, fdLink), fdLink);
+    ASSERT_EQ(m_link.GetRemoteIpPort(strIp, nPort), 0);
+    EXPECT_EQ(strIp, "127.0.0.1");
+    EXPECT_EQ(nPort, server.Port());
+    unsigned short nLocalAgain = 0;
+    ASSERT_EQ(m_link.GetLocalIpPort(strLocalIp, nLocalAgain), 0);
+    EXPECT_EQ(nLocalAgain, nLocalPort);
+    m_link.Stop();
+    close(fdStranger);
+
+    // Without a connection there is no answer.
+    EXPECT_EQ(m_link.GetRemoteIpPort(strIp, nPort), -1);
+    EXPECT_EQ(m_link.GetLocalIpPort(strIp, nPort), -1);
 }
 
 TEST_F(LinkTest, RefusingServerIsRetriedThenTheNextOneTried)

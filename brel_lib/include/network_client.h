@@ -57,8 +57,11 @@ public:
 
     // Any thread: true while the link holds a socket.
     bool IsConnected() const { return m_sockTcp.GetSocket() >= 0; }
-    int GetLocalIpPort(std::string& strIp, unsigned short& nPort) { return m_sockTcp.GetSockName(strIp, nPort); }
-    int GetRemoteIpPort(std::string& strIp, unsigned short& nPort) { return m_sockTcp.GetPeerName(strIp, nPort); }
+    // Any thread: the addresses of the current connection, as noted at its
+    // connect; -1 while there is none. Never read from the descriptor, whose
+    // number the link thread may close and the process reuse at any moment.
+    int GetLocalIpPort(std::string& strIp, unsigned short& nPort);
+    int GetRemoteIpPort(std::string& strIp, unsigned short& nPort);
 
     void Run() override;
 
@@ -76,6 +79,10 @@ private:
     void AdjustBufSize();
     void EpollMod(int epfd, int fd, uint32_t event, bool bAddOrMod);
     void ResetDataState();
+    // Link thread: note the addresses of a new connection, or forget them
+    // before its socket closes.
+    void NoteAddresses();
+    void ForgetAddresses();
     void UnInit();
 
     const bool m_bReConnectClearBufData;
@@ -93,10 +100,14 @@ private:
     std::string m_strNowIp;  // current server, for log lines; set at each connect
     unsigned short m_nNowPort = 0;
 
-    // Guarded by m_lock: the list and the index into it.
+    // Guarded by m_lock: the list and the index into it, and the addresses
+    // of the current connection (written by the link thread only).
     CLock m_lock;
     std::vector<ServerInfo> m_vecServer;
     unsigned int m_nNowUseServerId = 0;
+    bool m_bHaveAddresses = false;
+    ServerInfo m_local{"", 0};
+    ServerInfo m_remote{"", 0};
 
     // Any thread.
     std::atomic<unsigned int> m_nFlag{0};

@@ -135,6 +135,41 @@ bool CNetworkClientBrel::TakeMoveFlag(NET_FLAG flag, const char* szFunction)
     return true;
 }
 
+int CNetworkClientBrel::GetLocalIpPort(std::string& strIp, unsigned short& nPort)
+{
+    CAutoLock lock(m_lock);
+    if (!m_bHaveAddresses) return -1;
+    strIp = m_local.strIp;
+    nPort = m_local.nPort;
+    return 0;
+}
+
+int CNetworkClientBrel::GetRemoteIpPort(std::string& strIp, unsigned short& nPort)
+{
+    CAutoLock lock(m_lock);
+    if (!m_bHaveAddresses) return -1;
+    strIp = m_remote.strIp;
+    nPort = m_remote.nPort;
+    return 0;
+}
+
+void CNetworkClientBrel::NoteAddresses()
+{
+    ServerInfo local{"", 0};
+    m_sockTcp.GetSockName(local.strIp, local.nPort);  // the link thread's own descriptor
+    CAutoLock lock(m_lock);
+    m_local = local;
+    m_remote = ServerInfo{m_strNowIp, m_nNowPort};
+    m_bHaveAddresses = true;
+}
+
+void CNetworkClientBrel::ForgetAddresses()
+{
+    CAutoLock lock(m_lock);
+    m_bHaveAddresses = false;
+    m_local = m_remote = ServerInfo{"", 0};
+}
+
 void CNetworkClientBrel::SetNetCallback(BrelNetCallback pCallback, void* pAppend)
 {
     m_funBrelNetCallback = pCallback;
@@ -162,6 +197,7 @@ int CNetworkClientBrel::ConnectToServer()
         unsigned int nSwitch = m_nServerConnectFailedSwitchMilliSecond;
         unsigned int nAttempts = nSleep == 0 ? 1 : (nSwitch + nSleep - 1) / nSleep;
         if (nAttempts == 0) nAttempts = 1;
+        ForgetAddresses();
         m_sockTcp.Close();
 
         bool bRestart = false;
@@ -191,6 +227,7 @@ int CNetworkClientBrel::ConnectToServer()
             int fd = m_sockTcp.GetSocket();
             // Replies are small and each one is awaited: no Nagle delay.
             m_sockTcp.SetNoDelay(true);
+            NoteAddresses();
             if (m_funBrelNetCallback != nullptr) {
                 m_funBrelNetCallback(static_cast<unsigned int>(fd), BREL_CONNECT_OK, m_pBrelNetCallbackAppend, fd);
             }
@@ -340,6 +377,7 @@ void CNetworkClientBrel::Run()
 
 void CNetworkClientBrel::UnInit()
 {
+    ForgetAddresses();
     m_sockTcp.Close();
     {
         CAutoLock lock(m_lock);
