@@ -39,37 +39,33 @@ protected:
     std::unique_ptr<TestWorkServer> m_pServer;
 };
 
-TEST_F(AgentSession, FirstHeartbeatIsByteExactAndTheNextFollowTheConnect)
+TEST_F(AgentSession, FirstHeartbeatIsByteExactAndAReconnectBringsTheNext)
 {
+    // A period far beyond the waits below, so that a heartbeat soon after a
+    // connect can only come from the connect. Whether the session's first pass
+    // or the link's connect comes first is the scheduler's choice, and the
+    // seconds between heartbeats are load's: both are tested in-process on a
+    // clock the test moves (session_heartbeat_test).
+    Tree().Config()["heartbeat_second"] = "30";
+    Tree().WriteConfig();
     pid_t pid = Tree().StartForeground();
     TestWorkServer::Received first;
-    ASSERT_TRUE(Server().WaitFor(Zik::reqWorkAgentHeartbeatCid, 5000, &first));
+    ASSERT_TRUE(Server().WaitFor(Zik::reqWorkAgentHeartbeatCid, 10000, &first));
     // version 4, append 0, agent id 127.0.0.1 as bytes 7F 00 00 01 read as one little-endian integer.
     std::vector<unsigned char> expected = {0x30, 0x12, 0x02, 0x01, 0x04, 0x02, 0x01, 0x00, 0xBF, 0x82,
                                            0x2C, 0x08, 0x30, 0x06, 0x02, 0x04, 0x01, 0x00, 0x00, 0x7F};
     EXPECT_EQ(first.bytes, expected);
     EXPECT_EQ(first.nConnection, 1);
 
-    // NetConnected: the next one about 2 s after the connect, then every heartbeat_second.
-    TestWorkServer::Received second, third;
-    ASSERT_TRUE(Server().WaitFor(Zik::reqWorkAgentHeartbeatCid, 5000, &second, 2));
-    ASSERT_TRUE(Server().WaitFor(Zik::reqWorkAgentHeartbeatCid, 6000, &third, 3));
-    int64_t lConnect = Server().ConnectTimeMs(1);
-    // Whole seconds on the agent's clock: about 2 s, then about 3 s.
-    EXPECT_GE(second.lTimeMs - lConnect, 900);
-    EXPECT_LE(second.lTimeMs - lConnect, 2600);
-    EXPECT_GE(third.lTimeMs - second.lTimeMs, 2500);
-    EXPECT_LE(third.lTimeMs - second.lTimeMs, 3700);
-
-    // After a reconnect a heartbeat comes about 2 s after the new connect.
     Server().DropConnection();
-    ASSERT_TRUE(Server().WaitConnections(2, 5000));
+    ASSERT_TRUE(Server().WaitConnections(2, 10000));
     int64_t lReconnect = Server().ConnectTimeMs(2);
-    TestWorkServer::Received afterReconnect;
-    size_t nBefore = static_cast<size_t>(Server().Count(Zik::reqWorkAgentHeartbeatCid));
-    ASSERT_TRUE(Server().WaitFor(Zik::reqWorkAgentHeartbeatCid, 5000, &afterReconnect, nBefore + 1));
-    EXPECT_EQ(afterReconnect.nConnection, 2);
-    EXPECT_LE(afterReconnect.lTimeMs - lReconnect, 2600);
+    TestWorkServer::Received got;
+    for (size_t n = 2; got.nConnection != 2; ++n) {
+        ASSERT_TRUE(Server().WaitFor(Zik::reqWorkAgentHeartbeatCid, 15000, &got, n));
+    }
+    EXPECT_LT(got.lTimeMs - lReconnect, 15000);
+    EXPECT_EQ(got.bytes, expected);
     kill(pid, SIGINT);
     EXPECT_EQ(Tree().WaitExit(pid, 5000), 0);
 }

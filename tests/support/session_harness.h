@@ -58,6 +58,9 @@ public:
         m_bStarted = true;
     }
 
+    // What the link reports after each connect, on the caller's thread.
+    void LinkConnected() { m_session.NetConnected(brel_lib::BREL_CONNECT_OK); }
+
     std::string Path(const std::string& strRelative) const { return m_strDir + "/" + strRelative; }
     std::string ReadLog() const { return agent_test::ReadFile(m_strDir + "/log/agent.log"); }
 
