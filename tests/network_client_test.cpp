@@ -1,6 +1,6 @@
 // The server link against real TCP peers on 127.0.0.1: connecting, retrying,
 // moving between servers, reconnecting with the data state kept, stopping.
-#include "network_client.h"
+#include "network/network_client.h"
 
 #include <gtest/gtest.h>
 #include <arpa/inet.h>

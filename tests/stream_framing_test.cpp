@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "data_buffer.h"
-#include "net_socket.h"
+#include "network/connection.h"
+#include "network/token_bucket.h"
 #include "tcp_peer.h"
-#include "token_bucket.h"
 
 using namespace brel_lib;
 using agent_test::FramedPacket;
@@ -72,18 +72,37 @@ struct SocketPair {
     }
 };
 
-// Receive state of one connection, as the loops hold it.
-struct RecvState {
-    char* pBuf;
-    unsigned int nLen;
-    unsigned int nUnused;
-    unsigned long long lBegin = 0;
-    explicit RecvState(unsigned int nSize = 64) : pBuf(static_cast<char*>(malloc(nSize))), nLen(nSize), nUnused(nSize) {}
-    ~RecvState() { free(pBuf); }
-    int Receive(int fd, CDataBufferSTLDeque& rev, CNetflowTokenBucket* pBucket = nullptr)
+// One connection's record on a socket pair's end, as the loops hold it.
+struct Connection : ConnectInfo {
+    explicit Connection(int fd, unsigned int nSize = 64)
+    {
+        nConnectId = 7;
+        sockFd = fd;
+        strIp = "peer";
+        nPort = 1;
+        pReceiveBuf = static_cast<char*>(malloc(nSize));
+        nReceiveBufLen = nReceiveBufUnusedLen = nSize;
+    }
+    ~Connection()
+    {
+        free(pReceiveBuf);
+        FreeSendData();
+    }
+    int Receive(CDataBufferSTLDeque& rev, CNetflowTokenBucket* pBucket = nullptr)
     {
         std::atomic<unsigned int> nRun{1};
-        return ReceiveAsnBufData(nRun, fd, 7, "peer", 1, pBuf, nLen, nUnused, lBegin, asn_packet_complete, rev, pBucket);
+        return ReceiveAsnBufData(nRun, *this, asn_packet_complete, rev, pBucket);
+    }
+    // Takes the next block of sendBuf as the one being sent.
+    void TakeBlock(CDataBufferSTLDeque& sendBuf)
+    {
+        pSendData = static_cast<char*>(sendBuf.GetFrontAndPop(nSendDataLen, 0));
+        nSendDataUsedLen = 0;
+    }
+    int Send(CDataBufferSTLDeque& sendBuf, CNetflowTokenBucket* pBucket = nullptr)
+    {
+        std::atomic<unsigned int> nRun{1};
+        return SendAsnBufData(nRun, *this, sendBuf, pBucket);
     }
 };
 
@@ -114,13 +133,13 @@ TEST(ReceiveStep, PacketsSplitAtEveryByteArriveWholeAndInOrder)
     for (size_t nCut = 1; nCut < stream.size(); ++nCut) {
         SocketPair sp;
         CDataBufferSTLDeque rev(false, 0);
-        RecvState state;
+        Connection conn(sp.fd[0]);
         ASSERT_TRUE(WriteAll(sp.fd[1], std::vector<unsigned char>(stream.begin(), stream.begin() + nCut)));
-        EXPECT_EQ(state.Receive(sp.fd[0], rev), 0);
+        EXPECT_EQ(conn.Receive(rev), 0);
         ASSERT_TRUE(WriteAll(sp.fd[1], std::vector<unsigned char>(stream.begin() + nCut, stream.end())));
-        EXPECT_EQ(state.Receive(sp.fd[0], rev), 0);
+        EXPECT_EQ(conn.Receive(rev), 0);
         EXPECT_EQ(TakeAll(rev), packets) << "cut at " << nCut;
-        EXPECT_EQ(state.nUnused, state.nLen);
+        EXPECT_TRUE(conn.ReceiveBufEmpty());
     }
 }
 
@@ -128,7 +147,7 @@ TEST(ReceiveStep, ManyPacketsInOneReadAndTheBudget)
 {
     SocketPair sp;
     CDataBufferSTLDeque rev(false, 0);
-    RecvState state;
+    Connection conn(sp.fd[0]);
     std::vector<unsigned char> stream;
     for (int i = 0; i < 200; ++i) {
         std::vector<unsigned char> p = FramedPacket(10, static_cast<unsigned char>(i));
@@ -137,7 +156,7 @@ TEST(ReceiveStep, ManyPacketsInOneReadAndTheBudget)
     ASSERT_TRUE(WriteAll(sp.fd[1], stream));
     int ret = 0, nCalls = 0;
     do {
-        ret = state.Receive(sp.fd[0], rev);
+        ret = conn.Receive(rev);
         ++nCalls;
     } while (ret == BREL_STEP_BUDGET && nCalls < 100);
     EXPECT_EQ(ret, 0);
@@ -151,38 +170,38 @@ TEST(ReceiveStep, BadStreamLimitAndClose)
     {
         SocketPair sp;
         CDataBufferSTLDeque rev(false, 0);
-        RecvState state;
+        Connection conn(sp.fd[0]);
         std::vector<unsigned char> bad = FramedPacket(3, 'x');
         bad.push_back(0x31);
         ASSERT_TRUE(WriteAll(sp.fd[1], bad));
-        EXPECT_EQ(state.Receive(sp.fd[0], rev), BREL_STEP_BAD_STREAM);
+        EXPECT_EQ(conn.Receive(rev), BREL_STEP_BAD_STREAM);
         EXPECT_TRUE(rev.Empty());  // the good packet before the bad byte is not delivered
     }
     {
         SetBrelRecvPacketMaxSize(100);
         SocketPair sp;
         CDataBufferSTLDeque rev(false, 0);
-        RecvState state(8192);
+        Connection conn(sp.fd[0], 8192);
         std::vector<unsigned char> big = FramedPacket(1000, 'x');
         // Complete within one read: passes, however large.
         ASSERT_TRUE(WriteAll(sp.fd[1], big));
-        EXPECT_EQ(state.Receive(sp.fd[0], rev), 0);
+        EXPECT_EQ(conn.Receive(rev), 0);
         EXPECT_EQ(TakeAll(rev).size(), 1u);
         // Incomplete beyond the limit: the connection is to be closed.
         ASSERT_TRUE(WriteAll(sp.fd[1], std::vector<unsigned char>(big.begin(), big.begin() + 500)));
-        EXPECT_EQ(state.Receive(sp.fd[0], rev), BREL_STEP_BAD_STREAM);
+        EXPECT_EQ(conn.Receive(rev), BREL_STEP_BAD_STREAM);
         SetBrelRecvPacketMaxSize(0);
     }
     {
         SocketPair sp;
         CDataBufferSTLDeque rev(false, 0);
-        RecvState state;
+        Connection conn(sp.fd[0]);
         ASSERT_TRUE(WriteAll(sp.fd[1], {0x30, 0x05, 1}));
         close(sp.fd[1]);
         sp.fd[1] = socket(AF_UNIX, SOCK_STREAM, 0);
-        EXPECT_EQ(state.Receive(sp.fd[0], rev), 0);  // a short read: drained for now
-        EXPECT_EQ(state.Receive(sp.fd[0], rev), BREL_STEP_PEER_CLOSED);
-        EXPECT_EQ(state.nLen - state.nUnused, 3u);  // the rest stays in the buffer
+        EXPECT_EQ(conn.Receive(rev), 0);  // a short read: drained for now
+        EXPECT_EQ(conn.Receive(rev), BREL_STEP_PEER_CLOSED);
+        EXPECT_EQ(conn.nReceiveBufLen - conn.nReceiveBufUnusedLen, 3u);  // the rest stays in the buffer
     }
 }
 
@@ -195,22 +214,21 @@ TEST(SendStep, PartialWritesContinueAtTheRightByte)
     std::vector<unsigned char> block(1 << 20);
     for (size_t i = 0; i < block.size(); ++i) block[i] = static_cast<unsigned char>(i * 7);
     sendBuf.Push(block.data(), static_cast<unsigned int>(block.size()), BREL_DATA_NORMAL_PRI);
-    unsigned int nLen = 0, nUsed = 0;
-    char* p = static_cast<char*>(sendBuf.GetFrontAndPop(nLen, 0));
-    std::atomic<unsigned int> nRun{1};
+    Connection conn(sp.fd[0]);
+    conn.TakeBlock(sendBuf);
     std::vector<unsigned char> received;
     int nRounds = 0;
-    while (p != nullptr && nRounds++ < 100000) {
-        int ret = SendAsnBufData(nRun, sp.fd[0], 1, "peer", 1, p, nLen, nUsed, sendBuf, nullptr);
-        if (p != nullptr) {
+    while (conn.pSendData != nullptr && nRounds++ < 100000) {
+        int ret = conn.Send(sendBuf);
+        if (conn.pSendData != nullptr) {
             EXPECT_EQ(ret, BREL_STEP_AGAIN);
         }
         unsigned char buf[65536];
         ssize_t n;
         while ((n = read(sp.fd[1], buf, sizeof(buf))) > 0) received.insert(received.end(), buf, buf + n);
     }
-    EXPECT_EQ(p, nullptr);
-    EXPECT_EQ(nUsed, 0u);
+    EXPECT_EQ(conn.pSendData, nullptr);
+    EXPECT_EQ(conn.nSendDataUsedLen, 0u);
     unsigned char buf[65536];
     ssize_t n;
     while ((n = read(sp.fd[1], buf, sizeof(buf))) > 0) received.insert(received.end(), buf, buf + n);
@@ -226,22 +244,21 @@ TEST(SendStep, TokensLimitTheWrite)
     CDataBufferSTLDeque sendBuf(false, 0);
     std::vector<unsigned char> block(1000, 'z');
     sendBuf.Push(block.data(), 1000, BREL_DATA_NORMAL_PRI);
-    unsigned int nLen = 0, nUsed = 0;
-    char* p = static_cast<char*>(sendBuf.GetFrontAndPop(nLen, 0));
+    Connection conn(sp.fd[0]);
+    conn.TakeBlock(sendBuf);
     CNetflowTokenBucket bucket;
     bucket.SetClock(FakeClock);
     bucket.SetSpeed(8000);  // 400 bytes a 50 ms period
-    std::atomic<unsigned int> nRun{1};
-    EXPECT_EQ(SendAsnBufData(nRun, sp.fd[0], 1, "peer", 1, p, nLen, nUsed, sendBuf, &bucket), BREL_STEP_NO_TOKEN);
-    EXPECT_EQ(nUsed, 400u);
-    EXPECT_EQ(SendAsnBufData(nRun, sp.fd[0], 1, "peer", 1, p, nLen, nUsed, sendBuf, &bucket), BREL_STEP_NO_TOKEN);
-    EXPECT_EQ(nUsed, 400u);  // no period has passed
+    EXPECT_EQ(conn.Send(sendBuf, &bucket), BREL_STEP_NO_TOKEN);
+    EXPECT_EQ(conn.nSendDataUsedLen, 400u);
+    EXPECT_EQ(conn.Send(sendBuf, &bucket), BREL_STEP_NO_TOKEN);
+    EXPECT_EQ(conn.nSendDataUsedLen, 400u);  // no period has passed
     g_lFakeNow += 50;
-    EXPECT_EQ(SendAsnBufData(nRun, sp.fd[0], 1, "peer", 1, p, nLen, nUsed, sendBuf, &bucket), BREL_STEP_NO_TOKEN);
-    EXPECT_EQ(nUsed, 800u);
+    EXPECT_EQ(conn.Send(sendBuf, &bucket), BREL_STEP_NO_TOKEN);
+    EXPECT_EQ(conn.nSendDataUsedLen, 800u);
     g_lFakeNow += 50;
-    EXPECT_EQ(SendAsnBufData(nRun, sp.fd[0], 1, "peer", 1, p, nLen, nUsed, sendBuf, &bucket), 0);
-    EXPECT_EQ(p, nullptr);
+    EXPECT_EQ(conn.Send(sendBuf, &bucket), 0);
+    EXPECT_EQ(conn.pSendData, nullptr);
     EXPECT_EQ(bucket.GetTokenCount(), 200u);
 }
 
@@ -283,6 +300,13 @@ TEST(TokenBucket, GrantsRefillsReturnsAndClockGoingBack)
     g_lFakeNow += 50;
     bucket.GenNewToken();
     EXPECT_EQ(bucket.GetTokenCount(), 500u);
+
+    // A step's take: what is at hand, else a refill once a period has passed.
+    bucket.GetToken(10000);
+    EXPECT_EQ(bucket.TakeToken(100), 0u);
+    g_lFakeNow += 50;
+    EXPECT_EQ(bucket.TakeToken(100), 100u);
+    EXPECT_EQ(bucket.TakeToken(1000), 400u);
 }
 
 } // namespace

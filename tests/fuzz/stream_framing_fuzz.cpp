@@ -5,7 +5,7 @@
 
 #include <vector>
 
-#include "net_socket.h"
+#include "network/stream_framing.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t nSize)
 {

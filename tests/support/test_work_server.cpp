@@ -9,7 +9,7 @@
 #include <chrono>
 #include <stdexcept>
 
-#include "net_socket.h"
+#include "network/stream_framing.h"
 
 namespace agent_test {
 

@@ -30,7 +30,7 @@
 #include <vector>
 
 #include "asn_parse.h"
-#include "net_socket.h"
+#include "network/stream_framing.h"
 #include "util.h"
 #include "zik_pkt.h"
 

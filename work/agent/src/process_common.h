@@ -13,7 +13,7 @@
 #include "asn_parse.h"
 #include "cmd_execute.h"
 #include "data_buffer.h"
-#include "network_client.h"
+#include "network/network_client.h"
 #include "thread.h"
 #include "zik_pkt.h"
 

@@ -1,34 +1,11 @@
-// Sockets, the framing of packets in a TCP byte stream, and the two step
-// functions every network loop calls to push one block out and pull bytes in.
+// An IPv4 TCP socket and the ways of connecting and listening that the
+// network classes use.
 #pragma once
 
 #include <atomic>
 #include <string>
 
-#include "data_buffer.h"
-
 namespace brel_lib {
-
-class CNetflowTokenBucket;
-
-// Connection events delivered to a network class's user, on its network thread.
-enum BREL_NET_CALLBACK_TYPE {
-    BREL_CONNECT_NEW_CLIENT = 1,
-    BREL_CONNECT_CLOSE = 2,
-    BREL_CONNECT_OK = 3,
-    BREL_CONNECT_FAILED = 4,
-};
-typedef void (*BrelNetCallback)(unsigned int nConnectId, BREL_NET_CALLBACK_TYPE type, void* pAppend, int fd);
-
-// Framing: >0 length of the first packet, 0 more bytes needed, -1 invalid stream.
-typedef int (*BrelNetPacketCompleteFun)(const void* pData, unsigned int nDataLen);
-int asn_packet_complete(const void* pData, unsigned int nDataLen);
-// Largest packet the framing accepts.
-const unsigned int MAX_LEN = 0x8000000;
-
-// Limit on the bytes a connection may hold while a packet is incomplete; 0 for none.
-void SetBrelRecvPacketMaxSize(unsigned int nSize);
-unsigned int GetBrelRecvPacketMaxSize();
 
 // An IPv4 TCP socket; owns its descriptor until Detach. Results are 0 or errno
 // unless said otherwise.
@@ -81,30 +58,5 @@ private:
     // Read by other threads (IsConnected of the link), written by the owner.
     std::atomic<int> m_sockFd{-1};
 };
-
-// Results of the step functions.
-enum {
-    BREL_STEP_OK = 0,
-    BREL_STEP_STOPPED = -1,
-    BREL_STEP_AGAIN = -2,       // send: the socket takes no more now
-    BREL_STEP_NO_TOKEN = -3,    // the rate limit's tokens are used up
-    BREL_STEP_PEER_CLOSED = -4,
-    BREL_STEP_BAD_STREAM = -5,  // framing failed or size limit passed
-    BREL_STEP_BUDGET = -6,      // this step's share is done, more may wait
-};
-
-// Writes what is left of the block being sent; frees it once all is out.
-int SendAsnBufData(const std::atomic<unsigned int>& nContinue, int fd, unsigned int nConnectId,
-                   const std::string& strIp, unsigned short nPort, char*& pSendData, unsigned int& nSendDataLen,
-                   unsigned int& nSendDataUsedLen, CDataBufferSTLDeque& sendBuffer,
-                   CNetflowTokenBucket* pTokenBucket);
-
-// Reads what the socket has and pushes each whole packet to revBuffer, with
-// the connection id as append and the measured speed.
-int ReceiveAsnBufData(const std::atomic<unsigned int>& nContinue, int fd, int nAppend, const std::string& strIp,
-                      unsigned short nPort, char*& pReceiveBuf, unsigned int& nReceiveBufLen,
-                      unsigned int& nReceiveBufUnusedLen, unsigned long long& lNowPacketBeginRecvTime,
-                      BrelNetPacketCompleteFun pFunBrelNetPacketComplete, CDataBufferSTLDeque& revBuffer,
-                      CNetflowTokenBucket* pTokenBucket);
 
 } // namespace brel_lib

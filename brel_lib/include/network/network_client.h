@@ -9,7 +9,8 @@
 #include <vector>
 
 #include "data_buffer.h"
-#include "net_socket.h"
+#include "network/connection.h"
+#include "network/socket.h"
 #include "thread.h"
 
 namespace brel_lib {
@@ -79,26 +80,21 @@ private:
     void AdjustBufSize();
     void EpollMod(int epfd, int fd, uint32_t event, bool bAddOrMod);
     void ResetDataState();
-    // Link thread: note the addresses of a new connection, or forget them
-    // before its socket closes.
+    // Link thread: note the addresses of a new connection for other threads.
     void NoteAddresses();
-    void ForgetAddresses();
+    // Link thread: forgets the addresses, then closes the socket.
+    void CloseSocket();
     void UnInit();
 
     const bool m_bReConnectClearBufData;
     CDataBufferSTLDeque& m_revBuffer;
     CDataBufferSTLDeque& m_sendBuffer;
 
-    // Link thread only, but for the descriptor, which IsConnected reads.
+    // Link thread only, but for the descriptor, which IsConnected reads. The
+    // socket owns the descriptor; m_connect holds the connection's state, with
+    // the descriptor as its id and the current server's address for log lines.
     CSocket m_sockTcp;
-    char* m_pReceiveBuf;
-    unsigned int m_nReceiveBufLen = RECEIVE_BUF_SIZE;
-    unsigned int m_nReceiveBufUnusedLen = RECEIVE_BUF_SIZE;
-    char* m_pSendData = nullptr;
-    unsigned int m_nSendDataLen = 0;
-    unsigned int m_nSendDataUsedLen = 0;
-    std::string m_strNowIp;  // current server, for log lines; set at each connect
-    unsigned short m_nNowPort = 0;
+    ConnectInfo m_connect;
 
     // Guarded by m_lock: the list and the index into it, and the addresses
     // of the current connection (written by the link thread only).

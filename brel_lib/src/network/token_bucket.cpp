@@ -1,4 +1,4 @@
-#include "token_bucket.h"
+#include "network/token_bucket.h"
 
 #include "log.h"
 #include "util.h"
@@ -42,6 +42,14 @@ unsigned int CNetflowTokenBucket::GetToken(unsigned int nNeedToken)
     m_nToken -= nGrant;
     m_nAllConsumToken += nGrant;
     return nGrant;
+}
+
+unsigned int CNetflowTokenBucket::TakeToken(unsigned int nNeedToken)
+{
+    unsigned int nGrant = GetToken(nNeedToken);
+    if (nGrant != 0) return nGrant;
+    GenNewToken();
+    return GetToken(nNeedToken);
 }
 
 unsigned int CNetflowTokenBucket::DisMilliSecondNextCanGenNewToken() const

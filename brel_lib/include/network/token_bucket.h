@@ -20,6 +20,9 @@ public:
     void ReturnSomeToken(unsigned int nReturnToken);
     // Grants up to nNeedToken.
     unsigned int GetToken(unsigned int nNeedToken);
+    // What a step asks: grants up to nNeedToken, refilling first when none are
+    // at hand and a period has passed; 0 when the step must wait for tokens.
+    unsigned int TakeToken(unsigned int nNeedToken);
     bool IsEmptyToken() const { return m_nToken == 0; }
     unsigned int DisMilliSecondNextCanGenNewToken() const;
 

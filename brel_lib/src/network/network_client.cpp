@@ -1,4 +1,4 @@
-#include "network_client.h"
+#include "network/network_client.h"
 
 #include <errno.h>
 #include <signal.h>
@@ -22,8 +22,9 @@ CNetworkClientBrel::CNetworkClientBrel(CDataBufferSTLDeque& revBuffer, CDataBuff
     : CThread(LINK_STACK_SIZE), m_bReConnectClearBufData(bReConnClearBufData), m_revBuffer(revBuffer),
       m_sendBuffer(sendBuffer)
 {
-    m_pReceiveBuf = static_cast<char*>(malloc(RECEIVE_BUF_SIZE));
-    if (m_pReceiveBuf == nullptr) {
+    m_connect.pReceiveBuf = static_cast<char*>(malloc(RECEIVE_BUF_SIZE));
+    m_connect.nReceiveBufLen = m_connect.nReceiveBufUnusedLen = RECEIVE_BUF_SIZE;
+    if (m_connect.pReceiveBuf == nullptr) {
         Log(LOG_LEVEL_ERROR, "CNetworkClientBrel::CNetworkClientBrel(malloc recv buf is error, malloc size: %d)",
             RECEIVE_BUF_SIZE);
         ExitProcess(-1);
@@ -35,8 +36,8 @@ CNetworkClientBrel::CNetworkClientBrel(CDataBufferSTLDeque& revBuffer, CDataBuff
 CNetworkClientBrel::~CNetworkClientBrel()
 {
     Stop();
-    free(m_pReceiveBuf);
-    CDataBufferSTLDeque::FreePopData(m_pSendData);
+    free(m_connect.pReceiveBuf);
+    m_connect.FreeSendData();
 }
 
 int CNetworkClientBrel::Start(bool bUseNewThread)
@@ -159,15 +160,19 @@ void CNetworkClientBrel::NoteAddresses()
     m_sockTcp.GetSockName(local.strIp, local.nPort);  // the link thread's own descriptor
     CAutoLock lock(m_lock);
     m_local = local;
-    m_remote = ServerInfo{m_strNowIp, m_nNowPort};
+    m_remote = ServerInfo{m_connect.strIp, m_connect.nPort};
     m_bHaveAddresses = true;
 }
 
-void CNetworkClientBrel::ForgetAddresses()
+void CNetworkClientBrel::CloseSocket()
 {
-    CAutoLock lock(m_lock);
-    m_bHaveAddresses = false;
-    m_local = m_remote = ServerInfo{"", 0};
+    {
+        CAutoLock lock(m_lock);
+        m_bHaveAddresses = false;
+        m_local = m_remote = ServerInfo{"", 0};
+    }
+    m_sockTcp.Close();
+    m_connect.sockFd = -1;
 }
 
 void CNetworkClientBrel::SetNetCallback(BrelNetCallback pCallback, void* pAppend)
@@ -188,8 +193,8 @@ int CNetworkClientBrel::ConnectToServer()
             for (int i = 0; i < 10 && m_nContinueRun != 0; ++i) Sleep(50);
             continue;
         }
-        m_strNowIp = server.strIp;
-        m_nNowPort = server.nPort;
+        m_connect.strIp = server.strIp;
+        m_connect.nPort = server.nPort;
         Log(LOG_LEVEL_INFO, "CNetworkClientBrel::ConnectToServer(try to connect the server: %s, port: %hu)",
             server.strIp.c_str(), server.nPort);
 
@@ -197,8 +202,7 @@ int CNetworkClientBrel::ConnectToServer()
         unsigned int nSwitch = m_nServerConnectFailedSwitchMilliSecond;
         unsigned int nAttempts = nSleep == 0 ? 1 : (nSwitch + nSleep - 1) / nSleep;
         if (nAttempts == 0) nAttempts = 1;
-        ForgetAddresses();
-        m_sockTcp.Close();
+        CloseSocket();
 
         bool bRestart = false;
         int ret = 0;
@@ -225,6 +229,8 @@ int CNetworkClientBrel::ConnectToServer()
         if (bRestart) continue;
         if (m_sockTcp.GetSocket() >= 0) {
             int fd = m_sockTcp.GetSocket();
+            m_connect.sockFd = fd;
+            m_connect.nConnectId = static_cast<unsigned int>(fd);
             // Replies are small and each one is awaited: no Nagle delay.
             m_sockTcp.SetNoDelay(true);
             NoteAddresses();
@@ -261,17 +267,15 @@ void CNetworkClientBrel::EpollMod(int epfd, int fd, uint32_t event, bool bAddOrM
 void CNetworkClientBrel::ResetDataState()
 {
     // A partly received packet is lost; complete ones already queued stay.
-    m_nReceiveBufUnusedLen = m_nReceiveBufLen;
+    m_connect.EmptyReceiveBuf();
     if (m_bReConnectClearBufData) {
         m_sendBuffer.RemoveAll();
-        CDataBufferSTLDeque::FreePopData(m_pSendData);
-        m_pSendData = nullptr;
-        m_nSendDataLen = 0;
+        m_connect.FreeSendData();
     }
     // The block that was on its way goes again whole on the new link. Nothing
     // else may wake the send side (taking blocks cleared the event), so raise it.
-    m_nSendDataUsedLen = 0;
-    if (m_pSendData != nullptr || !m_sendBuffer.Empty()) m_sendBuffer.SetEvent();
+    m_connect.nSendDataUsedLen = 0;
+    if (m_connect.HasPendingData() || !m_sendBuffer.Empty()) m_sendBuffer.SetEvent();
 }
 
 void CNetworkClientBrel::Run()
@@ -377,24 +381,20 @@ void CNetworkClientBrel::Run()
 
 void CNetworkClientBrel::UnInit()
 {
-    ForgetAddresses();
-    m_sockTcp.Close();
+    CloseSocket();
     {
         CAutoLock lock(m_lock);
         m_nNowUseServerId = 0;
     }
-    m_nReceiveBufUnusedLen = m_nReceiveBufLen;
-    CDataBufferSTLDeque::FreePopData(m_pSendData);
-    m_pSendData = nullptr;
-    m_nSendDataLen = m_nSendDataUsedLen = 0;
+    m_connect.EmptyReceiveBuf();
+    m_connect.FreeSendData();
 }
 
 int CNetworkClientBrel::ReceiveData()
 {
-    unsigned long long lBegin = 0;
-    int fd = m_sockTcp.GetSocket();
-    return ReceiveAsnBufData(m_nContinueRun, fd, fd, m_strNowIp, m_nNowPort, m_pReceiveBuf, m_nReceiveBufLen,
-                             m_nReceiveBufUnusedLen, lBegin, m_funBrelNetPacketComplete, m_revBuffer, nullptr);
+    // A packet's speed is measured within one call only; the link's user ignores it.
+    m_connect.lNowPacketBeginRecvTime = 0;
+    return ReceiveAsnBufData(m_nContinueRun, m_connect, m_funBrelNetPacketComplete, m_revBuffer, nullptr);
 }
 
 int CNetworkClientBrel::SendData()
@@ -404,15 +404,13 @@ int CNetworkClientBrel::SendData()
         CAutoLock lock(m_lock);
         if (m_vecServer.empty()) return BREL_STEP_STOPPED;
     }
-    int fd = m_sockTcp.GetSocket();
     for (int i = 0; i < 50 && m_nContinueRun != 0; ++i) {
-        if (m_pSendData == nullptr) {
-            m_pSendData = static_cast<char*>(m_sendBuffer.GetFrontAndPop(m_nSendDataLen, 0));
-            m_nSendDataUsedLen = 0;
-            if (m_pSendData == nullptr) return BREL_STEP_OK;
+        if (m_connect.pSendData == nullptr) {
+            m_connect.pSendData = static_cast<char*>(m_sendBuffer.GetFrontAndPop(m_connect.nSendDataLen, 0));
+            m_connect.nSendDataUsedLen = 0;
+            if (m_connect.pSendData == nullptr) return BREL_STEP_OK;
         }
-        int ret = SendAsnBufData(m_nContinueRun, fd, static_cast<unsigned int>(fd), m_strNowIp, m_nNowPort,
-                                 m_pSendData, m_nSendDataLen, m_nSendDataUsedLen, m_sendBuffer, nullptr);
+        int ret = SendAsnBufData(m_nContinueRun, m_connect, m_sendBuffer, nullptr);
         if (ret != BREL_STEP_OK) return ret;
     }
     if (m_nContinueRun == 0) return BREL_STEP_STOPPED;
@@ -421,28 +419,27 @@ int CNetworkClientBrel::SendData()
 
 void CNetworkClientBrel::AdjustBufSize()
 {
-    bool bEmpty = m_nReceiveBufUnusedLen == m_nReceiveBufLen;
-    if (!bEmpty) {
+    if (!m_connect.ReceiveBufEmpty()) {
         Log(LOG_LEVEL_DEBUG,
             "CNetworkClientBrel::AdjustBufSize(buf is in used, do not adjust now, buf now size: %u, should adjust to "
             "size: %u)",
-            m_nReceiveBufLen, static_cast<unsigned int>(RECEIVE_BUF_SIZE));
+            m_connect.nReceiveBufLen, static_cast<unsigned int>(RECEIVE_BUF_SIZE));
         return;
     }
-    if (m_nReceiveBufLen <= RECEIVE_BUF_SIZE) return;
+    if (m_connect.nReceiveBufLen <= RECEIVE_BUF_SIZE) return;
     char* pNew = static_cast<char*>(malloc(RECEIVE_BUF_SIZE));
     if (pNew == nullptr) {
         Log(LOG_LEVEL_WARNING,
             "CNetworkClientBrel::AdjustBufSize(alloc memory is error, we need malloc size: %u, now size: %u)",
-            static_cast<unsigned int>(RECEIVE_BUF_SIZE), m_nReceiveBufLen);
+            static_cast<unsigned int>(RECEIVE_BUF_SIZE), m_connect.nReceiveBufLen);
         return;
     }
-    unsigned int nBefore = m_nReceiveBufLen;
-    free(m_pReceiveBuf);
-    m_pReceiveBuf = pNew;
-    m_nReceiveBufLen = m_nReceiveBufUnusedLen = RECEIVE_BUF_SIZE;
+    unsigned int nBefore = m_connect.nReceiveBufLen;
+    free(m_connect.pReceiveBuf);
+    m_connect.pReceiveBuf = pNew;
+    m_connect.nReceiveBufLen = m_connect.nReceiveBufUnusedLen = RECEIVE_BUF_SIZE;
     Log(LOG_LEVEL_INFO, "CNetworkClientBrel::AdjustBufSize(buf adjust before size: %u, now size: %u)", nBefore,
-        m_nReceiveBufLen);
+        m_connect.nReceiveBufLen);
 }
 
 } // namespace brel_lib
