@@ -12,12 +12,13 @@
 
 #include "asn_parse.h"
 #include "cmd_execute.h"
+#include "common/session_reply.h"
 #include "data_buffer.h"
 #include "network_client.h"
 #include "thread.h"
 #include "zik_pkt.h"
 
-class CProcessCommon : public brel_lib::CThread, public CCmdReplySink {
+class CProcessCommon : public brel_lib::CThread, public CSessionReply {
 public:
     CProcessCommon(brel_lib::CDataBufferSTLDeque& revDataBuffer, brel_lib::CDataBufferSTLDeque& sendDataBuffer);
     ~CProcessCommon() override;

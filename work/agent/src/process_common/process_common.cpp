@@ -1,16 +1,17 @@
-#include "process_common.h"
+#include "process_common/process_common.h"
 
 #include <stdlib.h>
 #include <unistd.h>
 
 #include <type_traits>
 
-#include "agent.h"
-#include "agent_clock.h"
+#include "common/agent_clock.h"
+#include "common/agent_globals.h"
+#include "common/work_codes.h"
 #include "ini_file.h"
 #include "log.h"
 #include "process.h"
-#include "session_crypto.h"
+#include "process_common/session_crypto.h"
 #include "util.h"
 
 using namespace brel_lib;
@@ -26,7 +27,6 @@ const time_t HISTORY_SWEEP_SECOND = 179;
 const size_t HISTORY_MAX_ENTRIES = 1000;
 // Requests for a new server go out with the first heartbeats only.
 const int GET_NEW_WS_TIMES = 2;
-const int RET_MOVE_REFUSED = 310;
 
 const char* const CONFIG_PATH_FORMAT = "/proc/%d/cwd/../etc/config";
 const char* const PUBLIC_KEY_PATH_FORMAT = "/proc/%d/cwd/../etc/publickey.pem";
