@@ -1,20 +1,23 @@
 // The server session: the thread that takes whole packets from the link,
 // decodes them and hands each request to the part that serves it, and that
 // runs the session's timers (heartbeats, the watch on the server's answers,
-// the buffer shrink, the expiry of the work-id history). It is also the
-// gateway through which command replies go back to the server.
+// the buffer shrink, the expiry of the work-id history, the renewal of the
+// session keys). It is also the gateway through which command replies go back
+// to the server: the managers see it as their CSessionReply. The session keys
+// are a class of their own (session_keys.h); the moves between servers have
+// a file of their own (server_move.cpp).
 #pragma once
 
 #include <atomic>
 #include <map>
 #include <string>
-#include <vector>
 
 #include "asn_parse.h"
 #include "cmd_execute.h"
 #include "common/session_reply.h"
 #include "data_buffer.h"
 #include "network_client.h"
+#include "process_common/session_keys.h"
 #include "thread.h"
 #include "zik_pkt.h"
 
@@ -99,27 +102,12 @@ private:
     void DealAutoAdjustAsnBufSize();
 
     // Session keys and the encrypted requests.
-    struct SessionKey {
-        unsigned int nId;
-        unsigned int keySn;
-        time_t beginTime;
-        unsigned int validSecond;
-        std::string keyData;
-    };
-    bool NeedUpdateSessionKey();
     void ReqUpdateSessionKey();
     void DealRspSessionKey(RspSessionKey* pRsp);
-    std::string GetSessionKeyBySn(unsigned int nKeySn);
-    // Encodes a record alone and encrypts it under the public key; false after logging.
-    template <class T>
-    bool EncryptForServer(const char* szFunction, T& encData, std::string& strOut);
-    // Finds the key, decrypts and decodes an EncData record; false after logging.
-    template <class T>
-    bool DecryptEncData(const char* szHandler, unsigned int nKeySn, const AsnOcts& encData, T& out);
     void ReqCmdCreateEnc(ReqWorkCmdCreateEnc* pReq);
     void ReqCmdSetActionEnc(ReqWorkCmdSetActionEnc* pReq);
 
-    // Moving to a new server.
+    // Moving to a new server (server_move.cpp).
     void ReqGetNewWs();
     void RspGetNewWs(RspWorkAgentGetNewWs* pRsp);
     void ReqConnectNewServer(ReqWorkAgentConnectNewServer* pReq);
@@ -150,9 +138,6 @@ private:
     std::atomic<unsigned int> m_nRespondHeartbeatFailedCount{5};
     std::atomic<int> m_nAsnBufferAutoAdjustSecond{7200};
     std::atomic<unsigned int> m_nWorkHistoryKeepSecond{600};
-    std::atomic<int> m_nPublicKeyVersion{0};
-    std::atomic<int> m_nSessionKeyUpdateSecond{86400};
-    std::atomic<bool> m_bMaskSessionKeyLog{false};
     brel_lib::CLock m_lockCfg;
     std::string m_strRestartShell;
 
@@ -171,12 +156,7 @@ private:
     bool m_bHeartbeat = false;
     std::map<unsigned int, long> m_mapCreatedWorkId;
     std::map<unsigned int, long> m_mapDeletedWorkId;
-    time_t m_timePreUpdateSessionKey = 0;
-    time_t m_timeReqUpdateSessionKey = 0;
-    bool m_bSessionKeyOk = false;
-    unsigned int nReqSessionKeySn = 0;
-    std::string m_strReqSessionKeyData;
-    std::vector<SessionKey> m_vecSessionKey;  // newest first, at most two
+    CSessionKeys m_sessionKeys;  // its settings are written by the main thread
 };
 
 // Registered with the link: passes a successful connect to the session.
