@@ -24,6 +24,29 @@ const size_t HISTORY_MAX_ENTRIES = 1000;
 // Requests for a new server go out with the first heartbeats only.
 const int GET_NEW_WS_TIMES = 2;
 
+// The clear part of an encrypted request, the same in every form: the work id
+// and the route. The rest of the plain record comes from the EncData record.
+template <class TEnc, class TPlain>
+void CopyClearPart(const TEnc& enc, TPlain& plain)
+{
+    plain.workId = enc.workId;
+    plain.routeDstAgentId = enc.routeDstAgentId;
+    plain.routeSrcServerIp = enc.routeSrcServerIp;
+    plain.routeSrcServerId = enc.routeSrcServerId;
+}
+
+// The secret fields of the encrypted command requests, into the plain record.
+void FillFromEncData(const ReqWorkCmdCreateEncData& data, ReqWorkCmdCreate& plain)
+{
+    plain.flag = data.flag;
+    plain.timeout = data.timeout;
+    plain.bufSize = data.bufSize;
+    plain.execUser = data.execUser;
+    plain.cmd = data.cmd;
+}
+
+void FillFromEncData(const ReqWorkCmdSetActionEncData& data, ReqWorkCmdSetAction& plain) { plain.action = data.action; }
+
 } // namespace
 
 void GNetConnected(unsigned int, BREL_NET_CALLBACK_TYPE type, void* pAppend, int)
@@ -265,15 +288,33 @@ void CProcessCommon::KeepRoute(const T* pReq)
     m_nNowSrcServerId = static_cast<unsigned int>(pReq->routeSrcServerId.value);
 }
 
+// A create or delete the server repeats (after a lost reply, say) is answered
+// as done, and does no harm.
+bool CProcessCommon::AnsweredFromHistory(const std::map<unsigned int, long>& mapHistory, unsigned int nWorkId,
+                                         SendOkFn fnOk)
+{
+    if (mapHistory.count(nWorkId) == 0) return false;
+    (this->*fnOk)(nWorkId);
+    return true;
+}
+
+// Answers the manager's result; only a success goes into the history.
+void CProcessCommon::AnswerAndRemember(int nRet, unsigned int nWorkId, std::map<unsigned int, long>& mapHistory,
+                                       SendOkFn fnOk, SendFailedFn fnFailed)
+{
+    if (nRet != 0) {
+        (this->*fnFailed)(nRet, nWorkId);
+        return;
+    }
+    mapHistory[nWorkId] = static_cast<long>(g_timeNow);
+    (this->*fnOk)(nWorkId);
+}
+
 void CProcessCommon::ReqCmdCreate(ReqWorkCmdCreate* pReq)
 {
     KeepRoute(pReq);
     unsigned int nWorkId = static_cast<unsigned int>(pReq->workId.value);
-    // A create the server repeats (after a lost reply, say) does no harm.
-    if (m_mapCreatedWorkId.count(nWorkId) != 0) {
-        SendCmdToServerCreateOk(nWorkId);
-        return;
-    }
+    if (AnsweredFromHistory(m_mapCreatedWorkId, nWorkId, &CProcessCommon::SendCmdToServerCreateOk)) return;
     CommonWork work;
     work.nAppend = m_nNowAppend;
     work.nSrcServerIp = m_nNowSrcServerIp;
@@ -283,13 +324,8 @@ void CProcessCommon::ReqCmdCreate(ReqWorkCmdCreate* pReq)
     work.nBufOutSize = work.nBufErrSize = static_cast<unsigned int>(pReq->bufSize.value);
     work.strExecUser.assign(pReq->execUser.octs, pReq->execUser.octetLen);
     work.strCmd.assign(pReq->cmd.octs, pReq->cmd.octetLen);
-    int ret = m_taskManager.AddNewWork(nWorkId, work);
-    if (ret != 0) {
-        SendCmdToServerCreateFailed(ret, nWorkId);
-        return;
-    }
-    m_mapCreatedWorkId[nWorkId] = static_cast<long>(g_timeNow);
-    SendCmdToServerCreateOk(nWorkId);
+    AnswerAndRemember(m_taskManager.AddNewWork(nWorkId, work), nWorkId, m_mapCreatedWorkId,
+                      &CProcessCommon::SendCmdToServerCreateOk, &CProcessCommon::SendCmdToServerCreateFailed);
 }
 
 void CProcessCommon::ReqCmdSetAction(ReqWorkCmdSetAction* pReq)
@@ -309,20 +345,13 @@ void CProcessCommon::ReqCmdDelete(ReqWorkCmdDelete* pReq)
 {
     KeepRoute(pReq);
     unsigned int nWorkId = static_cast<unsigned int>(pReq->workId.value);
-    if (m_mapDeletedWorkId.count(nWorkId) != 0) {
-        SendCmdToServerDeleteOk(nWorkId);
-        return;
-    }
+    if (AnsweredFromHistory(m_mapDeletedWorkId, nWorkId, &CProcessCommon::SendCmdToServerDeleteOk)) return;
     unsigned int nFlag = 0;
     int ret = m_taskManager.DeleteWork(nFlag, nWorkId);
     // A work that asked for it gets no answer to its delete, and is not remembered.
     if (nFlag & WORK_FLAG_NO_DELETE_REPLY) return;
-    if (ret != 0) {
-        SendCmdToServerDeleteFailed(ret, nWorkId);
-        return;
-    }
-    m_mapDeletedWorkId[nWorkId] = static_cast<long>(g_timeNow);
-    SendCmdToServerDeleteOk(nWorkId);
+    AnswerAndRemember(ret, nWorkId, m_mapDeletedWorkId, &CProcessCommon::SendCmdToServerDeleteOk,
+                      &CProcessCommon::SendCmdToServerDeleteFailed);
 }
 
 template <class T>
@@ -433,38 +462,30 @@ void CProcessCommon::DealRspSessionKey(RspSessionKey* pRsp)
     if (m_sessionKeys.DealResponse(*pRsp, used)) SendToServer(used, 0);
 }
 
+// An encrypted command request keeps its route first of all, before the key is
+// looked up. Its plain form is rebuilt from the clear part and the decrypted
+// EncData record, and served as a plain request from there on.
+template <class TData, class TEnc, class TPlain>
+void CProcessCommon::ServeCmdEnc(const char* szHandler, TEnc* pReq, void (CProcessCommon::*fnServe)(TPlain*))
+{
+    KeepRoute(pReq);
+    TData data;
+    unsigned int nKeySn = static_cast<unsigned int>(pReq->keySn.value);
+    if (!m_sessionKeys.DecryptEncData(szHandler, nKeySn, pReq->encData, data)) return;
+    TPlain plain;
+    CopyClearPart(*pReq, plain);
+    FillFromEncData(data, plain);
+    (this->*fnServe)(&plain);
+}
+
 void CProcessCommon::ReqCmdCreateEnc(ReqWorkCmdCreateEnc* pReq)
 {
-    KeepRoute(pReq);  // first of all, before the key is looked up
-    ReqWorkCmdCreateEncData data;
-    unsigned int nKeySn = static_cast<unsigned int>(pReq->keySn.value);
-    if (!m_sessionKeys.DecryptEncData("ReqCmdCreateEnc", nKeySn, pReq->encData, data)) return;
-    ReqWorkCmdCreate plain;
-    plain.workId = pReq->workId;
-    plain.flag = data.flag;
-    plain.timeout = data.timeout;
-    plain.bufSize = data.bufSize;
-    plain.execUser = data.execUser;
-    plain.cmd = data.cmd;
-    plain.routeDstAgentId = pReq->routeDstAgentId;
-    plain.routeSrcServerIp = pReq->routeSrcServerIp;
-    plain.routeSrcServerId = pReq->routeSrcServerId;
-    ReqCmdCreate(&plain);
+    ServeCmdEnc<ReqWorkCmdCreateEncData>("ReqCmdCreateEnc", pReq, &CProcessCommon::ReqCmdCreate);
 }
 
 void CProcessCommon::ReqCmdSetActionEnc(ReqWorkCmdSetActionEnc* pReq)
 {
-    KeepRoute(pReq);
-    ReqWorkCmdSetActionEncData data;
-    unsigned int nKeySn = static_cast<unsigned int>(pReq->keySn.value);
-    if (!m_sessionKeys.DecryptEncData("ReqCmdSetActionEnc", nKeySn, pReq->encData, data)) return;
-    ReqWorkCmdSetAction plain;
-    plain.workId = pReq->workId;
-    plain.action = data.action;
-    plain.routeDstAgentId = pReq->routeDstAgentId;
-    plain.routeSrcServerIp = pReq->routeSrcServerIp;
-    plain.routeSrcServerId = pReq->routeSrcServerId;
-    ReqCmdSetAction(&plain);
+    ServeCmdEnc<ReqWorkCmdSetActionEncData>("ReqCmdSetActionEnc", pReq, &CProcessCommon::ReqCmdSetAction);
 }
 
 // ---- heartbeat, agent info, exit notice ---------------------------------------------

@@ -70,7 +70,12 @@ private:
     void LoadCfg();
     void DealReq(char* pData, unsigned int nLength);
 
-    // Command requests; each consults the history of ids first.
+    // Command requests; create and delete consult the history of ids first.
+    typedef void (CProcessCommon::*SendOkFn)(unsigned int nWorkId);
+    typedef void (CProcessCommon::*SendFailedFn)(int nRet, unsigned int nWorkId);
+    bool AnsweredFromHistory(const std::map<unsigned int, long>& mapHistory, unsigned int nWorkId, SendOkFn fnOk);
+    void AnswerAndRemember(int nRet, unsigned int nWorkId, std::map<unsigned int, long>& mapHistory, SendOkFn fnOk,
+                           SendFailedFn fnFailed);
     template <class T>
     void KeepRoute(const T* pReq);
     void ReqCmdCreate(ReqWorkCmdCreate* pReq);
@@ -104,6 +109,9 @@ private:
     // Session keys and the encrypted requests.
     void ReqUpdateSessionKey();
     void DealRspSessionKey(RspSessionKey* pRsp);
+    // The one line of the encrypted command requests; TData is the EncData record.
+    template <class TData, class TEnc, class TPlain>
+    void ServeCmdEnc(const char* szHandler, TEnc* pReq, void (CProcessCommon::*fnServe)(TPlain*));
     void ReqCmdCreateEnc(ReqWorkCmdCreateEnc* pReq);
     void ReqCmdSetActionEnc(ReqWorkCmdSetActionEnc* pReq);
 
