@@ -1,8 +1,7 @@
-// The agent process: main and its start order. What the main thread does
-// once the agent runs (the watch loop, the reload, the stop) is in
-// agent_main_loop.cpp.
+// The agent process: main, its start order and the orderly stop. What the
+// main thread does while the agent runs (the watch of the signal flags, the
+// reload, the agent id refresh) is in agent_main_loop.cpp.
 #include <errno.h>
-#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/resource.h>
