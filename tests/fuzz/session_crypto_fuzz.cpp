@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "asn_parse.h"
-#include "session_crypto.h"
+#include "process_common/session_crypto.h"
 #include "zik_pkt.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t nSize)

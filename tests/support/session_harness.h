@@ -11,11 +11,11 @@
 #include <deque>
 #include <string>
 
-#include "agent.h"
-#include "agent_clock.h"
+#include "common/agent_clock.h"
+#include "common/agent_globals.h"
 #include "install_tree.h"
 #include "log.h"
-#include "process_common.h"
+#include "process_common/process_common.h"
 #include "test_work_server.h"
 
 class SessionHarness {

@@ -1,24 +1,21 @@
-// The agent process: start sequence, the 200 ms main loop, reload on SIGUSR1
-// and the orderly stop.
-#include "agent.h"
-
+// The agent process: main, its start order and the orderly stop. What the
+// main thread does while the agent runs (the watch of the signal flags, the
+// reload, the agent id refresh) is in agent_main_loop.cpp.
 #include <errno.h>
-#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/resource.h>
 
-#include <atomic>
 #include <string>
 
+#include "agent_main_loop.h"
+#include "common/agent_globals.h"
 #include "data_buffer.h"
 #include "ini_file.h"
 #include "log.h"
 #include "network/network_client.h"
-#include "network/stream_framing.h"
 #include "process.h"
-#include "process_common.h"
+#include "process_common/process_common.h"
 #include "util.h"
 
 using namespace brel_lib;
@@ -32,83 +29,16 @@ const std::string g_strEnvPath =
     "/sbin:/usr/sbin:/usr/local/sbin:/opt/gnome/sbin:/usr/local/bin:/usr/bin:/usr/X11R6/bin:/bin:/usr/games:"
     "/opt/gnome/bin:/usr/lib/mit/bin:/usr/lib/mit/sbin";
 
-// Written by the signal handlers only, read by the main loop. A handler runs
-// on whichever thread the signal reaches, so these are lock-free atomics
-// (safe in a handler) rather than plain volatile words.
-std::atomic<int> g_nContinueRun{1};
-std::atomic<int> g_nReloadCfg{0};
-static_assert(std::atomic<int>::is_always_lock_free, "signal flags must be lock-free");
-
-// Main thread only.
-std::string g_strAgentId;
-unsigned int g_nNeedExit = 0;
-
-const unsigned int AGENT_ID_REFRESH_SECOND = 300;
-const unsigned int MAIN_LOOP_SLEEP_MS = 200;
 const rlim_t AGENT_NOFILE_LIMIT = 100000;
-
-void sig_quit(int) { g_nContinueRun = 0; }
-void reload_cfg(int) { g_nReloadCfg = 1; }
-
-void InitDaemon()
-{
-    GoDaemon();
-    SetNormalSignalIgn();
-}
-
-// Reads the log settings, the agent id and the flags; exits on a bad file or id.
-void ReLoadCfg()
-{
-    CIniFile ini;
-    if (ini.Load(g_strCfgFile) != 0) {
-        Log(LOG_LEVEL_ERROR, "ReLoadCfg(the cfg file is error)");
-        ExitProcess(1);
-    }
-    LogFile(ini.GetIni("log_file", ""));
-    SetLogInfo(static_cast<unsigned int>(StringToInt(ini.GetIni("log_file_max_num", "10"))),
-               static_cast<unsigned long long>(static_cast<long long>(StringToInt(ini.GetIni("log_file_max_size", "10")))));
-    if (LogLevel(ini.GetIni("log_level", "INFO")) != 0) {
-        Log(LOG_LEVEL_WARNING, "ReLoadCfg(the log level is error, will use default level)");
-    }
-    g_strAgentId = ini.GetIni("agent_id", "");
-    unsigned int nAgentId = ConvertAgentIdToInt(g_strAgentId);
-    if (nAgentId == 0) {
-        Log(LOG_LEVEL_ERROR, "ReLoadCfg(the agent_id is not correct in config file, agent_id: %s)", g_strAgentId.c_str());
-        ExitProcess(1);
-    }
-    g_nAgentId = nAgentId;
-    g_nNeedExit = static_cast<unsigned int>(StringToInt(ini.GetIni("need_exit", "")));
-    g_bNeedGetNewWs = StringToInt(ini.GetIni("need_get_new_ws", "")) != 0;
-    SetBrelRecvPacketMaxSize(static_cast<unsigned int>(StringToInt(ini.GetIni("net_recv_packet_max_size", "0"))));
-}
-
-// Connect settings of the link, in milliseconds.
-struct ConnectSettings {
-    unsigned int nFailedSwitchMs;
-    unsigned int nTimeoutMs;
-    unsigned int nFailedSleepMs;
-};
 
 // Receive buffer: blocking takes, no limit. Send buffer: non-blocking takes,
 // at most 2000 packets, the oldest dropped beyond that.
 const unsigned int SEND_BUFFER_MAX_PACKETS = 2000;
 
-
-
-ConnectSettings ReadConnectSettings(const CIniFile& ini)
+void InitDaemon()
 {
-    ConnectSettings settings;
-    settings.nFailedSwitchMs = static_cast<unsigned int>(StringToInt(ini.GetIni("connect_failed_second_switch", "600"))) * 1000;
-    settings.nTimeoutMs = static_cast<unsigned int>(StringToInt(ini.GetIni("connect_timeout_second", "10"))) * 1000;
-    settings.nFailedSleepMs = static_cast<unsigned int>(StringToInt(ini.GetIni("connect_failed_sleep_second", "10"))) * 1000;
-    return settings;
-}
-
-void ApplyConnectSettings(CNetworkClientBrel& link, const ConnectSettings& settings)
-{
-    link.SetConnectFailedSwitchTime(settings.nFailedSwitchMs);
-    link.SetConnectTimeout(settings.nTimeoutMs);
-    link.SetConnectFailedSleepTime(settings.nFailedSleepMs);
+    GoDaemon();
+    SetNormalSignalIgn();
 }
 
 unsigned short PortOf(const std::string& strPort) { return static_cast<unsigned short>(StringToInt(strPort)); }
@@ -146,50 +76,6 @@ void PrintUsage(const char* szProgram)
     printf("%s cfgfile/-v [not daemon]\n", szProgram);
 }
 
-// The 300-second refresh: follows an interface whose address changed.
-void RefreshAgentId()
-{
-    unsigned int nAgentId = ConvertAgentIdToInt(g_strAgentId);
-    if (nAgentId == 0) {
-        Log(LOG_LEVEL_ERROR, "ReLoadCfg(the agent_id is not correct in config file, agent_id: %s)", g_strAgentId.c_str());
-        return;
-    }
-    if (nAgentId != g_nAgentId) g_nAgentId = nAgentId;
-}
-
-// Returns false when the reload asks the agent to end.
-bool DoReload(const CIniFile& iniMain, CNetworkClientBrel& link, CProcessCommon& session)
-{
-    Log(LOG_LEVEL_INFO, "main(receive signusr1, we will reload cfg)");
-    ReLoadCfg();
-    if (g_nNeedExit != 0) {
-        Log(LOG_LEVEL_INFO, "main(need_exit is not zero in cfg, we exit now)");
-        return false;
-    }
-    // From main's own file as it stood at start: these keys change only with a restart.
-    ApplyConnectSettings(link, ReadConnectSettings(iniMain));
-    session.ReloadCfg();
-    return true;
-}
-
-void MainLoop(const CIniFile& iniMain, CNetworkClientBrel& link, CProcessCommon& session)
-{
-    time_t tRefresh = time(nullptr);
-    while (g_nContinueRun != 0) {
-        if (g_nReloadCfg != 0) {
-            g_nReloadCfg = 0;
-            if (!DoReload(iniMain, link, session)) break;
-        }
-        time_t tNow = time(nullptr);
-        if (tRefresh > tNow) tRefresh = tNow;  // the clock went back
-        if (tNow - tRefresh > static_cast<time_t>(AGENT_ID_REFRESH_SECOND)) {
-            tRefresh = tNow;
-            RefreshAgentId();
-        }
-        Sleep(MAIN_LOOP_SLEEP_MS);
-    }
-}
-
 } // namespace
 
 int main(int argc, char* argv[])
@@ -205,8 +91,7 @@ int main(int argc, char* argv[])
         return 0;
     }
 
-    ReLoadCfg();
-    g_nNeedExit = 0;  // a need_exit already in the file at start is ignored
+    LoadMainCfgAtStart();
     Log(LOG_LEVEL_INFO, "we start");
 
     CIniFile iniMain;
@@ -225,9 +110,7 @@ int main(int argc, char* argv[])
     ConnectSettings settings = ReadConnectSettings(iniMain);
 
     if (argc == 2) InitDaemon();
-    SetSignal(SIGINT, sig_quit);
-    SetSignal(SIGQUIT, sig_quit);
-    SetSignal(SIGUSR1, reload_cfg);
+    InstallStopAndReloadSignals();
     setenv("PATH", g_strEnvPath.c_str(), 1);
 
     std::string strPidFile = iniMain.GetIni("pid_file", "");

@@ -11,8 +11,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "agent.h"
-#include "agent_clock.h"
+#include "common/agent_clock.h"
+#include "common/agent_globals.h"
 #include "ini_file.h"
 #include "log.h"
 #include "process.h"

@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "common/session_reply.h"
+#include "common/work_codes.h"
 #include "thread.h"
 
 // One command work. Owned by the manager's maps; guarded by its lock.
@@ -44,36 +46,8 @@ struct CommonWork {
     unsigned int nUsedErrSize = 0;
 };
 
-// Stages of a work; 4 is reported for a work that does not exist.
-enum { WORK_NOT_BEGIN = 0, WORK_RUNNING = 1, WORK_FINISHED = 2, WORK_DELETED = 3, WORK_UNKNOWN = 4 };
 // Bits of nFlag.
 enum { WORK_FLAG_QUIET = 1, WORK_FLAG_NO_STDOUT = 2, WORK_FLAG_NO_STDERR = 4, WORK_FLAG_NO_DELETE_REPLY = 64 };
-// Result codes of command works.
-enum {
-    RET_NO_SUCH_WORK = 300,
-    RET_WORK_NOT_ALLOCATED = 301,
-    RET_CONCURRENT_LIMIT = 302,
-    RET_PIPE_FAILED = 304,
-    RET_FORK_FAILED = 305,
-    RET_BUFFER_FAILED = 306,
-    RET_BAD_ACTION = 309,
-    RET_WORK_ID_EXISTS = 323,
-    RET_WORK_TIMEOUT = 324,
-    RET_WAITPID_FAILED = 325,
-    RET_UNEXPLAINED_END = 326,
-    RET_DELETED_WHILE_RUNNING = 327,
-};
-
-// Where the manager's replies and reports go: the server session. The
-// functions may be called with the manager's lock held.
-class CCmdReplySink {
-public:
-    virtual ~CCmdReplySink() = default;
-    virtual void SendCmdToServerSetActionOk(unsigned int nWorkId) = 0;
-    virtual void SendCmdToServerSetActionFailed(int nRet, unsigned int nWorkId) = 0;
-    virtual void SendCmdToServerQueryOk(const CommonWork& work) = 0;
-    virtual void SendCmdToServerQueryFailed(int nRet, unsigned int nWorkId) = 0;
-};
 
 class CCmdExecuteManager : public brel_lib::CThread {
 public:
@@ -82,7 +56,7 @@ public:
 
     // Before Start.
     void SetCfgFile(const std::string& strCfgFile) { m_strCfgFile = strCfgFile; }
-    void SetProcessCommon(CCmdReplySink* pSink) { m_pProcessCommon = pSink; }
+    void SetProcessCommon(CSessionReply* pSink) { m_pProcessCommon = pSink; }
 
     int Start() override;
     int Stop() override { return CThread::Stop(); }
@@ -128,7 +102,7 @@ private:
 
     // Set before Start.
     std::string m_strCfgFile;
-    CCmdReplySink* m_pProcessCommon = nullptr;
+    CSessionReply* m_pProcessCommon = nullptr;
 
     // Lock order: m_lock before the session's lock, never the reverse.
     // m_lock guards the maps, every record, m_vecNewWorkId, the counters and tempbuf.

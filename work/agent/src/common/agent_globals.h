@@ -19,7 +19,3 @@ extern const time_t g_nStartTime;
 extern std::atomic<time_t> g_timeNow;
 // need_get_new_ws as last read; cleared by the session thread.
 extern std::atomic<bool> g_bNeedGetNewWs;
-
-// Derives the 32-bit agent id from an IPv4 text, an interface name or a
-// decimal number; 0 when none gives a usable value.
-unsigned int ConvertAgentIdToInt(const std::string& strAgentId);

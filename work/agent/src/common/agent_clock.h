@@ -7,3 +7,11 @@
 time_t AgentTime();
 // Seconds added to the system clock; tests only.
 void SetAgentTimeOffset(time_t tOffset);
+
+// Pulls a stored time that lies in the future back to now: a clock set back
+// neither stalls a timer nor makes anything expire early.
+template <class T>
+void PullBack(T& tStored, time_t tNow)
+{
+    if (tStored > tNow) tStored = tNow;
+}

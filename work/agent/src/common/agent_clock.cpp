@@ -1,4 +1,4 @@
-#include "agent_clock.h"
+#include "common/agent_clock.h"
 
 #include <atomic>
 

@@ -1,16 +1,13 @@
-#include "process_common.h"
+#include "process_common/process_common.h"
 
 #include <stdlib.h>
-#include <unistd.h>
 
-#include <type_traits>
-
-#include "agent.h"
-#include "agent_clock.h"
+#include "common/agent_clock.h"
+#include "common/agent_globals.h"
+#include "common/work_codes.h"
 #include "ini_file.h"
 #include "log.h"
 #include "process.h"
-#include "session_crypto.h"
 #include "util.h"
 
 using namespace brel_lib;
@@ -26,33 +23,29 @@ const time_t HISTORY_SWEEP_SECOND = 179;
 const size_t HISTORY_MAX_ENTRIES = 1000;
 // Requests for a new server go out with the first heartbeats only.
 const int GET_NEW_WS_TIMES = 2;
-const int RET_MOVE_REFUSED = 310;
 
-const char* const CONFIG_PATH_FORMAT = "/proc/%d/cwd/../etc/config";
-const char* const PUBLIC_KEY_PATH_FORMAT = "/proc/%d/cwd/../etc/publickey.pem";
-// A session key request without an answer is repeated this often; a key is
-// renewed this long before its end.
-const time_t SESSION_KEY_SPACING_SECOND = 30;
-const unsigned int SESSION_SECRET_BYTES = 16;
-const size_t SESSION_KEYS_KEPT = 2;
-const int MODULE_TYPE_AGENT = 2;
-
-// Pulls a stored time that lies in the future back to now: a clock set back
-// neither stalls a timer nor makes anything expire early.
-template <class T>
-void PullBack(T& tStored, time_t tNow)
+// The clear part of an encrypted request, the same in every form: the work id
+// and the route. The rest of the plain record comes from the EncData record.
+template <class TEnc, class TPlain>
+void CopyClearPart(const TEnc& enc, TPlain& plain)
 {
-    if (tStored > tNow) tStored = tNow;
+    plain.workId = enc.workId;
+    plain.routeDstAgentId = enc.routeDstAgentId;
+    plain.routeSrcServerIp = enc.routeSrcServerIp;
+    plain.routeSrcServerId = enc.routeSrcServerId;
 }
 
-std::string ProcPath(const char* szFormat)
+// The secret fields of the encrypted command requests, into the plain record.
+void FillFromEncData(const ReqWorkCmdCreateEncData& data, ReqWorkCmdCreate& plain)
 {
-    char szPath[64];
-    snprintf(szPath, sizeof(szPath), szFormat, static_cast<int>(getpid()));
-    return szPath;
+    plain.flag = data.flag;
+    plain.timeout = data.timeout;
+    plain.bufSize = data.bufSize;
+    plain.execUser = data.execUser;
+    plain.cmd = data.cmd;
 }
 
-std::string ConfigPath() { return ProcPath(CONFIG_PATH_FORMAT); }
+void FillFromEncData(const ReqWorkCmdSetActionEncData& data, ReqWorkCmdSetAction& plain) { plain.action = data.action; }
 
 } // namespace
 
@@ -172,14 +165,7 @@ void CProcessCommon::LoadCfg()
         CAutoLock lock(m_lockCfg);
         m_strRestartShell = strRestart.empty() ? "../tools/op/restart.sh" : strRestart;
     }
-    int nKeyVersion = StringToInt(ini.GetIni("public_key_version", ""));
-    if (nKeyVersion == 0) {
-        Log(LOG_LEVEL_ERROR, "CProcessCommon::LoadCfg(public key version error)");
-        ExitProcess(1);
-    }
-    m_nPublicKeyVersion = nKeyVersion;
-    m_nSessionKeyUpdateSecond = StringToInt(ini.GetIni("session_key_update_second", "3600"));
-    m_bMaskSessionKeyLog = StringToInt(ini.GetIni("log_mask_session_key", "")) != 0;
+    m_sessionKeys.LoadCfg(ini);
 }
 
 std::string CProcessCommon::RestartShell()
@@ -222,13 +208,7 @@ void CProcessCommon::DealTimers(int& nGetNewWsLeft)
     if (tPreSend > tNow) m_timePreSendHeartbeat.compare_exchange_strong(tPreSend, tNow);
     PullBack(m_timePreRespondHeartbeat, tNow);
     PullBack(m_timePreAdjustBuf, tNow);
-    PullBack(m_timeReqUpdateSessionKey, tNow);
-    for (SessionKey& key : m_vecSessionKey) PullBack(key.beginTime, tNow);
-    if (m_timePreUpdateSessionKey > tNow) {
-        // The clock went back: the newest key counts as expired, so a new one is asked for.
-        m_timePreUpdateSessionKey = tNow;
-        if (!m_vecSessionKey.empty()) m_vecSessionKey.front().validSecond = 0;
-    }
+    m_sessionKeys.PullBackClock(tNow);
 
     if (tNow - m_timePreSendHeartbeat >= m_nHeartbeatSecond) {
         Log(LOG_LEVEL_LOWEST, "CProcessCommon::Run(it is time to send heartbeat)");
@@ -239,7 +219,7 @@ void CProcessCommon::DealTimers(int& nGetNewWsLeft)
             ReqGetNewWs();
         }
     }
-    if (NeedUpdateSessionKey()) ReqUpdateSessionKey();
+    if (m_sessionKeys.NeedUpdate(m_bHeartbeat)) ReqUpdateSessionKey();
     if (tNow - m_timePreRespondHeartbeat >= m_nServerHeartbeatRespondSecond) {
         Log(LOG_LEVEL_LOWEST, "CProcessCommon::Run(it is time to check the server respond heartbeat)");
         m_timePreRespondHeartbeat = tNow;
@@ -308,15 +288,33 @@ void CProcessCommon::KeepRoute(const T* pReq)
     m_nNowSrcServerId = static_cast<unsigned int>(pReq->routeSrcServerId.value);
 }
 
+// A create or delete the server repeats (after a lost reply, say) is answered
+// as done, and does no harm.
+bool CProcessCommon::AnsweredFromHistory(const std::map<unsigned int, long>& mapHistory, unsigned int nWorkId,
+                                         SendOkFn fnOk)
+{
+    if (mapHistory.count(nWorkId) == 0) return false;
+    (this->*fnOk)(nWorkId);
+    return true;
+}
+
+// Answers the manager's result; only a success goes into the history.
+void CProcessCommon::AnswerAndRemember(int nRet, unsigned int nWorkId, std::map<unsigned int, long>& mapHistory,
+                                       SendOkFn fnOk, SendFailedFn fnFailed)
+{
+    if (nRet != 0) {
+        (this->*fnFailed)(nRet, nWorkId);
+        return;
+    }
+    mapHistory[nWorkId] = static_cast<long>(g_timeNow);
+    (this->*fnOk)(nWorkId);
+}
+
 void CProcessCommon::ReqCmdCreate(ReqWorkCmdCreate* pReq)
 {
     KeepRoute(pReq);
     unsigned int nWorkId = static_cast<unsigned int>(pReq->workId.value);
-    // A create the server repeats (after a lost reply, say) does no harm.
-    if (m_mapCreatedWorkId.count(nWorkId) != 0) {
-        SendCmdToServerCreateOk(nWorkId);
-        return;
-    }
+    if (AnsweredFromHistory(m_mapCreatedWorkId, nWorkId, &CProcessCommon::SendCmdToServerCreateOk)) return;
     CommonWork work;
     work.nAppend = m_nNowAppend;
     work.nSrcServerIp = m_nNowSrcServerIp;
@@ -326,13 +324,8 @@ void CProcessCommon::ReqCmdCreate(ReqWorkCmdCreate* pReq)
     work.nBufOutSize = work.nBufErrSize = static_cast<unsigned int>(pReq->bufSize.value);
     work.strExecUser.assign(pReq->execUser.octs, pReq->execUser.octetLen);
     work.strCmd.assign(pReq->cmd.octs, pReq->cmd.octetLen);
-    int ret = m_taskManager.AddNewWork(nWorkId, work);
-    if (ret != 0) {
-        SendCmdToServerCreateFailed(ret, nWorkId);
-        return;
-    }
-    m_mapCreatedWorkId[nWorkId] = static_cast<long>(g_timeNow);
-    SendCmdToServerCreateOk(nWorkId);
+    AnswerAndRemember(m_taskManager.AddNewWork(nWorkId, work), nWorkId, m_mapCreatedWorkId,
+                      &CProcessCommon::SendCmdToServerCreateOk, &CProcessCommon::SendCmdToServerCreateFailed);
 }
 
 void CProcessCommon::ReqCmdSetAction(ReqWorkCmdSetAction* pReq)
@@ -352,20 +345,13 @@ void CProcessCommon::ReqCmdDelete(ReqWorkCmdDelete* pReq)
 {
     KeepRoute(pReq);
     unsigned int nWorkId = static_cast<unsigned int>(pReq->workId.value);
-    if (m_mapDeletedWorkId.count(nWorkId) != 0) {
-        SendCmdToServerDeleteOk(nWorkId);
-        return;
-    }
+    if (AnsweredFromHistory(m_mapDeletedWorkId, nWorkId, &CProcessCommon::SendCmdToServerDeleteOk)) return;
     unsigned int nFlag = 0;
     int ret = m_taskManager.DeleteWork(nFlag, nWorkId);
     // A work that asked for it gets no answer to its delete, and is not remembered.
     if (nFlag & WORK_FLAG_NO_DELETE_REPLY) return;
-    if (ret != 0) {
-        SendCmdToServerDeleteFailed(ret, nWorkId);
-        return;
-    }
-    m_mapDeletedWorkId[nWorkId] = static_cast<long>(g_timeNow);
-    SendCmdToServerDeleteOk(nWorkId);
+    AnswerAndRemember(ret, nWorkId, m_mapDeletedWorkId, &CProcessCommon::SendCmdToServerDeleteOk,
+                      &CProcessCommon::SendCmdToServerDeleteFailed);
 }
 
 template <class T>
@@ -464,225 +450,42 @@ void CProcessCommon::SendCmdToServerQueryOk(const CommonWork& work)
 
 // ---- session keys ----------------------------------------------------------------------
 
-bool CProcessCommon::NeedUpdateSessionKey()
-{
-    time_t tNow = g_timeNow;
-    if (!m_bHeartbeat) return false;
-    if (tNow - m_timeReqUpdateSessionKey < SESSION_KEY_SPACING_SECOND) return false;
-    if (tNow - m_timePreUpdateSessionKey >= m_nSessionKeyUpdateSecond) return true;
-    if (m_vecSessionKey.empty()) return true;
-    const SessionKey& newest = m_vecSessionKey.front();
-    // Renewed 30 seconds before its end; the life is compared as a signed number.
-    return tNow - newest.beginTime + SESSION_KEY_SPACING_SECOND > static_cast<int>(newest.validSecond);
-}
-
-template <class T>
-bool CProcessCommon::EncryptForServer(const char* szFunction, T& encData, std::string& strOut)
-{
-    bool bOpenFailed = false;
-    std::string strPath = ProcPath(PUBLIC_KEY_PATH_FORMAT);
-    rsa_st* pRsa = ReadPublicKey(strPath, bOpenFailed);
-    if (pRsa == nullptr) {
-        if (bOpenFailed) {
-            Log(LOG_LEVEL_ERROR, "CProcessCommon::%s(open public key file failed, %s)", szFunction, strPath.c_str());
-        } else {
-            Log(LOG_LEVEL_ERROR, "CProcessCommon::%s(read public key file failed)", szFunction);
-        }
-        return false;
-    }
-    std::string strPlain;
-    {
-        CAutoLock lock(m_lock);  // the encode block is shared with the other senders
-        unsigned int nSize = 0;
-        char* pBytes = m_packetBuf.PacketObjToBuffer(nSize, encData);
-        if (pBytes != nullptr) strPlain.assign(pBytes, nSize);
-    }
-    char* pOut = nullptr;
-    unsigned int nOutLen = 0;
-    int ret = strPlain.empty() ? -1
-                               : RSAPublicEncrypt(pOut, nOutLen, strPlain.data(), static_cast<unsigned int>(strPlain.size()),
-                                                  pRsa, RSA_PADDING_PKCS1);
-    FreePublicKey(pRsa);
-    if (ret != 0) {
-        Log(LOG_LEVEL_ERROR, "CProcessCommon::%s(RSA encrypt error, errno:%d)", szFunction, ret);
-        return false;
-    }
-    strOut.assign(pOut, nOutLen);
-    delete[] pOut;
-    return true;
-}
-
 void CProcessCommon::ReqUpdateSessionKey()
 {
-    Log(LOG_LEVEL_INFO, "CProcessCommon::ReqUpdateSessionKey(send request new session key to server, agent id:%u)",
-        g_nAgentId.load());
-    m_timeReqUpdateSessionKey = g_timeNow;  // a failure below is retried after the spacing
-    unsigned int nKeySn = 1;
-    std::string strSecret;
-    if (!m_vecSessionKey.empty()) {
-        strSecret = m_vecSessionKey.front().keyData;
-        nKeySn = m_vecSessionKey.front().keySn + 1;
-    } else {
-        strSecret = RandomSecret(SESSION_SECRET_BYTES, static_cast<unsigned int>(g_timeNow.load()));
-        if (strSecret.empty()) {
-            Log(LOG_LEVEL_ERROR, "CProcessCommon::ReqUpdateSessionKey(random bytes error)");
-            return;
-        }
-    }
-    ReqSessionKeyEncData encData;
-    encData.oldKeyData.ReSet(strSecret.data(), strSecret.size());
-    encData.keyId = static_cast<int>(g_nAgentId.load());
-    encData.keySn = static_cast<int>(nKeySn);
-    std::string strEncrypted;
-    if (!EncryptForServer("ReqUpdateSessionKey", encData, strEncrypted)) return;
-
     ReqSessionKey req;
-    req.moduleType = MODULE_TYPE_AGENT;
-    req.keyId = static_cast<int>(g_nAgentId.load());
-    req.publicKeyVersion = m_nPublicKeyVersion.load();
-    req.encData.ReSet(strEncrypted.data(), strEncrypted.size());
-    nReqSessionKeySn = nKeySn;
-    m_strReqSessionKeyData = strSecret;
-    SendToServer(req, 0);
+    if (m_sessionKeys.MakeRequest(req)) SendToServer(req, 0);
 }
 
 void CProcessCommon::DealRspSessionKey(RspSessionKey* pRsp)
 {
-    Log(LOG_LEVEL_INFO, "CProcessCommon::DealRspSessionKey(deal rsp session key)");
-    // Whatever fails below, a new request follows as soon as the spacing allows.
-    m_timePreUpdateSessionKey = 0;
-    if (pRsp->ret != 0) {
-        Log(LOG_LEVEL_ERROR, "CProcessCommon::DealRspSessionKey(rsp session key error, ret:%d)", pRsp->ret.value);
-        return;
-    }
-    unsigned int nAgentId = g_nAgentId;
-    if (pRsp->moduleType != MODULE_TYPE_AGENT || static_cast<unsigned int>(pRsp->keyId.value) != nAgentId ||
-        m_strReqSessionKeyData.empty()) {
-        Log(LOG_LEVEL_ERROR, "CProcessCommon::DealRspSessionKey(rsp session key error, module type:%d, keyId:%d, keyLen",
-            pRsp->moduleType.value, pRsp->keyId.value);
-        return;
-    }
-    char* pPlain = nullptr;
-    unsigned int nPlainLen = 0;
-    int ret = AESDecrypt(pPlain, nPlainLen, pRsp->encData.octs, static_cast<unsigned int>(pRsp->encData.octetLen),
-                         m_strReqSessionKeyData);
-    if (ret != 0) {
-        Log(LOG_LEVEL_ERROR, "CProcessCommon::DealRspSessionKey(decrypt error, errno:%d", ret);
-        return;
-    }
-    RspSessionKeyEncData keyData;
-    unsigned int nUsed = 0;
-    ret = ParseFromBuffer(keyData, nUsed, pPlain, nPlainLen);
-    delete[] pPlain;
-    if (ret != 0) {
-        Log(LOG_LEVEL_ERROR, "CProcessCommon::DealRspSessionKey(parse from encData error)");
-        return;
-    }
-    unsigned int nKeySn = static_cast<unsigned int>(keyData.keySn.value);
-    if (nKeySn != nReqSessionKeySn || static_cast<unsigned int>(keyData.keyId.value) != nAgentId) {
-        Log(LOG_LEVEL_ERROR, "CProcessCommon::DealRspSessionKey(enc data error, keySn:%iu-%u, keyId:%u-%u)",
-            keyData.keySn.value, nReqSessionKeySn, static_cast<unsigned int>(keyData.keyId.value), nAgentId);
-        return;
-    }
-    RspSessionKeyUsedEncData usedData;
-    usedData.keyId = static_cast<int>(nAgentId);
-    usedData.keySn = keyData.keySn;
-    std::string strEncrypted;
-    if (!EncryptForServer("DealRspSessionKey", usedData, strEncrypted)) return;
     RspSessionKeyUsed used;
-    used.ret = 0;
-    used.moduleType = MODULE_TYPE_AGENT;
-    used.keyId = static_cast<int>(nAgentId);
-    used.publicKeyVersion = m_nPublicKeyVersion.load();
-    used.encData.ReSet(strEncrypted.data(), strEncrypted.size());
-    used.routeDstServerIp = pRsp->routeSrcServerIp;
-    used.routeDstServerId = pRsp->routeSrcServerId;
-    SendToServer(used, 0);
-
-    // Only now is the key kept; the two newest stay usable.
-    SessionKey key{nAgentId, nKeySn, g_timeNow.load(), static_cast<unsigned int>(keyData.validSecond.value),
-                   std::string(keyData.keyData.octs, keyData.keyData.octetLen)};
-    m_bSessionKeyOk = true;
-    m_timePreUpdateSessionKey = g_timeNow;
-    m_vecSessionKey.insert(m_vecSessionKey.begin(), key);
-    if (m_vecSessionKey.size() > SESSION_KEYS_KEPT) m_vecSessionKey.pop_back();
+    if (m_sessionKeys.DealResponse(*pRsp, used)) SendToServer(used, 0);
 }
 
-std::string CProcessCommon::GetSessionKeyBySn(unsigned int nKeySn)
+// An encrypted command request keeps its route first of all, before the key is
+// looked up. Its plain form is rebuilt from the clear part and the decrypted
+// EncData record, and served as a plain request from there on.
+template <class TData, class TEnc, class TPlain>
+void CProcessCommon::ServeCmdEnc(const char* szHandler, TEnc* pReq, void (CProcessCommon::*fnServe)(TPlain*))
 {
-    for (const SessionKey& key : m_vecSessionKey) {
-        if (key.keySn == nKeySn) return key.keyData;
-    }
-    return std::string();
-}
-
-template <class T>
-bool CProcessCommon::DecryptEncData(const char* szHandler, unsigned int nKeySn, const AsnOcts& encData, T& out)
-{
-    std::string strKey = GetSessionKeyBySn(nKeySn);
-    if (strKey.empty()) {
-        Log(LOG_LEVEL_WARNING, "CProcessCommon::%s(no session key, keySn:%u)", szHandler, nKeySn);
-        return false;
-    }
-    const bool bCreate = std::is_same<T, ReqWorkCmdCreateEncData>::value;
-    // The create alone has always written these three lines, key included; a
-    // site may mask the key bytes.
-    std::string strKeyText = m_bMaskSessionKeyLog ? std::string("******") : strKey;
-    if (bCreate) Log(LOG_LEVEL_WARNING, "session key xxxx:%s:xxxxx", strKeyText.c_str());
-    char* pPlain = nullptr;
-    unsigned int nPlainLen = 0;
-    int ret = AESDecrypt(pPlain, nPlainLen, encData.octs, static_cast<unsigned int>(encData.octetLen), strKey);
-    if (ret != 0) {
-        Log(LOG_LEVEL_WARNING, "CProcessCommon::%s(decrypt error)", szHandler);
-        return false;
-    }
-    if (bCreate) {
-        Log(LOG_LEVEL_WARNING, "decrypt key:%s, size:%u, length:%u", strKeyText.c_str(), nPlainLen,
-            static_cast<unsigned int>(encData.octetLen));
-    }
-    unsigned int nUsed = 0;
-    ret = ParseFromBuffer(out, nUsed, pPlain, nPlainLen);
-    delete[] pPlain;
-    if (bCreate) Log(LOG_LEVEL_WARNING, "parse ret:%d, size:%u", ret, nUsed);
-    if (ret != 0) {
-        Log(LOG_LEVEL_WARNING, "CProcessCommon::%s(parse from buffer error)", szHandler);
-        return false;
-    }
-    return true;
+    KeepRoute(pReq);
+    TData data;
+    unsigned int nKeySn = static_cast<unsigned int>(pReq->keySn.value);
+    if (!m_sessionKeys.DecryptEncData(szHandler, nKeySn, pReq->encData, data)) return;
+    TPlain plain;
+    CopyClearPart(*pReq, plain);
+    FillFromEncData(data, plain);
+    (this->*fnServe)(&plain);
 }
 
 void CProcessCommon::ReqCmdCreateEnc(ReqWorkCmdCreateEnc* pReq)
 {
-    KeepRoute(pReq);  // first of all, before the key is looked up
-    ReqWorkCmdCreateEncData data;
-    if (!DecryptEncData("ReqCmdCreateEnc", static_cast<unsigned int>(pReq->keySn.value), pReq->encData, data)) return;
-    ReqWorkCmdCreate plain;
-    plain.workId = pReq->workId;
-    plain.flag = data.flag;
-    plain.timeout = data.timeout;
-    plain.bufSize = data.bufSize;
-    plain.execUser = data.execUser;
-    plain.cmd = data.cmd;
-    plain.routeDstAgentId = pReq->routeDstAgentId;
-    plain.routeSrcServerIp = pReq->routeSrcServerIp;
-    plain.routeSrcServerId = pReq->routeSrcServerId;
-    ReqCmdCreate(&plain);
+    ServeCmdEnc<ReqWorkCmdCreateEncData>("ReqCmdCreateEnc", pReq, &CProcessCommon::ReqCmdCreate);
 }
 
 void CProcessCommon::ReqCmdSetActionEnc(ReqWorkCmdSetActionEnc* pReq)
 {
-    KeepRoute(pReq);
-    ReqWorkCmdSetActionEncData data;
-    if (!DecryptEncData("ReqCmdSetActionEnc", static_cast<unsigned int>(pReq->keySn.value), pReq->encData, data)) {
-        return;
-    }
-    ReqWorkCmdSetAction plain;
-    plain.workId = pReq->workId;
-    plain.action = data.action;
-    plain.routeDstAgentId = pReq->routeDstAgentId;
-    plain.routeSrcServerIp = pReq->routeSrcServerIp;
-    plain.routeSrcServerId = pReq->routeSrcServerId;
-    ReqCmdSetAction(&plain);
+    ServeCmdEnc<ReqWorkCmdSetActionEncData>("ReqCmdSetActionEnc", pReq, &CProcessCommon::ReqCmdSetAction);
 }
 
 // ---- heartbeat, agent info, exit notice ---------------------------------------------
@@ -787,142 +590,5 @@ void CProcessCommon::DealAutoAdjustAsnBufSize()
         Log(LOG_LEVEL_ERROR, "CProcessCommon::DealAutoAdjustAsnBufSize(malloc asn buf is error, malloc size: %u)",
             PACKET_BUF_SIZE);
         ExitProcess(1);
-    }
-}
-
-// ---- moving to a new server -----------------------------------------------------------
-
-void CProcessCommon::ReqGetNewWs()
-{
-    Log(LOG_LEVEL_LOWEST, "CProcessCommon::ReqGetNewWs(need get new ws)");
-    ReqWorkAgentGetNewWs req;
-    req.agentId = static_cast<int>(g_nAgentId.load());
-    SendToServer(req, 0);
-}
-
-void CProcessCommon::RspGetNewWs(RspWorkAgentGetNewWs* pRsp)
-{
-    if (g_bNeedGetNewWs) {
-        g_bNeedGetNewWs = false;
-        std::string strCommand =
-            "sed -i 's/^need_get_new_ws.*=.*$/need_get_new_ws = 0/' " + ConfigPath();
-        if (system(strCommand.c_str()) == -1) {
-            // No shell to run sed: rewrite the file ourselves (its comments are lost).
-            CIniFile ini;
-            if (ini.Load(m_strCfgFile) == 0) {
-                ini.SetIni("need_get_new_ws", "0");
-                ini.Save("");
-            }
-        }
-    }
-    unsigned int nIp = static_cast<unsigned int>(pRsp->newServerIp.value);
-    unsigned short nPort = static_cast<unsigned short>(pRsp->newServerPort.value);
-    if (nIp != 0 && nPort != 0) {
-        Log(LOG_LEVEL_INFO, "CProcessCommon::RspGetNewWs(need connect to new server)");
-        DealConnectToNewServer(nIp, nPort, static_cast<unsigned int>(pRsp->newServerSlaveIp.value),
-                               static_cast<unsigned short>(pRsp->newServerSlavePort.value));
-    } else {
-        Log(LOG_LEVEL_INFO, "CProcessCommon::RspGetNewWs(not need connect to new server)");
-    }
-}
-
-void CProcessCommon::ReqConnectNewServer(ReqWorkAgentConnectNewServer* pReq)
-{
-    DealConnectToNewServer(static_cast<unsigned int>(pReq->newServerIp.value),
-                           static_cast<unsigned short>(pReq->newServerPort.value),
-                           static_cast<unsigned int>(pReq->newServerSlaveIp.value),
-                           static_cast<unsigned short>(pReq->newServerSlavePort.value));
-}
-
-void CProcessCommon::SendConnectNewServerRefused(int nAppend)
-{
-    RspWorkAgentConnectNewServer rsp;
-    rsp.ret = RET_MOVE_REFUSED;
-    rsp.agentId = static_cast<int>(g_nAgentId.load());
-    SendToServer(rsp, nAppend);
-}
-
-bool CProcessCommon::WaitLinkUp(int nTries)
-{
-    for (int i = 0; i < nTries && m_nContinueRun != 0; ++i) {
-        if (m_pNetwork->IsConnected()) return true;
-        Sleep(50);
-    }
-    return m_pNetwork->IsConnected();
-}
-
-void CProcessCommon::DealConnectToNewServer(unsigned int nNewServerIp, unsigned short nNewServerPort,
-                                            unsigned int nNewServerSlaveIp, unsigned short nNewServerSlavePort)
-{
-    m_timePreRespondHeartbeat = g_timeNow;  // the heartbeat check starts a fresh period
-    const int nAppend = m_nNowAppend;
-    std::string strNewServerIp, strNewServerSlaveIp;
-    if (IpIntToString(strNewServerIp, nNewServerIp) != 0) {
-        Log(LOG_LEVEL_WARNING,
-            "CProcessCommon::DealConnectToNewServer(we need connect to the new server, but new server ip or port "
-            "error, ip: %s, port: %hu)",
-            strNewServerIp.c_str(), nNewServerPort);
-        SendConnectNewServerRefused(nAppend);
-        return;
-    }
-    if (IpIntToString(strNewServerSlaveIp, nNewServerSlaveIp) != 0 || nNewServerSlavePort == 0) {
-        nNewServerSlaveIp = 0;
-        Log(LOG_LEVEL_WARNING, "CProcessCommon::DealConnectToNewServer(slave server ip error, ip: %s, port: %d)",
-            strNewServerSlaveIp.c_str(), static_cast<int>(nNewServerSlavePort));
-    }
-    std::string strNowServerIp;
-    unsigned short nNowServerPort = 0;
-    m_pNetwork->GetRemoteIpPort(strNowServerIp, nNowServerPort);
-    Log(LOG_LEVEL_INFO,
-        "CProcessCommon::DealConnectToNewServer(strNewServerIp: %s, nNewServerPort: %hu, strNewServerSlaveIp: %s, "
-        "nNewServerSlavePort: %hu, strNowServerIp: %s, nNowServerPort: %hu",
-        strNewServerIp.c_str(), nNewServerPort, strNewServerSlaveIp.c_str(), nNewServerSlavePort,
-        strNowServerIp.c_str(), nNowServerPort);
-
-    // The whole list in one locked step, so the link thread never sees it empty.
-    std::vector<CNetworkClientBrel::ServerInfo> vecNew{{strNewServerIp, nNewServerPort}};
-    if (nNewServerSlaveIp != 0 && nNewServerSlavePort != 0) vecNew.push_back({strNewServerSlaveIp, nNewServerSlavePort});
-    m_pNetwork->ReplaceServers(vecNew);
-    if (strNowServerIp != strNewServerIp || nNowServerPort != nNewServerPort) {
-        m_pNetwork->SetFlag(CNetworkClientBrel::NET_FLAG_CONNECT_NEW_SERVER);
-    }
-    if (m_nContinueRun == 0) return;
-
-    // Decided by the link's state at this moment: as long as a link exists the
-    // move counts as done, and the file is rewritten to outlive a restart.
-    if (m_pNetwork->IsConnected()) {
-        Log(LOG_LEVEL_INFO, "CProcessCommon::DealConnectToNewServer(we connected to the new server, ip: %s, port: %hu)",
-            strNewServerIp.c_str(), nNewServerPort);
-        char szCommand[1024];
-        snprintf(szCommand, sizeof(szCommand),
-                 "sed -i 's/^server_ip.*=.*$/server_ip = %s/;s/^server_port.*=.*$/server_port = %hu/;"
-                 "s/^server_slave_ip.*=.*$/server_slave_ip = %s/;s/^server_slave_port.*=.*$/server_slave_port = %hu/' "
-                 "%s",
-                 strNewServerIp.c_str(), nNewServerPort, strNewServerSlaveIp.c_str(), nNewServerSlavePort,
-                 ConfigPath().c_str());
-        if (system(szCommand) == 0) {
-            Log(LOG_LEVEL_INFO, "CProcessCommon::DealConnectToNewServer(change the config success)");
-            return;
-        }
-        Log(LOG_LEVEL_WARNING, "CProcessCommon::DealConnectToNewServer(change the config fail)");
-    }
-
-    Log(LOG_LEVEL_INFO, "CProcessCommon::DealConnectToNewServer(try to connect the old server, ip: %s, port: %hu)",
-        strNowServerIp.c_str(), nNowServerPort);
-    if (m_pNetwork->ReplaceServers({{strNowServerIp, nNowServerPort}}) != 0) {
-        m_pNetwork->ClearServer();  // there was no connection: no old server to go back to
-    }
-    m_pNetwork->SetFlag(CNetworkClientBrel::NET_FLAG_CONNECT_NEW_SERVER);
-    WaitLinkUp(200);  // at most 10 seconds
-    if (m_nContinueRun == 0) return;
-    if (m_pNetwork->IsConnected()) {
-        Log(LOG_LEVEL_INFO, "CProcessCommon::DealConnectToNewServer(we connected to the old server is ok, ip: %s, port: %hu)",
-            strNowServerIp.c_str(), nNowServerPort);
-        SendConnectNewServerRefused(nAppend);
-    } else {
-        Log(LOG_LEVEL_INFO,
-            "CProcessCommon::DealConnectToNewServer(we connected to the old server is failed, we do not know what "
-            "should to do, ip: %s, port: %hu)",
-            strNowServerIp.c_str(), nNowServerPort);
     }
 }

@@ -1,23 +1,27 @@
 // The server session: the thread that takes whole packets from the link,
 // decodes them and hands each request to the part that serves it, and that
 // runs the session's timers (heartbeats, the watch on the server's answers,
-// the buffer shrink, the expiry of the work-id history). It is also the
-// gateway through which command replies go back to the server.
+// the buffer shrink, the expiry of the work-id history, the renewal of the
+// session keys). It is also the gateway through which command replies go back
+// to the server: the managers see it as their CSessionReply. The session keys
+// are a class of their own (session_keys.h); the moves between servers have
+// a file of their own (server_move.cpp).
 #pragma once
 
 #include <atomic>
 #include <map>
 #include <string>
-#include <vector>
 
 #include "asn_parse.h"
 #include "cmd_execute.h"
+#include "common/session_reply.h"
 #include "data_buffer.h"
 #include "network/network_client.h"
+#include "process_common/session_keys.h"
 #include "thread.h"
 #include "zik_pkt.h"
 
-class CProcessCommon : public brel_lib::CThread, public CCmdReplySink {
+class CProcessCommon : public brel_lib::CThread, public CSessionReply {
 public:
     CProcessCommon(brel_lib::CDataBufferSTLDeque& revDataBuffer, brel_lib::CDataBufferSTLDeque& sendDataBuffer);
     ~CProcessCommon() override;
@@ -66,7 +70,12 @@ private:
     void LoadCfg();
     void DealReq(char* pData, unsigned int nLength);
 
-    // Command requests; each consults the history of ids first.
+    // Command requests; create and delete consult the history of ids first.
+    typedef void (CProcessCommon::*SendOkFn)(unsigned int nWorkId);
+    typedef void (CProcessCommon::*SendFailedFn)(int nRet, unsigned int nWorkId);
+    bool AnsweredFromHistory(const std::map<unsigned int, long>& mapHistory, unsigned int nWorkId, SendOkFn fnOk);
+    void AnswerAndRemember(int nRet, unsigned int nWorkId, std::map<unsigned int, long>& mapHistory, SendOkFn fnOk,
+                           SendFailedFn fnFailed);
     template <class T>
     void KeepRoute(const T* pReq);
     void ReqCmdCreate(ReqWorkCmdCreate* pReq);
@@ -98,27 +107,15 @@ private:
     void DealAutoAdjustAsnBufSize();
 
     // Session keys and the encrypted requests.
-    struct SessionKey {
-        unsigned int nId;
-        unsigned int keySn;
-        time_t beginTime;
-        unsigned int validSecond;
-        std::string keyData;
-    };
-    bool NeedUpdateSessionKey();
     void ReqUpdateSessionKey();
     void DealRspSessionKey(RspSessionKey* pRsp);
-    std::string GetSessionKeyBySn(unsigned int nKeySn);
-    // Encodes a record alone and encrypts it under the public key; false after logging.
-    template <class T>
-    bool EncryptForServer(const char* szFunction, T& encData, std::string& strOut);
-    // Finds the key, decrypts and decodes an EncData record; false after logging.
-    template <class T>
-    bool DecryptEncData(const char* szHandler, unsigned int nKeySn, const AsnOcts& encData, T& out);
+    // The one line of the encrypted command requests; TData is the EncData record.
+    template <class TData, class TEnc, class TPlain>
+    void ServeCmdEnc(const char* szHandler, TEnc* pReq, void (CProcessCommon::*fnServe)(TPlain*));
     void ReqCmdCreateEnc(ReqWorkCmdCreateEnc* pReq);
     void ReqCmdSetActionEnc(ReqWorkCmdSetActionEnc* pReq);
 
-    // Moving to a new server.
+    // Moving to a new server (server_move.cpp).
     void ReqGetNewWs();
     void RspGetNewWs(RspWorkAgentGetNewWs* pRsp);
     void ReqConnectNewServer(ReqWorkAgentConnectNewServer* pReq);
@@ -149,9 +146,6 @@ private:
     std::atomic<unsigned int> m_nRespondHeartbeatFailedCount{5};
     std::atomic<int> m_nAsnBufferAutoAdjustSecond{7200};
     std::atomic<unsigned int> m_nWorkHistoryKeepSecond{600};
-    std::atomic<int> m_nPublicKeyVersion{0};
-    std::atomic<int> m_nSessionKeyUpdateSecond{86400};
-    std::atomic<bool> m_bMaskSessionKeyLog{false};
     brel_lib::CLock m_lockCfg;
     std::string m_strRestartShell;
 
@@ -170,12 +164,7 @@ private:
     bool m_bHeartbeat = false;
     std::map<unsigned int, long> m_mapCreatedWorkId;
     std::map<unsigned int, long> m_mapDeletedWorkId;
-    time_t m_timePreUpdateSessionKey = 0;
-    time_t m_timeReqUpdateSessionKey = 0;
-    bool m_bSessionKeyOk = false;
-    unsigned int nReqSessionKeySn = 0;
-    std::string m_strReqSessionKeyData;
-    std::vector<SessionKey> m_vecSessionKey;  // newest first, at most two
+    CSessionKeys m_sessionKeys;  // its settings are written by the main thread
 };
 
 // Registered with the link: passes a successful connect to the session.

@@ -2,7 +2,7 @@
 // OpenSSL 3 marks deprecated.
 #define OPENSSL_SUPPRESS_DEPRECATED
 
-#include "session_crypto.h"
+#include "process_common/session_crypto.h"
 
 #include <openssl/aes.h>
 #include <openssl/err.h>

@@ -1,0 +1,27 @@
+// The codes that works and replies carry, shared by the session and every
+// manager: the stages of a work and the ret codes of replies. 0 is success.
+#pragma once
+
+// Stages of a work; 4 is reported for a work that does not exist.
+enum { WORK_NOT_BEGIN = 0, WORK_RUNNING = 1, WORK_FINISHED = 2, WORK_DELETED = 3, WORK_UNKNOWN = 4 };
+
+// ret codes of replies, and nErrno of a work.
+enum {
+    // The tables of works.
+    RET_NO_SUCH_WORK = 300,  // or it can't be deleted again
+    RET_WORK_NOT_ALLOCATED = 301,
+    RET_CONCURRENT_LIMIT = 302,
+    RET_WORK_ID_EXISTS = 323,
+    RET_DELETED_WHILE_RUNNING = 327,
+    // The launch of a command work.
+    RET_PIPE_FAILED = 304,
+    RET_FORK_FAILED = 305,
+    RET_BUFFER_FAILED = 306,
+    RET_BAD_ACTION = 309,  // the requested action isn't 1
+    // The end of a work.
+    RET_WORK_TIMEOUT = 324,
+    RET_WAITPID_FAILED = 325,
+    RET_UNEXPLAINED_END = 326,
+    // The session.
+    RET_MOVE_REFUSED = 310,  // the move to a new server was refused or undone
+};
