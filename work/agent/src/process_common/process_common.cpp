@@ -210,9 +210,11 @@ void CProcessCommon::DealTimers(int& nGetNewWsLeft)
     PullBack(m_timePreAdjustBuf, tNow);
     m_sessionKeys.PullBackClock(tNow);
 
-    if (tNow - m_timePreSendHeartbeat >= m_nHeartbeatSecond) {
+    // The link thread may reschedule the heartbeat at a connect: claim this one with a
+    // compare-and-swap so that such a schedule set between the read and the write is not lost.
+    time_t tLastSend = m_timePreSendHeartbeat;
+    if (tNow - tLastSend >= m_nHeartbeatSecond && m_timePreSendHeartbeat.compare_exchange_strong(tLastSend, tNow)) {
         Log(LOG_LEVEL_LOWEST, "CProcessCommon::Run(it is time to send heartbeat)");
-        m_timePreSendHeartbeat = tNow;
         ReqHeartbeat();
         if (nGetNewWsLeft > 0 && g_bNeedGetNewWs) {
             --nGetNewWsLeft;
