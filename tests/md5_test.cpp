@@ -55,7 +55,11 @@ TEST(Md5, FinalizeOnceAndHexBeforeIsEmpty)
 
 TEST(Md5, BitCountCarriesIntoTheHighWord)
 {
-    // 513 MiB of zeros crosses 2^32 bits; fed as one repeated 1 MiB block.
+    // 513 MiB of zeros crosses 2^32 bits; fed as one repeated 1 MiB block. Under a sanitizer
+    // this takes minutes of a loaded CI core while proving nothing a plain build does not.
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "513 MiB of MD5 is left to the plain build";
+#endif
     std::vector<unsigned char> block(1 << 20, 0);
     MD5 md5;
     for (int i = 0; i < 513; ++i) md5.update(block.data(), static_cast<unsigned int>(block.size()));
