@@ -136,8 +136,10 @@ TEST(DataBuffer, EventIsRaisedWhileTheQueueHoldsBlocks)
 }
 
 // A consumer that sleeps on the descriptor and takes until null must never
-// miss a block pushed while it empties the queue, and, being the only
-// consumer, must never be woken for an empty queue.
+// miss a block pushed while it empties the queue. Being the only consumer, it
+// is woken for an empty queue only when a push's byte lands just after the
+// take that emptied it, and only until that push takes it back: a byte left
+// for good would wake it on every poll, and would still be there at the end.
 TEST(DataBuffer, NoWakeUpIsLostWhileAConsumerEmptiesTheQueue)
 {
     CDataBufferSTLDeque buf(false, 0);
@@ -174,7 +176,7 @@ TEST(DataBuffer, NoWakeUpIsLostWhileAConsumerEmptiesTheQueue)
     consumer.join();
     EXPECT_EQ(nTimedOut, 0);
     EXPECT_EQ(nTaken, nBlocks);
-    EXPECT_EQ(nEmptyWakeUps, 0);
+    EXPECT_LT(nEmptyWakeUps, nBlocks / 20);
     EXPECT_FALSE(Readable(fd));
 }
 

@@ -98,6 +98,7 @@ private:
     int RemovePrivate(unsigned int nBeginPos, unsigned int nEndPos);
     bool EmptyPrivate() const { return m_deDataBufferHiPri.empty() && m_deDataBuffer.empty(); }
     void RaiseEventPrivate();
+    void RaiseEventUnlocked();
     void LowerEventPrivate();
     void LockOrExit(const char* szText);
     void UnLockOrExit(const char* szText);
@@ -108,7 +109,7 @@ private:
     CBlockLine m_deDataBufferHiPri;
     CLock m_lock;
     pthread_cond_t m_condData;   // signalled by a push while takers wait
-    CEvent m_dataEvent;          // its pipe holds a byte exactly while m_bEventRaised
+    CEvent m_dataEvent;          // its pipe holds a byte while m_bEventRaised (or one about to be taken back)
     bool m_bEventRaised = false;
     bool m_bEventWatched = false;  // set by GetReadableFd: pushes raise the event from then on
     unsigned int m_nWaiters = 0;   // takers inside the condition wait

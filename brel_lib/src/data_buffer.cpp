@@ -286,7 +286,7 @@ int CDataBufferSTLDeque::Push3(const void* pBuffer, unsigned int nSize, unsigned
     pData->nClass = nClass;
     memcpy(pData->Payload(), pBuffer, nSize);
 
-    bool bWake;
+    bool bWake, bRaise = false;
     {
         CAutoLock lock(m_lock);
         bool bNormal = nPriority == BREL_DATA_NORMAL_PRI;
@@ -300,12 +300,30 @@ int CDataBufferSTLDeque::Push3(const void* pBuffer, unsigned int nSize, unsigned
         }
         (bNormal ? m_deDataBuffer : m_deDataBufferHiPri).push_back(pData);
         m_lPacketAllSize += nSize;
-        // Costs a system call only when the queue was empty: otherwise it is raised already.
-        if (m_bEventWatched) RaiseEventPrivate();
+        // Only the push that finds the event down pays for raising it.
+        if (m_bEventWatched && !m_bEventRaised) {
+            m_bEventRaised = true;
+            bRaise = true;
+        }
         bWake = m_nWaiters > 0;
     }
     if (bWake) pthread_cond_signal(&m_condData);
+    if (bRaise) RaiseEventUnlocked();
     return 0;
+}
+
+// The byte goes in after the lock is released, so that the consumer it wakes
+// does not find the lock still held. A take may have emptied the queue and
+// lowered the event in between: then the byte is stale and is taken back.
+void CDataBufferSTLDeque::RaiseEventUnlocked()
+{
+    int ret = m_dataEvent.SetEvent();
+    if (ret != 0) {
+        Log(LOG_LEVEL_ERROR, "CDataBufferSTLDeque::Push(m_dataEvent SetEvent is error, ret: %d)", ret);
+        ExitProcess(1);
+    }
+    CAutoLock lock(m_lock);
+    if (!m_bEventRaised) m_dataEvent.ClearEvent();
 }
 
 void* CDataBufferSTLDeque::GetFront(unsigned int& nSize, unsigned int nTimeoutMilliSecond)
