@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <string.h>
 
+#include <atomic>
 #include <string>
 #include <thread>
 #include <vector>
@@ -100,20 +101,83 @@ TEST(DataBuffer, LimitOfOneSettlesAtTwo)
     EXPECT_EQ(TakeString(buf), "c");
 }
 
-TEST(DataBuffer, EventFollowsPushesAndTakes)
+TEST(DataBuffer, EventIsRaisedWhileTheQueueHoldsBlocks)
 {
     CDataBufferSTLDeque buf(false, 0);
+    buf.Push("a", 1, BREL_DATA_NORMAL_PRI);
     int fd = buf.GetReadableFd();
-    for (const char* sz : {"a", "b", "c"}) buf.Push(sz, 1, BREL_DATA_NORMAL_PRI);
-    EXPECT_TRUE(Readable(fd));
+    EXPECT_TRUE(Readable(fd));  // a block pushed before the first look counts too
+    for (const char* sz : {"b", "c"}) buf.Push(sz, 1, BREL_DATA_NORMAL_PRI);
     EXPECT_EQ(TakeString(buf), "a");
-    EXPECT_EQ(buf.GetDataNum(), 2u);
-    EXPECT_FALSE(Readable(fd));  // cleared although blocks remain
+    EXPECT_TRUE(Readable(fd));  // level: stays while blocks remain
+    EXPECT_EQ(TakeString(buf), "b");
+    EXPECT_TRUE(Readable(fd));
+    EXPECT_EQ(TakeString(buf), "c");
+    EXPECT_FALSE(Readable(fd));  // the take that empties the queue clears it
+
+    // A hand-raised event on an empty queue wakes a consumer once: its take finds nothing and spends it.
     buf.SetEvent();
     EXPECT_TRUE(Readable(fd));
+    EXPECT_EQ(TakeString(buf), "<null>");
+    EXPECT_FALSE(Readable(fd));
+
+    // A hand-cleared event comes back with the next push, and a peek leaves it.
+    buf.Push("d", 1, BREL_DATA_HIGH_PRI);
+    buf.ClearEvent();
+    buf.Push("e", 1, BREL_DATA_NORMAL_PRI);
+    EXPECT_TRUE(Readable(fd));
+    unsigned int nSize = 0;
+    EXPECT_NE(buf.GetFront(nSize, 0), nullptr);
+    buf.Pop();
+    EXPECT_TRUE(Readable(fd));
     buf.RemoveAll();
-    EXPECT_TRUE(Readable(fd));  // RemoveAll leaves the event alone
+    EXPECT_FALSE(Readable(fd));  // nothing left to look at
     EXPECT_EQ(buf.GetDataSize(), 0u);
+}
+
+// A consumer that sleeps on the descriptor and takes until null must never
+// miss a block pushed while it empties the queue. Being the only consumer, it
+// is woken for an empty queue only when a push's byte lands just after the
+// take that emptied it, and only until that push takes it back: a byte left
+// for good would wake it on every poll, and would still be there at the end.
+TEST(DataBuffer, NoWakeUpIsLostWhileAConsumerEmptiesTheQueue)
+{
+    CDataBufferSTLDeque buf(false, 0);
+    const int nBlocks = 20000;
+    int fd = buf.GetReadableFd();
+    std::atomic<int> nTaken{0};
+    int nEmptyWakeUps = 0, nTimedOut = 0;
+    std::thread consumer([&] {
+        while (nTaken < nBlocks) {
+            pollfd p{fd, POLLIN, 0};
+            if (poll(&p, 1, 5000) != 1) {  // bounded: a lost wake-up fails, it does not hang
+                ++nTimedOut;
+                break;
+            }
+            int nThisWake = 0;
+            while (true) {
+                unsigned int nSize = 0;
+                void* pData = buf.GetFrontAndPop(nSize, 0);
+                if (pData == nullptr) break;
+                CDataBufferSTLDeque::FreePopData(pData);
+                ++nThisWake;
+                ++nTaken;
+            }
+            if (nThisWake == 0) ++nEmptyWakeUps;
+        }
+    });
+    unsigned int nSeed = 7;
+    for (int i = 0; i < nBlocks;) {
+        // Bursts of one to eight blocks, with the consumer given time to catch up between them.
+        nSeed = nSeed * 1103515245 + 12345;
+        for (int n = 1 + (nSeed >> 16) % 8; n > 0 && i < nBlocks; --n, ++i) buf.Push(&i, sizeof(i), BREL_DATA_NORMAL_PRI);
+        if ((nSeed >> 8) % 4 == 0) std::this_thread::yield();
+    }
+    consumer.join();
+    EXPECT_EQ(nTimedOut, 0);
+    EXPECT_EQ(nTaken, nBlocks);
+    EXPECT_LT(nEmptyWakeUps, nBlocks / 20);
+    EXPECT_FALSE(Readable(fd));
 }
 
 TEST(DataBuffer, BlockingTakeTimesOutAndWakesAcrossThreads)
@@ -131,6 +195,159 @@ TEST(DataBuffer, BlockingTakeTimesOutAndWakesAcrossThreads)
     EXPECT_EQ(TakeString(buf, 5000), "late");
     producer.join();
 }
+
+// Each of several takers waiting without end is woken by its own push.
+TEST(DataBuffer, EveryWaitingTakerWakesForAPush)
+{
+    CDataBufferSTLDeque buf(true, 0);
+    const int nTakers = 3;
+    std::atomic<int> nWoken{0};
+    std::vector<std::thread> takers;
+    for (int i = 0; i < nTakers; ++i) {
+        takers.emplace_back([&] {
+            if (TakeString(buf, 0xFFFFFFFF) == "x") ++nWoken;
+        });
+    }
+    Sleep(50);  // let them wait; the test holds whether or not they all did
+    for (int i = 0; i < nTakers; ++i) buf.Push("x", 1, BREL_DATA_NORMAL_PRI);
+    uint64_t lDeadline = GetNowMilliSecond() + 10000;
+    while (nWoken < nTakers && GetNowMilliSecond() < lDeadline) Sleep(5);
+    EXPECT_EQ(nWoken, nTakers);
+    // Release any taker a lost wake-up left behind, so that the test ends.
+    for (int i = nWoken; i < nTakers; ++i) buf.Push("y", 1, BREL_DATA_NORMAL_PRI);
+    for (auto& t : takers) t.join();
+}
+
+// The line is a ring: it must keep the order when it grows while wrapped,
+// and when the limit drops the oldest block of a wrapped line.
+TEST(DataBuffer, OrderSurvivesAWrappedLineGrowing)
+{
+    CDataBufferSTLDeque buf(false, 40);
+    int nNext = 0, nExpect = 0;
+    auto push = [&](int n) {
+        for (; n > 0; --n, ++nNext) buf.Push(&nNext, sizeof(nNext), BREL_DATA_NORMAL_PRI);
+    };
+    auto take = [&](int n) {
+        for (; n > 0; --n, ++nExpect) {
+            unsigned int nSize = 0;
+            void* p = buf.GetFrontAndPop(nSize, 0);
+            ASSERT_NE(p, nullptr);
+            int nGot;
+            memcpy(&nGot, p, sizeof(nGot));
+            EXPECT_EQ(nGot, nExpect);
+            CDataBufferSTLDeque::FreePopData(p);
+        }
+    };
+    push(10);
+    take(7);
+    push(30);  // wraps, then grows while wrapped
+    take(3);
+    push(20);  // 50 would stand in line: the 10 oldest are dropped
+    EXPECT_EQ(buf.GetDataNum(), 40u);
+    nExpect += 10;
+    take(40);
+    EXPECT_TRUE(buf.Empty());
+}
+
+// Freed blocks are kept for the next push of their size class, within a
+// bound, and those that no push needed for an idle period are given back.
+uint64_t g_lFakeNow = 0;
+uint64_t FakeClock() { return g_lFakeNow; }
+
+void PushTakeFree(CDataBufferSTLDeque& buf, unsigned int nSize, int nTimes = 1)
+{
+    std::vector<void*> vecTaken;
+    std::vector<char> block(nSize, 'z');
+    for (int i = 0; i < nTimes; ++i) buf.Push(block.data(), nSize, BREL_DATA_NORMAL_PRI);
+    for (int i = 0; i < nTimes; ++i) {
+        unsigned int nGot = 0;
+        vecTaken.push_back(buf.GetFrontAndPop(nGot, 0));
+        ASSERT_NE(vecTaken.back(), nullptr);
+        ASSERT_EQ(nGot, nSize);
+    }
+    for (void* p : vecTaken) CDataBufferSTLDeque::FreePopData(p);
+}
+
+TEST(DataBuffer, SparePoolReusesBoundsAndGivesBack)
+{
+    g_lFakeNow = 1000000;
+    CDataBufferSTLDeque::SetSpareClock(FakeClock);
+    CDataBufferSTLDeque buf(false, 0);
+    unsigned long long lBase = CDataBufferSTLDeque::GetSpareBytes();
+
+    PushTakeFree(buf, 4096);
+    unsigned long long lOne = CDataBufferSTLDeque::GetSpareBytes() - lBase;
+    EXPECT_GE(lOne, 4096u);
+    EXPECT_LE(lOne, 4096u * 5 / 4 + 64);
+    std::vector<char> block(5000, 'q');  // the same size class: the spare block is taken
+    buf.Push(block.data(), 5000, BREL_DATA_NORMAL_PRI);
+    EXPECT_EQ(CDataBufferSTLDeque::GetSpareBytes(), lBase);
+    PushTakeFree(buf, 4096, 0);
+    buf.RemoveAll();
+    EXPECT_EQ(CDataBufferSTLDeque::GetSpareBytes(), lBase + lOne);
+
+    // Bounded: a burst of 40 blocks of 512 KiB keeps no more than the pool's limit.
+    PushTakeFree(buf, 512 * 1024, 40);
+    EXPECT_GT(CDataBufferSTLDeque::GetSpareBytes(), lBase + lOne);
+    EXPECT_LE(CDataBufferSTLDeque::GetSpareBytes(), CDataBufferSTLDeque::SPARE_MAX_BYTES);
+    // Too big to keep.
+    unsigned long long lBefore = CDataBufferSTLDeque::GetSpareBytes();
+    PushTakeFree(buf, 5u << 20);
+    EXPECT_EQ(CDataBufferSTLDeque::GetSpareBytes(), lBefore);
+
+    // The 4 KiB class stays in use across idle periods and keeps its block;
+    // every other class, the 512 KiB one too, is not needed for two periods and is given back.
+    for (int nPeriod = 0; nPeriod < 3; ++nPeriod) {
+        g_lFakeNow += CDataBufferSTLDeque::SPARE_IDLE_MILLISECOND;
+        PushTakeFree(buf, 4096);
+    }
+    EXPECT_EQ(CDataBufferSTLDeque::GetSpareBytes(), lOne);
+    // A clock set back trims nothing early: a small block that has been spare
+    // through one trim is still kept less than a period after the clock went back.
+    PushTakeFree(buf, 10);
+    g_lFakeNow += CDataBufferSTLDeque::SPARE_IDLE_MILLISECOND;
+    PushTakeFree(buf, 4096);
+    g_lFakeNow -= 100000;
+    PushTakeFree(buf, 4096);
+    g_lFakeNow += CDataBufferSTLDeque::SPARE_IDLE_MILLISECOND - 1;
+    PushTakeFree(buf, 4096);
+    EXPECT_GT(CDataBufferSTLDeque::GetSpareBytes(), lOne);
+    CDataBufferSTLDeque::SetSpareClock(nullptr);
+}
+
+// A block may outlive the buffer that handed it over (a connection's send data).
+TEST(DataBuffer, BlockOutlivesItsBuffer)
+{
+    void* p;
+    {
+        CDataBufferSTLDeque buf(true, 0);
+        buf.Push("left", 4, BREL_DATA_NORMAL_PRI);
+        buf.Push("freed at the end", 16, BREL_DATA_NORMAL_PRI);
+        unsigned int nSize = 0;
+        p = buf.GetFrontAndPop(nSize, 0);
+    }
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(memcmp(p, "left", 4), 0);
+    CDataBufferSTLDeque::FreePopData(p);
+}
+
+#if defined(__SANITIZE_ADDRESS__)
+// Keeping freed blocks must not hide a use after FreePopData from AddressSanitizer.
+TEST(DataBufferDeathTest, UseAfterFreeStillShows)
+{
+    EXPECT_DEATH(
+        {
+            CDataBufferSTLDeque buf(false, 0);
+            buf.Push("gone soon", 9, BREL_DATA_NORMAL_PRI);
+            unsigned int nSize = 0;
+            char* p = static_cast<char*>(buf.GetFrontAndPop(nSize, 0));
+            CDataBufferSTLDeque::FreePopData(p);
+            volatile char c = p[4];
+            (void)c;
+        },
+        "use-after-poison");
+}
+#endif
 
 TEST(DataBuffer, ManyProducersAndConsumersLoseNothing)
 {
