@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -342,6 +343,37 @@ TEST_F(LinkTest, InterruptedBlockGoesAgainWholeAndQueuedBlocksKeepTheirOrder)
     ASSERT_TRUE(peer.ReadExactly(got, big.size(), 20000));
     EXPECT_TRUE(got == big);
     for (int i = 0; i < 3; ++i) EXPECT_EQ(peer.ReadPacket(3000), FramedPacket(8, static_cast<unsigned char>(100 + i)));
+}
+
+// CPU time of the whole process, in milliseconds.
+long ProcessCpuMs()
+{
+    rusage ru{};
+    getrusage(RUSAGE_SELF, &ru);
+    return (ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) * 1000L + (ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1000;
+}
+
+TEST_F(LinkTest, AFullSocketWithBlocksQueuedDoesNotSpin)
+{
+    TcpPeer peer;
+    m_link.AddServer("127.0.0.1", peer.Port());
+    ASSERT_EQ(m_link.Start(true), 0);
+    ASSERT_TRUE(peer.Accept(3000));
+    // The peer reads nothing: the socket fills while blocks wait in the send buffer, which
+    // keeps its descriptor readable. The link must sleep on EPOLLOUT, not spin on that.
+    std::vector<unsigned char> big = FramedPacket(16u << 20, 7);
+    Push(big);
+    for (int i = 0; i < 5; ++i) Push(FramedPacket(8, static_cast<unsigned char>(i)));
+    SleepMs(500);
+    long nCpuBefore = ProcessCpuMs();
+    SleepMs(1000);
+    // A spinning loop burns most of a core; a sleeping one a few milliseconds.
+    EXPECT_LT(ProcessCpuMs() - nCpuBefore, 250);
+
+    std::vector<unsigned char> got;
+    ASSERT_TRUE(peer.ReadExactly(got, big.size(), 20000));
+    EXPECT_TRUE(got == big);
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(peer.ReadPacket(3000), FramedPacket(8, static_cast<unsigned char>(i)));
 }
 
 TEST_F(LinkTest, SendBufferLimitDropsTheOldest)

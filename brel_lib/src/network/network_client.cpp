@@ -294,6 +294,15 @@ void CNetworkClientBrel::Run()
     EpollMod(epfd, m_sockTcp.GetSocket(), EPOLLIN, true);
     EpollMod(epfd, fdBuffer, EPOLLIN, true);
     bool bSetEpollOut = false;
+    // The send buffer's descriptor stays readable while blocks wait. While the socket is full
+    // or tokens are out it is taken out of the set, or the level-triggered wait would spin:
+    // the socket's EPOLLOUT, or the next pass for tokens, resumes sending.
+    bool bWatchBuffer = true, bWaitToken = false;
+    auto watchBuffer = [&](bool bWatch) {
+        if (bWatch == bWatchBuffer) return;
+        bWatchBuffer = bWatch;
+        EpollMod(epfd, fdBuffer, bWatch ? static_cast<uint32_t>(EPOLLIN) : 0u, false);
+    };
     time_t tLastAdjust = time(nullptr);
 
     while (m_nContinueRun != 0) {
@@ -339,23 +348,31 @@ void CNetworkClientBrel::Run()
         }
         if (!bContinue) break;
 
+        if (bWaitToken) bNeedSendData = true;
         if (bNeedSendData && !bNeedReConnect) {
+            bWaitToken = false;
             int ret = SendData();
             if (ret == BREL_STEP_OK) {
                 if (bSetEpollOut) {
                     bSetEpollOut = false;
                     EpollMod(epfd, fdSock, EPOLLIN, false);
                 }
+                watchBuffer(true);
             } else if (ret == BREL_STEP_BUDGET) {
-                m_sendBuffer.SetEvent();  // taking blocks cleared it; the rest must not wait
+                watchBuffer(true);
+                m_sendBuffer.SetEvent();  // the block in hand may be all that is left
             } else if (ret == BREL_STEP_AGAIN) {
                 if (!bSetEpollOut) {
                     bSetEpollOut = true;
                     EpollMod(epfd, fdSock, EPOLLIN | EPOLLOUT, false);
                 }
+                watchBuffer(false);
+            } else if (ret == BREL_STEP_NO_TOKEN) {
+                bWaitToken = true;
+                watchBuffer(false);
             } else if (ret == BREL_STEP_STOPPED) {
                 break;
-            } else if (ret != BREL_STEP_NO_TOKEN) {
+            } else {
                 bNeedReConnect = true;
             }
         }
@@ -369,8 +386,9 @@ void CNetworkClientBrel::Run()
             }
             epoll_ctl(epfd, EPOLL_CTL_DEL, fdSock, nullptr);
             if (ConnectToServer() != 0) break;
-            bSetEpollOut = false;
+            bSetEpollOut = bWaitToken = false;
             EpollMod(epfd, m_sockTcp.GetSocket(), EPOLLIN, true);
+            watchBuffer(true);
             ResetDataState();
         }
         if (TakeFlag(NET_BUFFER_AUTO_ADJUST)) AdjustBufSize();
