@@ -254,6 +254,138 @@ TEST(BerDecoding, ConstructedOctetStrings)
     EXPECT_EQ(Decode(v, deep, nullptr, &strErr), -1);
 }
 
+// ---- time and memory in proportion to the packet ---------------------------------
+
+// Tag octets, a definite length and the content.
+std::vector<unsigned char> Tlv(std::vector<unsigned char> tag, const std::vector<unsigned char>& content)
+{
+    size_t n = content.size();
+    if (n < 128) {
+        tag.push_back(static_cast<unsigned char>(n));
+    } else {
+        std::vector<unsigned char> len;
+        for (; n != 0; n >>= 8) len.insert(len.begin(), static_cast<unsigned char>(n));
+        tag.push_back(static_cast<unsigned char>(0x80 | len.size()));
+        tag.insert(tag.end(), len.begin(), len.end());
+    }
+    tag.insert(tag.end(), content.begin(), content.end());
+    return tag;
+}
+
+// A packet (version 4, append 0) around the SEQUENCE of an alternative.
+std::vector<unsigned char> PacketOf(unsigned int nTagNumber, const std::vector<unsigned char>& altContent)
+{
+    std::vector<unsigned char> content = Bytes({0x02, 0x01, 0x04, 0x02, 0x01, 0x00});
+    std::vector<unsigned char> body = Tlv(ContextTagOctets(nTagNumber), Tlv({0x30}, altContent));
+    content.insert(content.end(), body.begin(), body.end());
+    return Tlv({0x30}, content);
+}
+
+std::vector<unsigned char> Repeat(std::initializer_list<int> unit, size_t nTimes)
+{
+    std::vector<unsigned char> one = Bytes(unit), all;
+    all.reserve(one.size() * nTimes);
+    for (size_t i = 0; i < nTimes; ++i) all.insert(all.end(), one.begin(), one.end());
+    return all;
+}
+
+// A constructed OCTET STRING of n empty segments with an indefinite length.
+std::vector<unsigned char> EmptySegments(size_t n)
+{
+    std::vector<unsigned char> v = Bytes({0x24, 0x80});
+    std::vector<unsigned char> segs = Repeat({0x04, 0x00}, n);
+    v.insert(v.end(), segs.begin(), segs.end());
+    v.push_back(0);
+    v.push_back(0);
+    return v;
+}
+
+TEST(BerDecodingCost, SegmentStackGrowsGeometrically)
+{
+    // A fixed growth step made n segments cost n squared copies: 256 KiB of
+    // empty segments took a second to decode.
+    StrStk stk(128, 64);
+    size_t nCapacity = stk.Capacity(), nGrowths = 0;
+    char c = 0;
+    for (size_t i = 0; i < 1000000; ++i) {
+        stk.Push(&c, 0);
+        if (stk.Capacity() == nCapacity) continue;
+        ASSERT_GE(stk.Capacity(), 2 * nCapacity) << "after " << nGrowths << " growths";
+        nCapacity = stk.Capacity();
+        ++nGrowths;
+    }
+    EXPECT_EQ(stk.Count(), 1000000u);
+    EXPECT_LE(nGrowths, 14u);
+}
+
+TEST(BerDecodingCost, LargeConstructedStringDecodesAndTheStackGivesItsMemoryBack)
+{
+    // 1 MiB of empty segments inside a command: decodes, and the thread's
+    // stack is back at its initial size afterwards, on success and on failure.
+    std::vector<unsigned char> fields = Repeat({0x02, 0x01, 0x01}, 4);
+    std::vector<unsigned char> user = Bytes({0x04, 0x04, 'r', 'o', 'o', 't'});
+    std::vector<unsigned char> cmd = EmptySegments(512 * 1024);
+    std::vector<unsigned char> route = Repeat({0x02, 0x01, 0x02}, 3);
+    for (const auto* p : {&user, &cmd, &route}) fields.insert(fields.end(), p->begin(), p->end());
+    std::vector<unsigned char> packetBytes = PacketOf(100, fields);
+    ASSERT_GT(packetBytes.size(), 1u << 20);
+    ZikPacket packet;
+    unsigned int nUsed = 0;
+    ASSERT_EQ(Decode(packet, packetBytes, &nUsed), 0);
+    EXPECT_EQ(nUsed, packetBytes.size());
+    ASSERT_EQ(packet.body->choiceId, Zik::reqWorkCmdCreateCid);
+    EXPECT_EQ(packet.body->reqWorkCmdCreate->cmd.octetLen, 0u);
+    EXPECT_EQ(StrStkG().Capacity(), 128u);
+
+    std::vector<unsigned char> broken = EmptySegments(100000);
+    broken.resize(broken.size() - 2);  // no end-of-contents mark
+    AsnOcts v;
+    EXPECT_EQ(Decode(v, broken), -1);
+    EXPECT_EQ(StrStkG().Capacity(), 128u);
+}
+
+TEST(BerDecodingCost, AllocationBudgetRefusesDenseListsOfTinyElements)
+{
+    // reqSerialJobCreateList (700) with one job whose id list holds 200,000
+    // empty strings: 400 KB of input that asked for about 20 MB of objects, and
+    // a 128 MiB packet of them for gigabytes.
+    std::vector<unsigned char> job = Tlv({0x30}, Repeat({0x04, 0x00}, 200000));
+    std::vector<unsigned char> interval = Bytes({0x02, 0x01, 0x05});
+    job.insert(job.end(), interval.begin(), interval.end());
+    std::vector<unsigned char> packetBytes = PacketOf(700, Tlv({0x30}, job));
+    ZikPacket packet;
+    std::string strErr;
+    testing::internal::CaptureStdout();
+    int ret = Decode(packet, packetBytes, nullptr, &strErr);
+    std::string strLog = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(ret, -1);
+    EXPECT_EQ(strErr, "BDecPdu: ERROR - decoding needs more memory than the packet's size allows\n");
+    EXPECT_NE(strLog.find("AsnAllocBudget::Charge(decoding needs more memory than the packet's size allows, "
+                          "packet size: " +
+                          std::to_string(packetBytes.size())),
+              std::string::npos)
+        << strLog;
+
+    // The same number of small integers, the densest shape real messages
+    // have (reqJobQueryZIKAgentList, 515), stays within the budget.
+    std::vector<unsigned char> ids = PacketOf(515, Repeat({0x02, 0x01, 0x07}, 200000));
+    ZikPacket list;
+    ASSERT_EQ(Decode(list, ids), 0);
+    EXPECT_EQ(list.body->reqJobQueryZIKAgentList->Count(), 200000u);
+
+    // A large string costs about its own size.
+    RspWorkFileAgentGet get;
+    std::string content(4 << 20, 'z');
+    get.content.ReSet(content.data(), content.size());
+    brel_lib::CPacketBuffer pktBuf("Test", 0);
+    unsigned int nSize = 0;
+    char* pOut = EncodePacket(pktBuf, get, 0, nSize);
+    ASSERT_NE(pOut, nullptr);
+    ZikPacket back;
+    ASSERT_EQ(Decode(back, std::vector<unsigned char>(pOut, pOut + nSize)), 0);
+    EXPECT_EQ(back.body->rspWorkFileAgentGet->content.octetLen, content.size());
+}
+
 TEST(BerDecoding, SequenceRules)
 {
     ReqWorkAgentHeartbeat hb;

@@ -61,6 +61,7 @@ public:
     AsnType* GetValue() const override { return m_p; }
     AsnType* MakeNew() override
     {
+        AsnAllocBudget::Charge(sizeof(T));
         Reset(new T);
         return m_p;
     }
@@ -147,6 +148,8 @@ protected:
     AsnListBase& operator=(const AsnListBase&) = delete;
 
     virtual AsnType* NewElmt() const = 0;
+    // Bytes of one element object, for the decoding's allocation budget.
+    virtual size_t ElmtSize() const = 0;
     virtual bool ElmtMatchesTag(AsnTag tag) const = 0;
 
     AsnType* AppendBase();
@@ -204,6 +207,7 @@ public:
 
 protected:
     AsnType* NewElmt() const override { return new T; }
+    size_t ElmtSize() const override { return sizeof(T); }
     bool ElmtMatchesTag(AsnTag tag) const override { return T::TagMatches(tag); }
 
 private:
