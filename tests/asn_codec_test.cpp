@@ -8,17 +8,16 @@
 
 #include "asn_parse.h"
 #include "zik_pkt.h"
+#include "zik_sample.h"
 
 using namespace brel_lib;
+using agent_test::Bytes;
+using agent_test::ConstructedString;
+using agent_test::PacketOf;
+using agent_test::Repeat;
+using agent_test::Tlv;
 
 namespace {
-
-std::vector<unsigned char> Bytes(std::initializer_list<int> list)
-{
-    std::vector<unsigned char> v;
-    for (int n : list) v.push_back(static_cast<unsigned char>(n));
-    return v;
-}
 
 std::string Hex(const std::vector<unsigned char>& v)
 {
@@ -256,50 +255,6 @@ TEST(BerDecoding, ConstructedOctetStrings)
 
 // ---- time and memory in proportion to the packet ---------------------------------
 
-// Tag octets, a definite length and the content.
-std::vector<unsigned char> Tlv(std::vector<unsigned char> tag, const std::vector<unsigned char>& content)
-{
-    size_t n = content.size();
-    if (n < 128) {
-        tag.push_back(static_cast<unsigned char>(n));
-    } else {
-        std::vector<unsigned char> len;
-        for (; n != 0; n >>= 8) len.insert(len.begin(), static_cast<unsigned char>(n));
-        tag.push_back(static_cast<unsigned char>(0x80 | len.size()));
-        tag.insert(tag.end(), len.begin(), len.end());
-    }
-    tag.insert(tag.end(), content.begin(), content.end());
-    return tag;
-}
-
-// A packet (version 4, append 0) around the SEQUENCE of an alternative.
-std::vector<unsigned char> PacketOf(unsigned int nTagNumber, const std::vector<unsigned char>& altContent)
-{
-    std::vector<unsigned char> content = Bytes({0x02, 0x01, 0x04, 0x02, 0x01, 0x00});
-    std::vector<unsigned char> body = Tlv(ContextTagOctets(nTagNumber), Tlv({0x30}, altContent));
-    content.insert(content.end(), body.begin(), body.end());
-    return Tlv({0x30}, content);
-}
-
-std::vector<unsigned char> Repeat(std::initializer_list<int> unit, size_t nTimes)
-{
-    std::vector<unsigned char> one = Bytes(unit), all;
-    all.reserve(one.size() * nTimes);
-    for (size_t i = 0; i < nTimes; ++i) all.insert(all.end(), one.begin(), one.end());
-    return all;
-}
-
-// A constructed OCTET STRING of n empty segments with an indefinite length.
-std::vector<unsigned char> EmptySegments(size_t n)
-{
-    std::vector<unsigned char> v = Bytes({0x24, 0x80});
-    std::vector<unsigned char> segs = Repeat({0x04, 0x00}, n);
-    v.insert(v.end(), segs.begin(), segs.end());
-    v.push_back(0);
-    v.push_back(0);
-    return v;
-}
-
 TEST(BerDecodingCost, SegmentStackGrowsGeometrically)
 {
     // A fixed growth step made n segments cost n squared copies: 256 KiB of
@@ -322,12 +277,7 @@ TEST(BerDecodingCost, LargeConstructedStringDecodesAndTheStackGivesItsMemoryBack
 {
     // 1 MiB of empty segments inside a command: decodes, and the thread's
     // stack is back at its initial size afterwards, on success and on failure.
-    std::vector<unsigned char> fields = Repeat({0x02, 0x01, 0x01}, 4);
-    std::vector<unsigned char> user = Bytes({0x04, 0x04, 'r', 'o', 'o', 't'});
-    std::vector<unsigned char> cmd = EmptySegments(512 * 1024);
-    std::vector<unsigned char> route = Repeat({0x02, 0x01, 0x02}, 3);
-    for (const auto* p : {&user, &cmd, &route}) fields.insert(fields.end(), p->begin(), p->end());
-    std::vector<unsigned char> packetBytes = PacketOf(100, fields);
+    std::vector<unsigned char> packetBytes = agent_test::CmdCreateWithConstructedCmd(ConstructedString(512 * 1024));
     ASSERT_GT(packetBytes.size(), 1u << 20);
     ZikPacket packet;
     unsigned int nUsed = 0;
@@ -337,7 +287,7 @@ TEST(BerDecodingCost, LargeConstructedStringDecodesAndTheStackGivesItsMemoryBack
     EXPECT_EQ(packet.body->reqWorkCmdCreate->cmd.octetLen, 0u);
     EXPECT_EQ(StrStkG().Capacity(), 128u);
 
-    std::vector<unsigned char> broken = EmptySegments(100000);
+    std::vector<unsigned char> broken = ConstructedString(100000);
     broken.resize(broken.size() - 2);  // no end-of-contents mark
     AsnOcts v;
     EXPECT_EQ(Decode(v, broken), -1);
@@ -606,38 +556,9 @@ TEST(BerValues, BitStrings)
 
 // ---- every record of the catalogue round-trips ------------------------------------
 
-// Fills any value of the catalogue: numbers and strings from a seed, lists
-// with two elements, CHOICEs with the alternative the seed picks. With
-// bEmpty, strings and lists stay empty.
-void Fill(AsnType& value, unsigned int& nSeed, bool bEmpty, int nDepth = 0)
+void Fill(AsnType& value, unsigned int& nSeed, bool bEmpty)
 {
-    ++nSeed;
-    if (auto* pInt = dynamic_cast<AsnInt*>(&value)) {
-        static const int samples[] = {0, 1, -1, 127, 128, -129, 65535, 0x7FFFFFFF, static_cast<int>(0x80000000u), 300};
-        pInt->value = static_cast<int>(static_cast<unsigned int>(samples[nSeed % 10]) + nSeed);
-    } else if (auto* pOcts = dynamic_cast<AsnOcts*>(&value)) {
-        if (bEmpty) {
-            pOcts->ReSet("", 0);
-        } else {
-            std::string str = "s" + std::to_string(nSeed) + std::string(nSeed % 7 == 0 ? 200 : 3, 'x') + '\0' + "\xff";
-            pOcts->ReSet(str.data(), str.size());
-        }
-    } else if (auto* pSeq = dynamic_cast<AsnSeq*>(&value)) {
-        AsnField fields[AsnSeq::MAX_FIELDS];
-        int n = pSeq->GetFields(fields);
-        for (int i = 0; i < n; ++i) {
-            AsnType* pField = fields[i].pValue != nullptr ? fields[i].pValue : fields[i].pPtr->MakeNew();
-            Fill(*pField, nSeed, bEmpty, nDepth + 1);
-        }
-    } else if (auto* pList = dynamic_cast<AsnListBase*>(&value)) {
-        if (!bEmpty) {
-            for (int i = 0; i < 2; ++i) Fill(*pList->AppendElmt(), nSeed, bEmpty, nDepth + 1);
-        }
-    } else if (auto* pChoice = dynamic_cast<AsnChoice*>(&value)) {
-        Fill(*pChoice->Select(static_cast<int>(nSeed % pChoice->AltCount())), nSeed, bEmpty, nDepth + 1);
-    } else {
-        ADD_FAILURE() << "unknown value type";
-    }
+    EXPECT_TRUE(agent_test::FillSample(value, nSeed, bEmpty)) << "unknown value type";
 }
 
 template <class T>

@@ -131,6 +131,8 @@ public:
     void Clear();
     // Appends a default element whatever the element type (for generic code).
     AsnType* AppendElmt() { return AppendBase(); }
+    // The current element whatever the element type (for generic code).
+    AsnType* CurrElmt() const { return ValueOf(curr); }
 
     void BDec(AsnBuf& b, AsnLen& bytesDecoded) override;
     AsnLen BEnc(AsnBuf& b) override;
@@ -252,6 +254,7 @@ public:
     int AltCount() const { return Table().Count(); }
     AsnType* Select(int i) { return i >= 0 && i < AltCount() ? NewAlt(i) : nullptr; }
     AsnType* Alternative() const { return GetAlt(); }
+    int AltIndex() const { return ChoiceIndex(); }
     const char* AltName(int i) const { return Table().Name(i); }
 
     void BDec(AsnBuf& b, AsnLen& bytesDecoded) override;
