@@ -82,7 +82,7 @@ int main(int argc, char** argv)
     // Many segments: the shape that once made decoding quadratic.
     using agent_test::CmdCreateWithConstructedCmd;
     using agent_test::ConstructedString;
-    if (!WriteBytes(strDir + "/cons_empty_segments", nPacket, CmdCreateWithConstructedCmd(ConstructedString(100000))) ||
+    if (!WriteBytes(strDir + "/cons_empty_segments", nPacket, CmdCreateWithConstructedCmd(ConstructedString(300000))) ||
         !WriteBytes(strDir + "/cons_segments", nPacket, CmdCreateWithConstructedCmd(ConstructedString(20000, "ab")))) {
         return 1;
     }
