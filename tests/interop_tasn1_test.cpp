@@ -17,9 +17,9 @@ namespace {
 
 // The alternatives that the module declares.
 const char* const g_szSampleAlts[] = {
-    "reqWorkCmdCreate", "rspWorkCmdQuery",         "reqWorkCmdCreateEnc", "rspWorkFileAgentGet",
-    "reqWorkAgentHeartbeat", "rspWorkAgentInfo",   "reqJobCreateList",    "reqJobQueryZIKAgentList",
-    "rspJobQueryZIKAgent",   "reqSerialJobCreateList", "reqJobAuthority",
+    "reqWorkCmdCreate",      "rspWorkCmdQuery",  "reqWorkCmdCreateEnc",     "rspWorkFileAgentGet",
+    "reqWorkAgentHeartbeat", "rspWorkAgentInfo", "reqJobCreateList",        "reqJobQueryZIKAgentList",
+    "rspJobQueryZIKAgent",   "reqJobAuthority",  "reqSerialJobCreateList",
 };
 
 std::string Join(const std::string& strPath, const std::string& strName)
