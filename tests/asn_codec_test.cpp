@@ -8,17 +8,16 @@
 
 #include "asn_parse.h"
 #include "zik_pkt.h"
+#include "zik_sample.h"
 
 using namespace brel_lib;
+using agent_test::Bytes;
+using agent_test::ConstructedString;
+using agent_test::PacketOf;
+using agent_test::Repeat;
+using agent_test::Tlv;
 
 namespace {
-
-std::vector<unsigned char> Bytes(std::initializer_list<int> list)
-{
-    std::vector<unsigned char> v;
-    for (int n : list) v.push_back(static_cast<unsigned char>(n));
-    return v;
-}
 
 std::string Hex(const std::vector<unsigned char>& v)
 {
@@ -254,6 +253,89 @@ TEST(BerDecoding, ConstructedOctetStrings)
     EXPECT_EQ(Decode(v, deep, nullptr, &strErr), -1);
 }
 
+// ---- time and memory in proportion to the packet ---------------------------------
+
+TEST(BerDecodingCost, SegmentStackGrowsGeometrically)
+{
+    // A fixed growth step made n segments cost n squared copies: 256 KiB of
+    // empty segments took a second to decode.
+    StrStk stk(128, 64);
+    size_t nCapacity = stk.Capacity(), nGrowths = 0;
+    char c = 0;
+    for (size_t i = 0; i < 1000000; ++i) {
+        stk.Push(&c, 0);
+        if (stk.Capacity() == nCapacity) continue;
+        ASSERT_GE(stk.Capacity(), 2 * nCapacity) << "after " << nGrowths << " growths";
+        nCapacity = stk.Capacity();
+        ++nGrowths;
+    }
+    EXPECT_EQ(stk.Count(), 1000000u);
+    EXPECT_LE(nGrowths, 14u);
+}
+
+TEST(BerDecodingCost, LargeConstructedStringDecodesAndTheStackGivesItsMemoryBack)
+{
+    // 1 MiB of empty segments inside a command: decodes, and the thread's
+    // stack is back at its initial size afterwards, on success and on failure.
+    std::vector<unsigned char> packetBytes = agent_test::CmdCreateWithConstructedCmd(ConstructedString(512 * 1024));
+    ASSERT_GT(packetBytes.size(), 1u << 20);
+    ZikPacket packet;
+    unsigned int nUsed = 0;
+    ASSERT_EQ(Decode(packet, packetBytes, &nUsed), 0);
+    EXPECT_EQ(nUsed, packetBytes.size());
+    ASSERT_EQ(packet.body->choiceId, Zik::reqWorkCmdCreateCid);
+    EXPECT_EQ(packet.body->reqWorkCmdCreate->cmd.octetLen, 0u);
+    EXPECT_EQ(StrStkG().Capacity(), 128u);
+
+    std::vector<unsigned char> broken = ConstructedString(100000);
+    broken.resize(broken.size() - 2);  // no end-of-contents mark
+    AsnOcts v;
+    EXPECT_EQ(Decode(v, broken), -1);
+    EXPECT_EQ(StrStkG().Capacity(), 128u);
+}
+
+TEST(BerDecodingCost, AllocationBudgetRefusesDenseListsOfTinyElements)
+{
+    // reqSerialJobCreateList (700) with one job whose id list holds 200,000
+    // empty strings: 400 KB of input that asked for about 20 MB of objects, and
+    // a 128 MiB packet of them for gigabytes.
+    std::vector<unsigned char> job = Tlv({0x30}, Repeat({0x04, 0x00}, 200000));
+    std::vector<unsigned char> interval = Bytes({0x02, 0x01, 0x05});
+    job.insert(job.end(), interval.begin(), interval.end());
+    std::vector<unsigned char> packetBytes = PacketOf(700, Tlv({0x30}, job));
+    ZikPacket packet;
+    std::string strErr;
+    testing::internal::CaptureStdout();
+    int ret = Decode(packet, packetBytes, nullptr, &strErr);
+    std::string strLog = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(ret, -1);
+    EXPECT_EQ(strErr, "BDecPdu: ERROR - decoding needs more memory than the packet's size allows\n");
+    EXPECT_NE(strLog.find("AsnAllocBudget::Charge(decoding needs more memory than the packet's size allows, "
+                          "packet size: " +
+                          std::to_string(packetBytes.size())),
+              std::string::npos)
+        << strLog;
+
+    // The same number of small integers, the densest shape real messages
+    // have (reqJobQueryZIKAgentList, 515), stays within the budget.
+    std::vector<unsigned char> ids = PacketOf(515, Repeat({0x02, 0x01, 0x07}, 200000));
+    ZikPacket list;
+    ASSERT_EQ(Decode(list, ids), 0);
+    EXPECT_EQ(list.body->reqJobQueryZIKAgentList->Count(), 200000u);
+
+    // A large string costs about its own size.
+    RspWorkFileAgentGet get;
+    std::string content(4 << 20, 'z');
+    get.content.ReSet(content.data(), content.size());
+    brel_lib::CPacketBuffer pktBuf("Test", 0);
+    unsigned int nSize = 0;
+    char* pOut = EncodePacket(pktBuf, get, 0, nSize);
+    ASSERT_NE(pOut, nullptr);
+    ZikPacket back;
+    ASSERT_EQ(Decode(back, std::vector<unsigned char>(pOut, pOut + nSize)), 0);
+    EXPECT_EQ(back.body->rspWorkFileAgentGet->content.octetLen, content.size());
+}
+
 TEST(BerDecoding, SequenceRules)
 {
     ReqWorkAgentHeartbeat hb;
@@ -474,38 +556,9 @@ TEST(BerValues, BitStrings)
 
 // ---- every record of the catalogue round-trips ------------------------------------
 
-// Fills any value of the catalogue: numbers and strings from a seed, lists
-// with two elements, CHOICEs with the alternative the seed picks. With
-// bEmpty, strings and lists stay empty.
-void Fill(AsnType& value, unsigned int& nSeed, bool bEmpty, int nDepth = 0)
+void Fill(AsnType& value, unsigned int& nSeed, bool bEmpty)
 {
-    ++nSeed;
-    if (auto* pInt = dynamic_cast<AsnInt*>(&value)) {
-        static const int samples[] = {0, 1, -1, 127, 128, -129, 65535, 0x7FFFFFFF, static_cast<int>(0x80000000u), 300};
-        pInt->value = static_cast<int>(static_cast<unsigned int>(samples[nSeed % 10]) + nSeed);
-    } else if (auto* pOcts = dynamic_cast<AsnOcts*>(&value)) {
-        if (bEmpty) {
-            pOcts->ReSet("", 0);
-        } else {
-            std::string str = "s" + std::to_string(nSeed) + std::string(nSeed % 7 == 0 ? 200 : 3, 'x') + '\0' + "\xff";
-            pOcts->ReSet(str.data(), str.size());
-        }
-    } else if (auto* pSeq = dynamic_cast<AsnSeq*>(&value)) {
-        AsnField fields[AsnSeq::MAX_FIELDS];
-        int n = pSeq->GetFields(fields);
-        for (int i = 0; i < n; ++i) {
-            AsnType* pField = fields[i].pValue != nullptr ? fields[i].pValue : fields[i].pPtr->MakeNew();
-            Fill(*pField, nSeed, bEmpty, nDepth + 1);
-        }
-    } else if (auto* pList = dynamic_cast<AsnListBase*>(&value)) {
-        if (!bEmpty) {
-            for (int i = 0; i < 2; ++i) Fill(*pList->AppendElmt(), nSeed, bEmpty, nDepth + 1);
-        }
-    } else if (auto* pChoice = dynamic_cast<AsnChoice*>(&value)) {
-        Fill(*pChoice->Select(static_cast<int>(nSeed % pChoice->AltCount())), nSeed, bEmpty, nDepth + 1);
-    } else {
-        ADD_FAILURE() << "unknown value type";
-    }
+    EXPECT_TRUE(agent_test::FillSample(value, nSeed, bEmpty)) << "unknown value type";
 }
 
 template <class T>

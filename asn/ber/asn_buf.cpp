@@ -3,6 +3,8 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "log.h"
+
 // ---- AsnBuf -------------------------------------------------------------------
 
 void AsnBuf::Init(char* pData, size_t nLen)
@@ -200,10 +202,70 @@ AsnLen BEncTagOctets(AsnBuf& b, const unsigned char* pOctets, size_t n)
     return n;
 }
 
+// ---- AsnAllocBudget ------------------------------------------------------------------
+
+namespace {
+
+// The open budget of this thread's decoding.
+struct BudgetState {
+    bool bActive = false;
+    size_t nAllowed = 0;
+    size_t nUsed = 0;
+    size_t nInputLen = 0;
+};
+
+BudgetState& Budget()
+{
+    thread_local BudgetState state;
+    return state;
+}
+
+} // namespace
+
+AsnAllocBudget::AsnAllocBudget(size_t nInputLen)
+{
+    BudgetState& st = Budget();
+    m_bPrevActive = st.bActive;
+    m_nPrevAllowed = st.nAllowed;
+    m_nPrevUsed = st.nUsed;
+    m_nPrevInputLen = st.nInputLen;
+    st.bActive = true;
+    st.nUsed = 0;
+    st.nInputLen = nInputLen;
+    // Saturates rather than wraps for absurd lengths.
+    st.nAllowed = nInputLen > (~static_cast<size_t>(0) - MIN_BUDGET) / BYTES_PER_INPUT_BYTE
+                      ? ~static_cast<size_t>(0)
+                      : MIN_BUDGET + nInputLen * BYTES_PER_INPUT_BYTE;
+}
+
+AsnAllocBudget::~AsnAllocBudget()
+{
+    BudgetState& st = Budget();
+    st.bActive = m_bPrevActive;
+    st.nAllowed = m_nPrevAllowed;
+    st.nUsed = m_nPrevUsed;
+    st.nInputLen = m_nPrevInputLen;
+}
+
+void AsnAllocBudget::Charge(size_t nBytes)
+{
+    BudgetState& st = Budget();
+    if (!st.bActive) return;
+    size_t nCost = nBytes + ALLOC_OVERHEAD;
+    if (nCost < nBytes || st.nAllowed - st.nUsed < nCost) {
+        brel_lib::Log(brel_lib::LOG_LEVEL_WARNING,
+                      "AsnAllocBudget::Charge(decoding needs more memory than the packet's size allows, "
+                      "packet size: %zu, allowed: %zu)",
+                      st.nInputLen, st.nAllowed);
+        AsnDecodeFail("BDecPdu: ERROR - decoding needs more memory than the packet's size allows", -18);
+    }
+    st.nUsed += nCost;
+}
+
 // ---- StrStk ---------------------------------------------------------------------------
 
 StrStk::StrStk(size_t nInitialSize, size_t nGrowSize)
-    : stk(new Elmt[nInitialSize]), size(nInitialSize), growSize(nGrowSize)
+    : stk(new Elmt[nInitialSize]), initialSize(nInitialSize), size(nInitialSize), growSize(nGrowSize)
 {
 }
 
@@ -212,16 +274,29 @@ StrStk::~StrStk() { delete[] stk; }
 void StrStk::Push(char* pStr, size_t nLen)
 {
     if (nextFreeElmt >= size) {
-        Elmt* pNew = new Elmt[size + growSize];
+        // Doubling (at least growSize more): a fixed step made a string of
+        // n empty segments cost n squared copies.
+        size_t nNewSize = size + (size > growSize ? size : growSize);
+        AsnAllocBudget::Charge(nNewSize * sizeof(Elmt));
+        Elmt* pNew = new Elmt[nNewSize];
         memcpy(pNew, stk, size * sizeof(Elmt));
         delete[] stk;
         stk = pNew;
-        size += growSize;
+        size = nNewSize;
     }
     stk[nextFreeElmt].str = pStr;
     stk[nextFreeElmt].len = nLen;
     ++nextFreeElmt;
     totalByteLen += nLen;
+}
+
+void StrStk::ShrinkIfLarge()
+{
+    Reset();
+    if (size <= KEEP_ELEMENTS) return;
+    delete[] stk;
+    stk = new Elmt[initialSize];
+    size = initialSize;
 }
 
 void StrStk::CopyOut(char* pDst) const

@@ -95,7 +95,49 @@ AsnTag ContextTagPacked(unsigned int nNumber);
 // Writes tag octets backwards; returns their count.
 AsnLen BEncTagOctets(AsnBuf& b, const unsigned char* pOctets, size_t n);
 
+// The memory one decoding may take on this thread: a fixed multiple of the
+// input's length, so that a hostile packet costs memory in proportion to its
+// size. Every allocation a decoding makes is charged before it is made; past
+// the budget the decoding fails (and the packet is refused) instead of
+// asking the system for gigabytes that overcommit would grant and the kernel
+// would then take back by ending the process.
+class AsnAllocBudget {
+public:
+    // Bytes allowed per input byte. A record object per few bytes of input is
+    // the densest shape the protocol has: a list of small integers costs 24
+    // (a list node and an integer object, with the allocator's overhead, for
+    // 3 bytes), records of integers about 6, strings about 1. A list of empty
+    // strings (97 bytes of objects for 2 input bytes) is past it: no real
+    // message looks like that, and millions of them are only an attack.
+    static const size_t BYTES_PER_INPUT_BYTE = 32;
+    // Every packet may take this much whatever its size: fixed costs of the
+    // envelope and of the largest record dominate tiny packets.
+    static const size_t MIN_BUDGET = 64 * 1024;
+    // What each allocation is counted for beyond its size: the allocator's
+    // header and rounding.
+    static const size_t ALLOC_OVERHEAD = 16;
+
+    // Opens the budget of a decoding of nInputLen bytes on this thread; the
+    // destructor restores what was open before.
+    explicit AsnAllocBudget(size_t nInputLen);
+    ~AsnAllocBudget();
+    AsnAllocBudget(const AsnAllocBudget&) = delete;
+    AsnAllocBudget& operator=(const AsnAllocBudget&) = delete;
+
+    // Counts an allocation of nBytes that a decoding is about to make; past
+    // the budget it logs and fails the decoding. Without an open budget
+    // (encoding, building messages) it does nothing.
+    static void Charge(size_t nBytes);
+
+private:
+    bool m_bPrevActive;
+    size_t m_nPrevAllowed;
+    size_t m_nPrevUsed;
+    size_t m_nPrevInputLen;
+};
+
 // Segments of a constructed string, pointing into the input; one per thread.
+// The array doubles when full, so collecting n segments costs O(n).
 class StrStk {
 public:
     struct Elmt {
@@ -113,9 +155,16 @@ public:
     size_t TotalByteLen() const { return totalByteLen; }
     size_t Count() const { return nextFreeElmt; }
     const Elmt& At(size_t i) const { return stk[i]; }
+    size_t Capacity() const { return size; }
+    // Back to the initial size when a large string made the array grow past
+    // KEEP_ELEMENTS, so that one packet does not pin its memory to the thread.
+    void ShrinkIfLarge();
+
+    static const size_t KEEP_ELEMENTS = 4096;
 
 private:
     Elmt* stk;
+    size_t initialSize;
     size_t size;
     size_t growSize;
     size_t nextFreeElmt = 0;

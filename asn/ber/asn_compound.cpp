@@ -112,6 +112,8 @@ void AsnSeq::Print(std::ostream& os) const
 
 AsnListBase::AsnListElmt* AsnListBase::NewNode()
 {
+    AsnAllocBudget::Charge(sizeof(AsnListElmt));
+    AsnAllocBudget::Charge(ElmtSize());
     AsnListElmt* p = new AsnListElmt{nullptr, nullptr, nullptr};
     p->elmt = NewElmt();
     ++count;

@@ -61,6 +61,7 @@ public:
     AsnType* GetValue() const override { return m_p; }
     AsnType* MakeNew() override
     {
+        AsnAllocBudget::Charge(sizeof(T));
         Reset(new T);
         return m_p;
     }
@@ -130,6 +131,8 @@ public:
     void Clear();
     // Appends a default element whatever the element type (for generic code).
     AsnType* AppendElmt() { return AppendBase(); }
+    // The current element whatever the element type (for generic code).
+    AsnType* CurrElmt() const { return ValueOf(curr); }
 
     void BDec(AsnBuf& b, AsnLen& bytesDecoded) override;
     AsnLen BEnc(AsnBuf& b) override;
@@ -147,6 +150,8 @@ protected:
     AsnListBase& operator=(const AsnListBase&) = delete;
 
     virtual AsnType* NewElmt() const = 0;
+    // Bytes of one element object, for the decoding's allocation budget.
+    virtual size_t ElmtSize() const = 0;
     virtual bool ElmtMatchesTag(AsnTag tag) const = 0;
 
     AsnType* AppendBase();
@@ -204,6 +209,7 @@ public:
 
 protected:
     AsnType* NewElmt() const override { return new T; }
+    size_t ElmtSize() const override { return sizeof(T); }
     bool ElmtMatchesTag(AsnTag tag) const override { return T::TagMatches(tag); }
 
 private:
@@ -248,6 +254,7 @@ public:
     int AltCount() const { return Table().Count(); }
     AsnType* Select(int i) { return i >= 0 && i < AltCount() ? NewAlt(i) : nullptr; }
     AsnType* Alternative() const { return GetAlt(); }
+    int AltIndex() const { return ChoiceIndex(); }
     const char* AltName(int i) const { return Table().Name(i); }
 
     void BDec(AsnBuf& b, AsnLen& bytesDecoded) override;

@@ -65,13 +65,19 @@ bool AsnType::BEncPdu(AsnBuf& b, AsnLen& bytesEncoded)
 bool AsnType::BDecPdu(AsnBuf& b, AsnLen& bytesDecoded)
 {
     bytesDecoded = 0;
+    AsnAllocBudget budget(b.Remaining());
+    bool bOk = true;
     try {
         BDec(b, bytesDecoded);
     } catch (const AsnDecodeError&) {
         // The object keeps what was decoded so far and stays valid for its destructor.
-        return false;
+        bOk = false;
     }
-    return !b.ReadError();
+    // The segment stacks live as long as the thread; a large constructed
+    // string must not keep its memory there.
+    StrStkG().ShrinkIfLarge();
+    StrStkUnusedBitsG().ShrinkIfLarge();
+    return bOk && !b.ReadError();
 }
 
 std::ostream& operator<<(std::ostream& os, const AsnType& v)
@@ -193,6 +199,7 @@ void AsnOcts::BDecContent(AsnBuf& b, AsnTag tag, AsnLen elmtLen, AsnLen& bytesDe
     // allocated, so a few hostile bytes can't ask for gigabytes. An indefinite
     // length on a primitive string fails here too.
     if (elmtLen > b.Remaining()) AsnDecodeFail("BDecOctetString: ERROR - decoded past end of data", -14);
+    AsnAllocBudget::Charge(elmtLen + 1);
     delete[] octs;
     octetLen = elmtLen;
     octs = new char[elmtLen + 1];
@@ -242,6 +249,7 @@ void AsnOcts::BDecConsOcts(AsnBuf& b, AsnLen elmtLen, AsnLen& bytesDecoded)
     StrStk& stk = StrStkG();
     stk.Reset();
     FillOctetStringStk(b, elmtLen, bytesDecoded, 0);
+    AsnAllocBudget::Charge(stk.TotalByteLen());
     delete[] octs;
     octetLen = stk.TotalByteLen();
     octs = new char[octetLen == 0 ? 1 : octetLen];
@@ -360,6 +368,7 @@ void AsnBits::BDecContent(AsnBuf& b, AsnTag tag, AsnLen elmtLen, AsnLen& bytesDe
     if (elmtLen == 0 || elmtLen > b.Remaining()) AsnDecodeFail("BDecBitString: ERROR - decoded past end of data", -1);
     unsigned char cUnused = b.GetByte();
     size_t n = elmtLen - 1;
+    AsnAllocBudget::Charge(n);
     delete[] bits;
     bits = new char[n == 0 ? 1 : n];
     b.CopyOut(bits, n);
@@ -414,6 +423,7 @@ void AsnBits::BDecConsBits(AsnBuf& b, AsnLen elmtLen, AsnLen& bytesDecoded)
     stk.Reset();
     unsigned char cLastUnused = 0;
     FillBitStringStk(b, elmtLen, bytesDecoded, cLastUnused, 0);
+    AsnAllocBudget::Charge(stk.TotalByteLen());
     delete[] bits;
     size_t n = stk.TotalByteLen();
     bits = new char[n == 0 ? 1 : n];

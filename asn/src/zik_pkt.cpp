@@ -22,9 +22,10 @@
     case alt##Cid:                     \
         alt = static_cast<Class*>(p); \
         return;
-#define ZIK_ALT_NEW(alt, Class, tag) \
-    case alt##Cid:                   \
-        alt = new Class;             \
+#define ZIK_ALT_NEW(alt, Class, tag)          \
+    case alt##Cid:                            \
+        AsnAllocBudget::Charge(sizeof(Class)); \
+        alt = new Class;                      \
         return alt;
 #define ZIK_ALT_COPY(alt, Class, tag)     \
     case alt##Cid:                        \
