@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "cmd_execute_tree.h"
 #include "thread.h"
 
 // One command work. Owned by the manager's maps; guarded by its lock.
@@ -42,6 +43,7 @@ struct CommonWork {
     char* pStdErr = nullptr;
     unsigned int nUsedOutSize = 0;
     unsigned int nUsedErrSize = 0;
+    CmdWorkTree workTree;  // where its processes are kept, so that a kill ends them all
 };
 
 // Stages of a work; 4 is reported for a work that does not exist.
@@ -83,6 +85,8 @@ public:
     // Before Start.
     void SetCfgFile(const std::string& strCfgFile) { m_strCfgFile = strCfgFile; }
     void SetProcessCommon(CCmdReplySink* pSink) { m_pProcessCommon = pSink; }
+    // Tests swap the reaping of children and the finding of cgroups; not owned.
+    void SetChildOps(CCmdChildOps* pOps) { m_pChildOps = pOps; }
 
     int Start() override;
     int Stop() override { return CThread::Stop(); }
@@ -105,12 +109,14 @@ private:
     int SetWorkActionPrivate(unsigned int nWorkId, unsigned int nAction, int nAppend);
     int AllocateBuffers(CommonWork& work);
     int LaunchChild(CommonWork& work);
-    [[noreturn]] void ExecChild(const CommonWork& work);
     int FailLaunch(CommonWork& work, int nRet);
     CommonWork* GetWork(unsigned int nWorkId);
     void FreeCommonWork(CommonWork* pWork);
     static void FreePipeAndMemory(CommonWork& work);
     static void CloseSelfPipe(int epfd, CommonWork& work);
+    // The child was reaped: its end event and its cgroup are given up.
+    void ForgetChild(int epfd, CommonWork& work);
+    void KillWork(CommonWork& work);
     void FreeAllRes();
 
     // The supervising thread's steps.
@@ -129,6 +135,7 @@ private:
     // Set before Start.
     std::string m_strCfgFile;
     CCmdReplySink* m_pProcessCommon = nullptr;
+    CCmdChildOps* m_pChildOps;
 
     // Lock order: m_lock before the session's lock, never the reverse.
     // m_lock guards the maps, every record, m_vecNewWorkId, the counters and tempbuf.
@@ -144,6 +151,9 @@ private:
     unsigned int m_nWorkUserFailedCount = 0;
     time_t m_timeLastTaskEnd = 0;
     char m_szTempBuf[8192];
+    std::string m_strLogPath;  // the log file a child writes its failure line to; empty: standard output
+    // Its own lock, taken inside m_lock; Refill runs on the manager thread outside m_lock.
+    CCmdProcessTree m_processTree;
 
     // Counted by the session thread outside the lock.
     std::atomic<unsigned long long> m_lWorkAllCount{0};
@@ -157,4 +167,5 @@ private:
     std::atomic<int> m_nFinishSendResultDisSecondBeforeAutoDelete{300};
     std::atomic<unsigned int> m_nWorkDefaultResultSize{16384};
     std::atomic<bool> m_bPrintAgentInfo{false};
+    std::atomic<bool> m_bKillProcessTree{true};
 };
