@@ -4,6 +4,7 @@
 // brings back the single SIGKILL; a reaped child's end event leaves the
 // supervisor's set whichever path reaps it; users that su would read as
 // options; the cap on capture buffers.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -14,6 +15,7 @@
 #include <condition_variable>
 #include <map>
 #include <mutex>
+#include <set>
 
 #include "cmd_execute.h"
 #include "cmd_execute_launch.h"
@@ -262,6 +264,57 @@ TEST_F(CmdManagerTest, KeyOffKillsTheChildAlone)
     EXPECT_TRUE(bSleep) << Names(vecLeft);
     // Nor does the child get a group of its own.
     EXPECT_EQ(vecTree.back().pgid, getpgrp());
+}
+
+// The pool of cgroups: one whose work ended by itself is handed out again, one
+// that was killed never is (the kernel may kill a child cloned into it at
+// birth), and the stop removes them all with this agent's own cgroup.
+TEST(CmdProcessTree, KilledCgroupsAreNotReusedAndTheStopRemovesThemAll)
+{
+    std::string strWhy;
+    if (!CanRunEndToEnd(strWhy)) GTEST_SKIP() << strWhy;
+    if (!HaveCgroups()) GTEST_SKIP() << "no writable cgroup2 mount here";
+    CCmdChildOps ops;
+    CCmdProcessTree tree;
+    tree.Prepare(ops);
+    ASSERT_TRUE(tree.UsesCgroups());
+    auto runChild = [&](CmdWorkTree& work, bool bKill) {
+        CmdLaunchPlan plan;
+        plan.fdCgroup = work.fdCgroup;
+        pid_t pid = ForkForPlan(plan);
+        if (pid == 0) {
+            if (!plan.bMadeInCgroup) {
+                int fd = openat(plan.fdCgroup, "cgroup.procs", O_WRONLY);
+                (void)!write(fd, "0", 1);
+            }
+            if (bKill) pause();
+            _exit(0);
+        }
+        ASSERT_GT(pid, 0);
+        if (bKill) tree.Kill(pid, work);
+        int nStatus = 0;
+        ASSERT_EQ(waitpid(pid, &nStatus, 0), pid);
+        EXPECT_EQ(WIFSIGNALED(nStatus) ? WTERMSIG(nStatus) : 0, bKill ? SIGKILL : 0);
+        tree.Release(work);
+    };
+    CmdWorkTree ended = tree.Take();
+    int nEnded = ended.nSlot;
+    runChild(ended, false);
+    CmdWorkTree killed = tree.Take();
+    int nKilled = killed.nSlot;
+    runChild(killed, true);
+    tree.Refill();
+    std::set<int> setHanded;
+    for (int i = 0; i < 12; ++i) setHanded.insert(tree.Take().nSlot);
+    EXPECT_EQ(setHanded.count(nEnded), 1u);
+    EXPECT_EQ(setHanded.count(nKilled), 0u);
+    std::string strDir;
+    ASSERT_TRUE(FindOwnCgroup2Dir(strDir));
+    std::string strOwn = strDir + "/agent_works." + std::to_string(getpid());
+    struct stat st;
+    EXPECT_EQ(stat(strOwn.c_str(), &st), 0);
+    tree.Cleanup();
+    EXPECT_NE(stat(strOwn.c_str(), &st), 0);
 }
 
 // ---- the end event of a reaped child --------------------------------------------------

@@ -408,7 +408,7 @@ int CCmdExecuteManager::LaunchChild(CommonWork& work)
             "append: %d)",
             work.nWorkId, work.strExecUser.c_str(), work.nAppend);
     }
-    pid_t pid = fork();
+    pid_t pid = ForkForPlan(plan);
     if (pid < 0) {
         Log(LOG_LEVEL_ERROR, "CCmdExecuteManager::SetWorkActionPrivate(fork is error, work id: %u, errno: %d, append: %d)",
             work.nWorkId, errno, work.nAppend);

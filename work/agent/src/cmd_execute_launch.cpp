@@ -6,7 +6,9 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <linux/sched.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "cmd_execute.h"
@@ -103,7 +105,7 @@ void PlanLaunch(CmdLaunchPlan& plan, CommonWork& work, const CmdWorkTree& tree, 
     plan.fdOut[1] = work.nFdOut[1];
     plan.fdErr[0] = work.nFdErr[0];
     plan.fdErr[1] = work.nFdErr[1];
-    plan.fdCgroupProcs = tree.fdProcs;
+    plan.fdCgroup = tree.fdCgroup;
     plan.bOwnGroup = tree.bOwnGroup;
     char* szCmd = const_cast<char*>(work.strCmd.c_str());
     if (work.strExecUser == "root") {
@@ -144,7 +146,13 @@ void ExecPlannedChild(const CmdLaunchPlan& plan)
     ResetProcessState();
     // Into the work's cgroup or a group of its own before anything can start
     // a process, so that the whole tree is found at a kill.
-    if (plan.fdCgroupProcs != -1) (void)!write(plan.fdCgroupProcs, "0", 1);
+    if (plan.fdCgroup != -1 && !plan.bMadeInCgroup) {
+        int fd = openat(plan.fdCgroup, "cgroup.procs", O_WRONLY | O_CLOEXEC);
+        if (fd >= 0) {
+            (void)!write(fd, "0", 1);
+            close(fd);
+        }
+    }
     if (plan.bOwnGroup) setpgid(0, 0);
     // The first free descriptor bounds this sweep; the pipe ends stay.
     int nBound = open("/dev/null", O_RDONLY);
@@ -178,6 +186,27 @@ void ExecPlannedChild(const CmdLaunchPlan& plan)
         line.Add(plan.strExecFail);
         line.WriteToLog(plan);
     }
-    // The parent sees a child killed by signal 6; dispositions are the defaults already.
-    abort();
+    // The parent sees a child killed by signal 6; dispositions are the defaults
+    // already. Not abort(): after a bare clone3 the thread data it reads is the parent's.
+    kill(getpid(), SIGABRT);
+    _exit(127);
+}
+
+pid_t ForkForPlan(CmdLaunchPlan& plan)
+{
+    // ThreadSanitizer must see the fork to keep its own state usable in the child.
+#if defined(CLONE_INTO_CGROUP) && defined(SYS_clone3) && !defined(__SANITIZE_THREAD__)
+    if (plan.fdCgroup != -1) {
+        struct clone_args args;
+        memset(&args, 0, sizeof(args));
+        args.flags = CLONE_INTO_CGROUP;
+        args.exit_signal = SIGCHLD;
+        args.cgroup = static_cast<unsigned long long>(plan.fdCgroup);
+        plan.bMadeInCgroup = true;
+        long lPid = syscall(SYS_clone3, &args, sizeof(args));
+        if (lPid >= 0) return static_cast<pid_t>(lPid);
+        plan.bMadeInCgroup = false;  // an older kernel: fork, and the child moves itself
+    }
+#endif
+    return fork();
 }

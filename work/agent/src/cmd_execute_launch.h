@@ -18,7 +18,8 @@ struct CmdLaunchPlan {
     char* argv[6] = {};
     int fdOut[2] = {-1, -1};
     int fdErr[2] = {-1, -1};
-    int fdCgroupProcs = -1;        // the child enters this cgroup; -1 for none
+    int fdCgroup = -1;             // the work's cgroup directory; -1 for none
+    bool bMadeInCgroup = false;    // the kernel made the child in it; otherwise the child enters it
     bool bOwnGroup = false;        // the child leads a process group of its own
     std::string strRefusal;        // non-empty: written to stderr, exit 1, nothing run
     // Log lines of the failure paths, each split where the child adds a number.
@@ -33,6 +34,10 @@ struct CmdLaunchPlan {
 // Fills the plan for a work and its tree. strLogPath names the log sink,
 // empty for standard output.
 void PlanLaunch(CmdLaunchPlan& plan, CommonWork& work, const CmdWorkTree& tree, const std::string& strLogPath);
+
+// fork, with the child made right in the plan's cgroup where the kernel can
+// (moving a process between cgroups later costs far more than the fork).
+pid_t ForkForPlan(CmdLaunchPlan& plan);
 
 // Runs in the child after the fork: never returns.
 [[noreturn]] void ExecPlannedChild(const CmdLaunchPlan& plan);

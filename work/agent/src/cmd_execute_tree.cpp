@@ -188,15 +188,15 @@ bool CCmdProcessTree::MakeSlot(const std::string& strParent, Slot& slot)
                 errno);
             return false;
         }
-        int fd = open((strDir + "/cgroup.procs").c_str(), O_WRONLY | O_CLOEXEC);
+        int fd = open(strDir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         if (fd < 0) {
-            Log(LOG_LEVEL_WARNING, "CCmdExecuteManager::MakeCgroup(open cgroup.procs is error, dir: %s, errno: %d)",
+            Log(LOG_LEVEL_WARNING, "CCmdExecuteManager::MakeCgroup(open cgroup is error, dir: %s, errno: %d)",
                 strDir.c_str(), errno);
             rmdir(strDir.c_str());
             return false;
         }
         slot.nId = nId;
-        slot.fdProcs = fd;
+        slot.fdDir = fd;
         slot.strDir = strDir;
         return true;
     }
@@ -218,7 +218,7 @@ CmdWorkTree CCmdProcessTree::Take()
             Slot slot = m_vecFree.back();
             m_vecFree.pop_back();
             tree.nSlot = slot.nId;
-            tree.fdProcs = slot.fdProcs;
+            tree.fdCgroup = slot.fdDir;
             m_mapBusy[slot.nId] = slot;
             return tree;
         }
@@ -231,7 +231,7 @@ CmdWorkTree CCmdProcessTree::Take()
     }
     CAutoLock lock(m_lock);
     tree.nSlot = slot.nId;
-    tree.fdProcs = slot.fdProcs;
+    tree.fdCgroup = slot.fdDir;
     m_mapBusy[slot.nId] = slot;
     return tree;
 }
@@ -243,7 +243,7 @@ void CCmdProcessTree::Release(CmdWorkTree& tree)
         m_vecReleased.push_back(tree.nSlot);
     }
     tree.nSlot = -1;
-    tree.fdProcs = -1;
+    tree.fdCgroup = -1;
 }
 
 bool CCmdProcessTree::IsEmpty(const std::string& strDir)
@@ -274,6 +274,7 @@ void CCmdProcessTree::Refill()
     for (auto& released : vecReleased) {
         if (IsEmpty(released.second)) setEmpty.insert(released.first);
     }
+    std::vector<Slot> vecGone;
     {
         CAutoLock lock(m_lock);
         std::vector<int> vecStill;
@@ -282,11 +283,16 @@ void CCmdProcessTree::Refill()
                 vecStill.push_back(nId);
                 continue;
             }
-            m_vecFree.push_back(m_mapBusy[nId]);
+            (m_mapBusy[nId].bKilled ? vecGone : m_vecFree).push_back(m_mapBusy[nId]);
             m_mapBusy.erase(nId);
         }
         m_vecReleased.swap(vecStill);
         nFree = m_vecFree.size();
+    }
+    // A process cloned into a cgroup after its kill may be killed at birth: such a cgroup goes.
+    for (Slot& slot : vecGone) {
+        close(slot.fdDir);
+        rmdir(slot.strDir.c_str());
     }
     for (; nFree < FREE_SLOT_TARGET; ++nFree) {
         Slot slot;
@@ -303,7 +309,10 @@ void CCmdProcessTree::Kill(pid_t pid, const CmdWorkTree& tree)
         {
             CAutoLock lock(m_lock);
             auto it = m_mapBusy.find(tree.nSlot);
-            if (it != m_mapBusy.end()) strDir = it->second.strDir;
+            if (it != m_mapBusy.end()) {
+                strDir = it->second.strDir;
+                it->second.bKilled = true;
+            }
         }
         // A child not yet in its cgroup dies by the SIGKILL of its own below.
         if (strDir.empty() || !WriteText(strDir + "/cgroup.kill", "1")) {
@@ -373,11 +382,11 @@ void CCmdProcessTree::Cleanup()
     CAutoLock lock(m_lock);
     // Cgroups that still hold processes (children are not killed at a stop) stay.
     for (Slot& slot : m_vecFree) {
-        close(slot.fdProcs);
+        close(slot.fdDir);
         rmdir(slot.strDir.c_str());
     }
     for (auto& pair : m_mapBusy) {
-        close(pair.second.fdProcs);
+        close(pair.second.fdDir);
         rmdir(pair.second.strDir.c_str());
     }
     m_vecFree.clear();

@@ -34,7 +34,7 @@ bool FindOwnCgroup2Dir(std::string& strDir);
 // Where a work's processes are kept together.
 struct CmdWorkTree {
     int nSlot = -1;          // prepared cgroup, -1 for none
-    int fdProcs = -1;        // the slot's cgroup.procs, written by the child to enter it; not owned
+    int fdCgroup = -1;       // the slot's directory, the child is made in it or enters it; not owned
     bool bOwnGroup = false;  // the child leads a process group of its own
 };
 
@@ -65,7 +65,8 @@ public:
 private:
     struct Slot {
         int nId = -1;
-        int fdProcs = -1;
+        int fdDir = -1;
+        bool bKilled = false;  // never reused: the kernel may kill what is later made in it
         std::string strDir;
     };
 
