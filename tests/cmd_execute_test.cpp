@@ -92,10 +92,32 @@ private:
     std::map<unsigned int, Report> m_mapLast;
 };
 
+std::string Names(const std::vector<ProcInfo>& vec)
+{
+    std::string str;
+    for (const ProcInfo& info : vec) str += std::to_string(info.pid) + " '" + info.strCmdline + "' ";
+    return str;
+}
+
 // Hides the cgroup mount, so that works get process groups of their own.
 class NoCgroupOps : public CCmdChildOps {
 public:
     bool FindCgroupBase(std::string&) override { return false; }
+};
+
+// The child ends at the top of a round, after its end event joined the set in
+// an earlier one, and is reaped there before that event can be read.
+class ReapAtRoundTopOps : public CCmdChildOps {
+public:
+    pid_t Wait(pid_t pid, int* pStatus) override
+    {
+        if (++m_mapCalls[pid] == 1) return 0;  // seen running; its pidfd joins the set in this round
+        kill(pid, SIGKILL);
+        return waitpid(pid, pStatus, 0);
+    }
+
+private:
+    std::map<pid_t, int> m_mapCalls;  // the manager thread's alone
 };
 
 class CmdManagerTest : public ::testing::Test {
@@ -175,19 +197,33 @@ protected:
         return StillRunning(vecTree);
     }
 
+    // A `sleep 1000` under su to the user, which puts it in a session of its
+    // own, times out: nothing of its tree, nothing of that user, runs on.
+    void ExpectTimeoutUnderSuLeavesNothing(const std::string& strUser)
+    {
+        ASSERT_EQ(Launch(1, "sleep 1000", 2, strUser), 0);
+        // Taken before the kill unless su is slower than the time limit.
+        std::vector<ProcInfo> vecSu = TreeWhenRunning(1, "sleep 1000");
+        RecordingSink::Report report;
+        ASSERT_TRUE(m_sink.Wait(1, WORK_FINISHED, report));
+        EXPECT_EQ(report.nErrno, RET_WORK_TIMEOUT);
+        EXPECT_EQ(report.strErr, "the work is timeout\n");
+        EXPECT_TRUE(Survivors(vecSu).empty()) << Names(Survivors(vecSu));
+        WaitUntil([&] { return RunningAs(strUser).empty(); }, 5000);
+        std::vector<ProcInfo> vecUser = RunningAs(strUser);
+        m_vecLeftovers.insert(m_vecLeftovers.end(), vecUser.begin(), vecUser.end());
+        EXPECT_TRUE(vecUser.empty()) << Names(vecUser);
+    }
+
     std::string m_strDir;
     RecordingSink m_sink;
+    // Seams the tests may give the manager; they outlive its thread.
+    NoCgroupOps m_opsNoCgroup;
+    ReapAtRoundTopOps m_opsReapAtRoundTop;
     CCmdExecuteManager m_manager;
     bool m_bStarted = false;
     std::vector<ProcInfo> m_vecLeftovers;  // killed by the test at its end, whatever the agent did
 };
-
-std::string Names(const std::vector<ProcInfo>& vec)
-{
-    std::string str;
-    for (const ProcInfo& info : vec) str += std::to_string(info.pid) + " '" + info.strCmdline + "' ";
-    return str;
-}
 
 bool HaveCgroups()
 {
@@ -202,17 +238,8 @@ TEST_F(CmdManagerTest, TimeoutAndDeleteEndTheWholeTreeInACgroup)
     if (!HaveCgroups()) GTEST_SKIP() << "no writable cgroup2 mount here";
     TestUser user("cmdtreecg");
     ASSERT_TRUE(user.Ok());
-    Start("task_default_timeout_second = 1\n");
-
-    ASSERT_EQ(Launch(1, "sleep 1000", 1, user.Name()), 0);
-    std::vector<ProcInfo> vecSu = TreeWhenRunning(1, "sleep 1000");
-    ASSERT_GE(vecSu.size(), 2u) << Names(vecSu);  // su and what it started in its own session
-    RecordingSink::Report report;
-    ASSERT_TRUE(m_sink.Wait(1, WORK_FINISHED, report));
-    EXPECT_EQ(report.nErrno, RET_WORK_TIMEOUT);
-    EXPECT_EQ(report.strErr, "the work is timeout\n");
-    EXPECT_TRUE(Survivors(vecSu).empty()) << Names(Survivors(vecSu));
-
+    Start();
+    ExpectTimeoutUnderSuLeavesNothing(user.Name());
     ASSERT_EQ(Launch(2, "sh -c 'sleep 1000; :'", 100), 0);
     std::vector<ProcInfo> vecSh = TreeWhenRunning(2, "sleep 1000");
     ASSERT_GE(vecSh.size(), 2u) << Names(vecSh);
@@ -225,18 +252,10 @@ TEST_F(CmdManagerTest, TimeoutAndDeleteEndTheWholeTreeInProcessGroups)
 {
     TestUser user("cmdtreepg");
     ASSERT_TRUE(user.Ok());
-    NoCgroupOps ops;
-    Start("task_default_timeout_second = 1\n", &ops);
+    Start("", &m_opsNoCgroup);
     EXPECT_NE(ReadFile(m_strDir + "/agent.log").find("works run in process groups of their own"), std::string::npos);
 
-    ASSERT_EQ(Launch(1, "sleep 1000", 1, user.Name()), 0);
-    std::vector<ProcInfo> vecSu = TreeWhenRunning(1, "sleep 1000");
-    ASSERT_GE(vecSu.size(), 2u) << Names(vecSu);
-    RecordingSink::Report report;
-    ASSERT_TRUE(m_sink.Wait(1, WORK_FINISHED, report));
-    EXPECT_EQ(report.nErrno, RET_WORK_TIMEOUT);
-    EXPECT_TRUE(Survivors(vecSu).empty()) << Names(Survivors(vecSu));
-
+    ExpectTimeoutUnderSuLeavesNothing(user.Name());
     ASSERT_EQ(Launch(2, "sh -c 'sleep 1000; :'", 100), 0);
     std::vector<ProcInfo> vecSh = TreeWhenRunning(2, "sleep 1000");
     ASSERT_GE(vecSh.size(), 2u) << Names(vecSh);
@@ -317,22 +336,7 @@ TEST(CmdProcessTree, KilledCgroupsAreNotReusedAndTheStopRemovesThemAll)
     EXPECT_NE(stat(strOwn.c_str(), &st), 0);
 }
 
-// ---- the end event of a reaped child --------------------------------------------------
-
-// The child ends at the top of a round, after its end event joined the set in
-// an earlier one, and is reaped there before that event can be read.
-class ReapAtRoundTopOps : public CCmdChildOps {
-public:
-    pid_t Wait(pid_t pid, int* pStatus) override
-    {
-        if (++m_mapCalls[pid] == 1) return 0;  // seen running; its pidfd joins the set in this round
-        kill(pid, SIGKILL);
-        return waitpid(pid, pStatus, 0);
-    }
-
-private:
-    std::map<pid_t, int> m_mapCalls;  // the manager thread's alone
-};
+// ---- the end event of a reaped child ---------------------------------------------------
 
 int OpenPidFds()
 {
@@ -350,8 +354,7 @@ int OpenPidFds()
 
 TEST_F(CmdManagerTest, ChildReapedAtTheTopOfARoundGivesUpItsEndEvent)
 {
-    ReapAtRoundTopOps ops;
-    Start("", &ops);
+    Start("", &m_opsReapAtRoundTop);
     ASSERT_EQ(Launch(1, "exec sleep 1000"), 0);
     RecordingSink::Report report;
     ASSERT_TRUE(m_sink.Wait(1, WORK_FINISHED, report));

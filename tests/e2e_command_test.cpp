@@ -258,15 +258,18 @@ TEST_F(AgentCommand, TimeoutUnderSuAndDeleteLeaveNoProcessBehind)
         return vecLeft.size();
     };
 
-    // su puts the command in a session of its own; a timeout ends it too.
-    ASSERT_EQ(Create(1, "sleep 1000", 0, 1, 0, user.Name()), 0);
+    // su puts the command in a session of its own; a timeout ends it too. The
+    // tree is taken before the kill unless su is slower than the time limit;
+    // nothing may run as the test's user after it either way.
+    ASSERT_EQ(Create(1, "sleep 1000", 0, 2, 0, user.Name()), 0);
     ASSERT_EQ(Start(1), 0);
     std::vector<ProcInfo> vecSu = treeWhenSleeping();
-    ASSERT_GE(vecSu.size(), 2u);
     RspWorkCmdQuery rsp;
     ASSERT_TRUE(Result(rsp, 1));
     EXPECT_EQ(rsp.ret, 324);
     EXPECT_EQ(survivors(vecSu), 0u);
+    WaitUntil([&] { return RunningAs(user.Name()).empty(); }, 5000);
+    EXPECT_EQ(survivors(RunningAs(user.Name())), 0u);
 
     // A shell whose sleep is not its last command: the delete ends the sleep too.
     ASSERT_EQ(Create(2, "sh -c 'sleep 1000; :'"), 0);

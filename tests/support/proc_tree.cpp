@@ -41,7 +41,9 @@ bool ReadProcInfo(pid_t pid, ProcInfo& info)
     return true;
 }
 
-std::vector<ProcInfo> Descendants(pid_t root)
+namespace {
+
+std::vector<ProcInfo> AllProcesses()
 {
     std::vector<ProcInfo> vecAll;
     DIR* pDir = opendir("/proc");
@@ -54,6 +56,28 @@ std::vector<ProcInfo> Descendants(pid_t root)
         if (lPid > 0 && *pEnd == 0 && ReadProcInfo(static_cast<pid_t>(lPid), info)) vecAll.push_back(info);
     }
     if (pDir != nullptr) closedir(pDir);
+    return vecAll;
+}
+
+} // namespace
+
+std::vector<ProcInfo> RunningAs(const std::string& strUser)
+{
+    std::vector<ProcInfo> vec;
+    struct passwd* pw = getpwnam(strUser.c_str());
+    if (pw == nullptr) return vec;
+    std::string strUid = "Uid:\t" + std::to_string(pw->pw_uid) + "\t";
+    for (const ProcInfo& info : AllProcesses()) {
+        if (info.cState == 'Z' || info.cState == 'X') continue;
+        std::string strStatus = ReadFile("/proc/" + std::to_string(info.pid) + "/status");
+        if (strStatus.find("\n" + strUid) != std::string::npos) vec.push_back(info);
+    }
+    return vec;
+}
+
+std::vector<ProcInfo> Descendants(pid_t root)
+{
+    std::vector<ProcInfo> vecAll = AllProcesses();
     std::set<pid_t> setTree{root};
     std::vector<ProcInfo> vecTree;
     for (bool bGrew = true; bGrew;) {

@@ -29,6 +29,9 @@ bool StillRuns(const ProcInfo& info);
 // The recorded processes that still run.
 std::vector<ProcInfo> StillRunning(const std::vector<ProcInfo>& vecRecorded);
 
+// Running processes (not zombies) whose real user is the named one.
+std::vector<ProcInfo> RunningAs(const std::string& strUser);
+
 // A user with /bin/sh as its shell, made for a test and removed at the end.
 class TestUser {
 public:

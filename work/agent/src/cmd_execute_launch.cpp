@@ -18,6 +18,15 @@
 
 using namespace brel_lib;
 
+// ThreadSanitizer must see the fork to keep its own state usable in the child.
+#if defined(__SANITIZE_THREAD__)
+#define CMD_FORK_ONLY 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define CMD_FORK_ONLY 1
+#endif
+#endif
+
 namespace {
 
 // One log line assembled on the stack from prepared parts and numbers.
@@ -194,8 +203,7 @@ void ExecPlannedChild(const CmdLaunchPlan& plan)
 
 pid_t ForkForPlan(CmdLaunchPlan& plan)
 {
-    // ThreadSanitizer must see the fork to keep its own state usable in the child.
-#if defined(CLONE_INTO_CGROUP) && defined(SYS_clone3) && !defined(__SANITIZE_THREAD__)
+#if defined(CLONE_INTO_CGROUP) && defined(SYS_clone3) && !defined(CMD_FORK_ONLY)
     if (plan.fdCgroup != -1) {
         struct clone_args args;
         memset(&args, 0, sizeof(args));
