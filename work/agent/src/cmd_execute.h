@@ -1,7 +1,8 @@
 // Command works: the table of works in their three stages, their launch as a
-// child under /bin/sh (through su for users other than root), and the thread
-// that captures their output, finds their end, kills the ones that run too
-// long, repeats their results and expires them.
+// child under /bin/sh (through su for users other than root; the child's side
+// is cmd_execute_launch), and the thread that captures their output, finds
+// their end, kills the ones that run too long with every process they started
+// (cmd_execute_tree), repeats their results and expires them.
 #pragma once
 
 #include <sys/types.h>
