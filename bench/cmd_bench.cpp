@@ -1,8 +1,9 @@
 // Command works through a real agent: the time from the start request to the
 // unasked result for `true`, beside a bare fork, exec and waitpid of
-// /bin/sh -c true; then the idle footprint of the connected agent.
+// /bin/sh -c true taken in turn with it, so that both see the same load of a
+// shared machine; then the idle footprint of the connected agent.
 // BENCH_WORKS sets the number of works (200), BENCH_IDLE_SECONDS the idle
-// measurement (60).
+// measurement (60), BENCH_KILL_TREE the agent's task_kill_process_tree.
 #include <dirent.h>
 #include <signal.h>
 #include <stdio.h>
@@ -43,21 +44,17 @@ void Summary(std::vector<double>& v, double& dMedian, double& dMean)
     dMean /= static_cast<double>(v.size());
 }
 
-std::vector<double> BareForkExec(int n)
+double BareForkExec()
 {
-    std::vector<double> v;
-    for (int i = 0; i < n; ++i) {
-        double t0 = NowUs();
-        pid_t pid = fork();
-        if (pid == 0) {
-            execl("/bin/sh", "/bin/sh", "-c", "true", static_cast<char*>(nullptr));
-            _exit(127);
-        }
-        int nStatus = 0;
-        waitpid(pid, &nStatus, 0);
-        v.push_back(NowUs() - t0);
+    double t0 = NowUs();
+    pid_t pid = fork();
+    if (pid == 0) {
+        execl("/bin/sh", "/bin/sh", "-c", "true", static_cast<char*>(nullptr));
+        _exit(127);
     }
-    return v;
+    int nStatus = 0;
+    waitpid(pid, &nStatus, 0);
+    return NowUs() - t0;
 }
 
 // CPU ticks, context switches of all threads, resident KiB.
@@ -116,6 +113,8 @@ int main()
     InstallTree tree;
     tree.Config()["server_port"] = std::to_string(server.Port());
     tree.Config()["log_level"] = "WARNING";
+    // BENCH_KILL_TREE=0 measures launches without a cgroup or process group per work.
+    if (getenv("BENCH_KILL_TREE") != nullptr) tree.Config()["task_kill_process_tree"] = getenv("BENCH_KILL_TREE");
     tree.WriteConfig();
     pid_t pid = tree.StartForeground();
     if (!server.WaitFor(Zik::reqWorkAgentHeartbeatCid, 10000)) {
@@ -123,8 +122,9 @@ int main()
         return 1;
     }
 
-    std::vector<double> vecAgent;
+    std::vector<double> vecAgent, vecBare;
     for (int i = 1; i <= nWorks; ++i) {
+        vecBare.push_back(BareForkExec());
         ReqWorkCmdCreate create;
         create.workId = i;
         create.cmd = "true";
@@ -144,7 +144,6 @@ int main()
         server.Send(del, i);
         server.WaitFor(Zik::rspWorkCmdDeleteCid, 5000, nullptr, static_cast<size_t>(i));
     }
-    std::vector<double> vecBare = BareForkExec(nWorks);
     double dAgentMedian, dAgentMean, dBareMedian, dBareMean;
     Summary(vecAgent, dAgentMedian, dAgentMean);
     Summary(vecBare, dBareMedian, dBareMean);

@@ -7,6 +7,7 @@
 #include <functional>
 
 #include "install_tree.h"
+#include "proc_tree.h"
 #include "test_work_server.h"
 #include "util.h"
 
@@ -194,17 +195,101 @@ TEST_F(AgentCommand, CreateStartAndResultInDaemonMode)
     EXPECT_EQ(again.status, 2);
     EXPECT_EQ(again.exitCode, 3);
 
-    // Signals and a failed exec, still in daemon mode.
+    // Signals and a failed exec, still in daemon mode. The daemon ignores
+    // SIGTERM; its commands do not.
     RspWorkCmdQuery killed;
-    // (A daemon ignores SIGTERM, and its commands inherit that: USR2 it is.)
-    Run(killed, 2, "kill -USR2 $$");
+    Run(killed, 2, "kill -TERM $$");
     EXPECT_EQ(killed.ret, 0);
-    EXPECT_EQ(killed.exitCode, 12);
+    EXPECT_EQ(killed.exitCode, 15);
     RspWorkCmdQuery fast;
     Run(fast, 3, "printf abc");  // output still in the pipe at the exit
     EXPECT_EQ(Text(fast.stdOut), "abc");
     kill(pid, SIGINT);
     EXPECT_EQ(Tree().WaitExit(pid, 5000), 0);
+}
+
+TEST_F(AgentCommand, DaemonCommandsStartWithDefaultSignalsMaskAndUmask)
+{
+    pid_t pid = StartAgent(true);
+    ASSERT_GT(pid, 0);
+    RspWorkCmdQuery status;
+    Run(status, 1, "grep -E '^Sig(Ign|Blk)' /proc/self/status; umask");
+    EXPECT_EQ(Text(status.stdOut), "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n0022\n");
+    // What inherited dispositions broke: a pipe's writer ends quietly, a background job can be stopped.
+    RspWorkCmdQuery pipe;
+    Run(pipe, 2, "yes | head -1");
+    EXPECT_EQ(Text(pipe.stdOut), "y\n");
+    EXPECT_EQ(Text(pipe.stdErr), "");
+    RspWorkCmdQuery job;
+    Run(job, 3, "sleep 100 & kill $!; wait $!; echo $?");
+    EXPECT_EQ(Text(job.stdOut), "143\n");
+    // Files the commands make are not world-writable; the daemon keeps its own umask.
+    RspWorkCmdQuery file;
+    std::string strFile = Tree().Path("log/made_by_command");
+    Run(file, 4, "echo x > " + strFile + "; stat -c %a " + strFile);
+    EXPECT_EQ(Text(file.stdOut), "644\n");
+    EXPECT_NE(ReadFile("/proc/" + std::to_string(pid) + "/status").find("Umask:\t0000\n"), std::string::npos);
+}
+
+TEST_F(AgentCommand, TimeoutUnderSuAndDeleteLeaveNoProcessBehind)
+{
+    TestUser user("agenttreeuser");
+    ASSERT_TRUE(user.Ok());
+    pid_t pid = StartAgent(true);
+    ASSERT_GT(pid, 0);
+    // The agent's processes once a `sleep 1000` is among them.
+    auto treeWhenSleeping = [&] {
+        std::vector<ProcInfo> vec;
+        WaitUntil(
+            [&] {
+                vec = Descendants(pid);
+                for (const ProcInfo& info : vec) {
+                    if (info.strCmdline == "sleep 1000") return true;
+                }
+                return false;
+            },
+            5000);
+        return vec;
+    };
+    auto survivors = [](const std::vector<ProcInfo>& vec) {
+        WaitUntil([&] { return StillRunning(vec).empty(); }, 5000);
+        std::vector<ProcInfo> vecLeft = StillRunning(vec);
+        for (const ProcInfo& info : vecLeft) kill(info.pid, SIGKILL);
+        return vecLeft.size();
+    };
+
+    // su puts the command in a session of its own; a timeout ends it too. The
+    // tree is taken before the kill unless su is slower than the time limit;
+    // nothing may run as the test's user after it either way.
+    ASSERT_EQ(Create(1, "sleep 1000", 0, 2, 0, user.Name()), 0);
+    ASSERT_EQ(Start(1), 0);
+    std::vector<ProcInfo> vecSu = treeWhenSleeping();
+    RspWorkCmdQuery rsp;
+    ASSERT_TRUE(Result(rsp, 1));
+    EXPECT_EQ(rsp.ret, 324);
+    EXPECT_EQ(survivors(vecSu), 0u);
+    WaitUntil([&] { return RunningAs(user.Name()).empty(); }, 5000);
+    EXPECT_EQ(survivors(RunningAs(user.Name())), 0u);
+
+    // A shell whose sleep is not its last command: the delete ends the sleep too.
+    ASSERT_EQ(Create(2, "sh -c 'sleep 1000; :'"), 0);
+    ASSERT_EQ(Start(2), 0);
+    std::vector<ProcInfo> vecSh = treeWhenSleeping();
+    ASSERT_GE(vecSh.size(), 2u);
+    EXPECT_EQ(Delete(2), 0);
+    EXPECT_EQ(survivors(vecSh), 0u);
+}
+
+TEST_F(AgentCommand, AUserThatBeginsWithADashNeverReachesSu)
+{
+    StartAgent();
+    std::string strMark = Tree().Path("log/ran");
+    RspWorkCmdQuery rsp;
+    Run(rsp, 1, "touch " + strMark, 0, 0, 0, "-c");
+    EXPECT_EQ(rsp.ret, 0);
+    EXPECT_EQ(rsp.exitCode, 1);
+    EXPECT_EQ(Text(rsp.stdErr), "su: user -c does not exist or the user entry does not contain all the required fields\n");
+    EXPECT_EQ(access(strMark.c_str(), F_OK), -1);
 }
 
 TEST_F(AgentCommand, FailedExecReportsSignalSix)

@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "cmd_execute_launch.h"
 #include "common/agent_clock.h"
 #include "common/agent_globals.h"
 #include "ini_file.h"
@@ -61,9 +62,11 @@ bool IsQuiet(const CommonWork& work) { return (work.nFlag & WORK_FLAG_QUIET) != 
 
 std::string TimeText(time_t t) { return ConvertUnixTimeToStr(static_cast<long>(t)); }
 
+CCmdChildOps g_childOps;  // the real waitpid and cgroup mount
+
 } // namespace
 
-CCmdExecuteManager::CCmdExecuteManager() : CThread(CMD_MANAGER_STACK_SIZE)
+CCmdExecuteManager::CCmdExecuteManager() : CThread(CMD_MANAGER_STACK_SIZE), m_pChildOps(&g_childOps)
 {
     int ret = m_eventNewWork.Init();
     if (ret != 0) {
@@ -83,6 +86,7 @@ int CCmdExecuteManager::Start()
     m_bPrintAgentInfo = false;  // a dump is asked for by a reload only
     // The daemon ignores SIGCHLD; waitpid must see the children.
     SetSignal(SIGCHLD, SIG_DFL);
+    if (m_bKillProcessTree) m_processTree.Prepare(*m_pChildOps);
     return CThread::Start();
 }
 
@@ -111,6 +115,11 @@ void CCmdExecuteManager::LoadCfg()
     unsigned int nSize = static_cast<unsigned int>(value("task_default_result_size"));
     m_nWorkDefaultResultSize = nSize == 0 ? 16384 : nSize;
     m_bPrintAgentInfo = value("print_agent_info") != 0;
+    // On unless set to 0: a timeout or a delete ends the work's whole tree, not its child alone.
+    m_bKillProcessTree = StringToInt(ini.GetIni("task_kill_process_tree", "1")) != 0;
+    std::string strLog = ini.GetIni("log_file", "");
+    CAutoLock lock(m_lock);
+    m_strLogPath = strLog.empty() ? "" : strLog + ".log";
 }
 
 // ---- the table ----------------------------------------------------------------------
@@ -238,7 +247,7 @@ int CCmdExecuteManager::DeleteWork(unsigned int& nFlag, unsigned int nWorkId)
         work.nStatus = WORK_DELETED;
         work.bNeedWait = true;
         ++m_nWorkSysFailedCount;
-        kill(work.nPid, SIGKILL);
+        KillWork(work);
         return 0;
     }
     if (work.nStatus == WORK_FINISHED) {
@@ -353,6 +362,14 @@ int CCmdExecuteManager::AllocateBuffers(CommonWork& work)
             continue;
         }
         if (buffer.nSize == 0) buffer.nSize = m_nWorkDefaultResultSize;
+        if (buffer.nSize > CMD_RESULT_BUF_MAX) {
+            // Larger, a result with both streams full would not fit one packet.
+            Log(LOG_LEVEL_INFO,
+                "CCmdExecuteManager::SetWorkActionPrivate(buf size is above the limit, we use the limit, work id: %u, "
+                "buf size: %u, limit: %u, append: %d)",
+                work.nWorkId, buffer.nSize, CMD_RESULT_BUF_MAX, work.nAppend);
+            buffer.nSize = CMD_RESULT_BUF_MAX;
+        }
         buffer.pBuf = static_cast<char*>(malloc(buffer.nSize));
         if (buffer.pBuf == nullptr) {
             Log(LOG_LEVEL_ERROR, buffer.szText, work.nWorkId, buffer.nSize, work.nAppend);
@@ -380,13 +397,28 @@ int CCmdExecuteManager::LaunchChild(CommonWork& work)
         work.nFdErr[0] = work.nFdErr[1] = -1;
         return RET_PIPE_FAILED;
     }
-    pid_t pid = fork();
+    CmdWorkTree tree;
+    if (m_bKillProcessTree) tree = m_processTree.Take();
+    // Everything the child needs is made now: after the fork it may not allocate.
+    CmdLaunchPlan plan;
+    PlanLaunch(plan, work, tree, m_strLogPath);
+    if (!plan.strRefusal.empty()) {
+        Log(LOG_LEVEL_WARNING,
+            "CCmdExecuteManager::SetWorkActionPrivate(exec user begins with '-', su is not run, work id: %u, user: %s, "
+            "append: %d)",
+            work.nWorkId, work.strExecUser.c_str(), work.nAppend);
+    }
+    pid_t pid = ForkForPlan(plan);
     if (pid < 0) {
         Log(LOG_LEVEL_ERROR, "CCmdExecuteManager::SetWorkActionPrivate(fork is error, work id: %u, errno: %d, append: %d)",
             work.nWorkId, errno, work.nAppend);
+        m_processTree.Release(tree);
         return RET_FORK_FAILED;
     }
-    if (pid == 0) ExecChild(work);
+    if (pid == 0) ExecPlannedChild(plan);
+    // Also here, so that a kill that comes before the child ran finds the group.
+    if (tree.bOwnGroup) setpgid(pid, pid);
+    work.workTree = tree;
     work.nPid = pid;
     work.nPidFd = OpenPidFd(pid);
     if (work.nPidFd >= 0) fcntl(work.nPidFd, F_SETFD, FD_CLOEXEC);
@@ -400,42 +432,22 @@ int CCmdExecuteManager::LaunchChild(CommonWork& work)
     return 0;
 }
 
-void CCmdExecuteManager::ExecChild(const CommonWork& work)
+void CCmdExecuteManager::KillWork(CommonWork& work)
 {
-    // Only this thread exists in the child, and locks other threads held at
-    // the fork stay held: nothing here may take one (LogInChild takes none).
-    int nBound = open("/dev/null", O_RDONLY);
-    if (nBound < 0) {
-        LogInChild(LOG_LEVEL_ERROR,
-                   "CCmdExecuteManager::SetWorkActionPrivate(open /dev/null is error, close all fd is failed, but we "
-                   "continue, work id: %u, errno: %d, append: %d)",
-                   work.nWorkId, errno, work.nAppend);
-        nBound = 0;
+    // With the tree kept together, its cgroup or its groups go; otherwise the child alone.
+    m_processTree.Kill(work.nPid, work.workTree);
+}
+
+void CCmdExecuteManager::ForgetChild(int epfd, CommonWork& work)
+{
+    // A reaped child's pidfd stays readable: left in the level-triggered set it
+    // would wake every round until the work is gone.
+    if (work.nPidFd != -1) {
+        if (epfd != -1) epoll_ctl(epfd, EPOLL_CTL_DEL, work.nPidFd, nullptr);
+        close(work.nPidFd);
+        work.nPidFd = -1;
     }
-    // The first free descriptor bounds this sweep; the pipe ends stay.
-    for (int fd = 1; fd <= nBound; ++fd) {
-        if (fd != work.nFdOut[0] && fd != work.nFdOut[1] && fd != work.nFdErr[0] && fd != work.nFdErr[1]) close(fd);
-    }
-    close(work.nFdOut[0]);
-    close(work.nFdErr[0]);
-    dup2(work.nFdOut[1], 1);
-    dup2(work.nFdErr[1], 2);
-    const char* szCmd = work.strCmd.c_str();
-    if (work.strExecUser == "root") {
-        char* argv[] = {const_cast<char*>("/bin/sh"), const_cast<char*>("-c"), const_cast<char*>(szCmd), nullptr};
-        execvp("/bin/sh", argv);
-    } else {
-        // su changes the user; the command goes to the shell as one string.
-        char* argv[] = {const_cast<char*>("su"), const_cast<char*>(work.strExecUser.c_str()),
-                        const_cast<char*>("/bin/sh"), const_cast<char*>("-c"), const_cast<char*>(szCmd), nullptr};
-        execvp("su", argv);
-    }
-    LogInChild(LOG_LEVEL_ERROR,
-               "CCmdExecuteManager::SetWorkActionPrivate(execvp function returns, so we abort, work id: %u, append: %d)",
-               work.nWorkId, work.nAppend);
-    // The parent sees a child killed by signal 6. No core file is wanted for it.
-    signal(SIGABRT, SIG_DFL);
-    abort();
+    m_processTree.Release(work.workTree);
 }
 
 int CCmdExecuteManager::FailLaunch(CommonWork& work, int nRet)
@@ -468,6 +480,9 @@ void CCmdExecuteManager::Run()
     time_t tPre = AgentTime();
     bool bIdle = true;
     while (m_nContinueRun != 0) {
+        // Cgroups for the next launches are made here, not on the start path.
+        if (m_bKillProcessTree) m_processTree.Prepare(*m_pChildOps);
+        m_processTree.Refill();
         time_t tNow = AgentTime();
         {
             CAutoLock lock(m_lock);
@@ -495,6 +510,7 @@ void CCmdExecuteManager::Run()
     }
     close(epfd);
     FreeAllRes();
+    m_processTree.Cleanup();
 }
 
 void CCmdExecuteManager::UpdateEpollFd(int epfd)
@@ -629,8 +645,9 @@ void CCmdExecuteManager::DealProcessFinish(int epfd)
     for (auto it = m_mapWorkRunning.begin(); it != m_mapWorkRunning.end();) {
         CommonWork& work = *it->second;
         int nStatus = 0;
-        pid_t ret = waitpid(work.nPid, &nStatus, WNOHANG);
-        if (ret < 0 && errno == EINTR) {
+        pid_t ret = m_pChildOps->Wait(work.nPid, &nStatus);
+        int nWaitErr = errno;
+        if (ret < 0 && nWaitErr == EINTR) {
             Sleep(50);
             continue;  // the same work again
         }
@@ -639,11 +656,12 @@ void CCmdExecuteManager::DealProcessFinish(int epfd)
             ++it;
             continue;
         }
+        ForgetChild(epfd, work);
         if (ret < 0) {
             Log(LOG_LEVEL_ERROR,
                 "CCmdExecuteManager::DealProcessFinish(waitpid is error, work id: %u, pid: %d, errno: %d, we clear this "
                 "work)",
-                work.nWorkId, static_cast<int>(work.nPid), errno);
+                work.nWorkId, static_cast<int>(work.nPid), nWaitErr);
             SetErrText(work, g_pszWaitforError, g_nWaitforErrorLen);
             work.nErrno = RET_WAITPID_FAILED;
             work.nExitCode = 0;
@@ -674,7 +692,7 @@ void CCmdExecuteManager::DealChildAlive(int epfd, CommonWork& work, time_t tNow)
         "CCmdExecuteManager::DealProcessFinish(work is timeout, we kill it, and wait it, work id: %u, pid: %d, timeout: "
         "%u)",
         work.nWorkId, static_cast<int>(work.nPid), static_cast<unsigned int>(work.nTimeoutSecond));
-    kill(work.nPid, SIGKILL);
+    KillWork(work);
     CloseSelfPipe(epfd, work);
     SetErrText(work, g_pszTimeout, g_nTimeoutLen);
     work.nErrno = RET_WORK_TIMEOUT;

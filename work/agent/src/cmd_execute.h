@@ -1,7 +1,8 @@
 // Command works: the table of works in their three stages, their launch as a
-// child under /bin/sh (through su for users other than root), and the thread
-// that captures their output, finds their end, kills the ones that run too
-// long, repeats their results and expires them.
+// child under /bin/sh (through su for users other than root; the child's side
+// is cmd_execute_launch), and the thread that captures their output, finds
+// their end, kills the ones that run too long with every process they started
+// (cmd_execute_tree), repeats their results and expires them.
 #pragma once
 
 #include <sys/types.h>
@@ -12,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "cmd_execute_tree.h"
 #include "common/session_reply.h"
 #include "common/work_codes.h"
 #include "thread.h"
@@ -44,6 +46,7 @@ struct CommonWork {
     char* pStdErr = nullptr;
     unsigned int nUsedOutSize = 0;
     unsigned int nUsedErrSize = 0;
+    CmdWorkTree workTree;  // where its processes are kept, so that a kill ends them all
 };
 
 // Bits of nFlag.
@@ -57,6 +60,8 @@ public:
     // Before Start.
     void SetCfgFile(const std::string& strCfgFile) { m_strCfgFile = strCfgFile; }
     void SetProcessCommon(CSessionReply* pSink) { m_pProcessCommon = pSink; }
+    // Tests swap the reaping of children and the finding of cgroups; not owned.
+    void SetChildOps(CCmdChildOps* pOps) { m_pChildOps = pOps; }
 
     int Start() override;
     int Stop() override { return CThread::Stop(); }
@@ -79,12 +84,14 @@ private:
     int SetWorkActionPrivate(unsigned int nWorkId, unsigned int nAction, int nAppend);
     int AllocateBuffers(CommonWork& work);
     int LaunchChild(CommonWork& work);
-    [[noreturn]] void ExecChild(const CommonWork& work);
     int FailLaunch(CommonWork& work, int nRet);
     CommonWork* GetWork(unsigned int nWorkId);
     void FreeCommonWork(CommonWork* pWork);
     static void FreePipeAndMemory(CommonWork& work);
     static void CloseSelfPipe(int epfd, CommonWork& work);
+    // The child was reaped: its end event and its cgroup are given up.
+    void ForgetChild(int epfd, CommonWork& work);
+    void KillWork(CommonWork& work);
     void FreeAllRes();
 
     // The supervising thread's steps.
@@ -103,6 +110,7 @@ private:
     // Set before Start.
     std::string m_strCfgFile;
     CSessionReply* m_pProcessCommon = nullptr;
+    CCmdChildOps* m_pChildOps;
 
     // Lock order: m_lock before the session's lock, never the reverse.
     // m_lock guards the maps, every record, m_vecNewWorkId, the counters and tempbuf.
@@ -118,6 +126,9 @@ private:
     unsigned int m_nWorkUserFailedCount = 0;
     time_t m_timeLastTaskEnd = 0;
     char m_szTempBuf[8192];
+    std::string m_strLogPath;  // the log file a child writes its failure line to; empty: standard output
+    // Its own lock, taken inside m_lock; Refill runs on the manager thread outside m_lock.
+    CCmdProcessTree m_processTree;
 
     // Counted by the session thread outside the lock.
     std::atomic<unsigned long long> m_lWorkAllCount{0};
@@ -131,4 +142,5 @@ private:
     std::atomic<int> m_nFinishSendResultDisSecondBeforeAutoDelete{300};
     std::atomic<unsigned int> m_nWorkDefaultResultSize{16384};
     std::atomic<bool> m_bPrintAgentInfo{false};
+    std::atomic<bool> m_bKillProcessTree{true};
 };
