@@ -62,9 +62,9 @@ void LogFile(std::string strName);
 void SetLogInfo(unsigned int nMaxNum, unsigned long long lMaxSizeMiB);
 // Rotation; called with the log lock held, so it never logs.
 int ShiftFile();
-// Log for a child between fork and exec: takes no lock (another thread of the
-// parent may have held it at the fork), writes one line with one write call.
-int LogInChild(unsigned int nLevel, const char* szFormat, ...) __attribute__((format(printf, 2, 3)));
+// The file lines go to now, "" for standard output: for a child between fork and
+// exec, which may not take the log lock and writes its own line.
+std::string LogFilePath();
 // A bare newline to the sink.
 int LogEmptyLine();
 

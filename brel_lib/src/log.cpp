@@ -155,25 +155,10 @@ int Log(unsigned int nLevel, const char* szFormat, ...)
     return 0;
 }
 
-int LogInChild(unsigned int nLevel, const char* szFormat, ...)
+std::string LogFilePath()
 {
-    if (nLevel < g_nLogLevel.load(std::memory_order_relaxed) || nLevel > LOG_LEVEL_ERROR) return 0;
-    char szLine[1024];
-    int n = snprintf(szLine, sizeof(szLine), "%s", FormatPrefix(nLevel, g_bLogUseFile).c_str());
-    va_list args;
-    va_start(args, szFormat);
-    n += vsnprintf(szLine + n, sizeof(szLine) - static_cast<size_t>(n) - 1, szFormat, args);
-    va_end(args);
-    if (n > static_cast<int>(sizeof(szLine)) - 2) n = static_cast<int>(sizeof(szLine)) - 2;
-    szLine[n++] = '\n';
-    int fd = 1;
-    if (g_bLogUseFile) {
-        fd = open((g_strLogFile + ".log").c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-        if (fd < 0) return errno;
-    }
-    ssize_t nWritten = write(fd, szLine, static_cast<size_t>(n));
-    if (fd != 1) close(fd);
-    return nWritten < 0 ? errno : 0;
+    CAutoLock lock(LogLock());
+    return g_bLogUseFile ? g_strLogFile + ".log" : std::string();
 }
 
 int LogLevel(const std::string& strName)

@@ -117,9 +117,6 @@ void CCmdExecuteManager::LoadCfg()
     m_bPrintAgentInfo = value("print_agent_info") != 0;
     // On unless set to 0: a timeout or a delete ends the work's whole tree, not its child alone.
     m_bKillProcessTree = StringToInt(ini.GetIni("task_kill_process_tree", "1")) != 0;
-    std::string strLog = ini.GetIni("log_file", "");
-    CAutoLock lock(m_lock);
-    m_strLogPath = strLog.empty() ? "" : strLog + ".log";
 }
 
 // ---- the table ----------------------------------------------------------------------
@@ -401,7 +398,7 @@ int CCmdExecuteManager::LaunchChild(CommonWork& work)
     if (m_bKillProcessTree) tree = m_processTree.Take();
     // Everything the child needs is made now: after the fork it may not allocate.
     CmdLaunchPlan plan;
-    PlanLaunch(plan, work, tree, m_strLogPath);
+    PlanLaunch(plan, work, tree, LogFilePath());
     if (!plan.strRefusal.empty()) {
         Log(LOG_LEVEL_WARNING,
             "CCmdExecuteManager::SetWorkActionPrivate(exec user begins with '-', su is not run, work id: %u, user: %s, "

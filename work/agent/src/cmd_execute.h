@@ -126,7 +126,6 @@ private:
     unsigned int m_nWorkUserFailedCount = 0;
     time_t m_timeLastTaskEnd = 0;
     char m_szTempBuf[8192];
-    std::string m_strLogPath;  // the log file a child writes its failure line to; empty: standard output
     // Its own lock, taken inside m_lock; Refill runs on the manager thread outside m_lock.
     CCmdProcessTree m_processTree;
 
