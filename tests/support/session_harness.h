@@ -29,7 +29,9 @@ public:
         for (const char* szSub : {"/bin", "/etc", "/log"}) {
             if (mkdir((m_strDir + szSub).c_str(), 0755) != 0) abort();
         }
-        agent_test::WriteFile(m_strDir + "/etc/config", "public_key_version = 1\n" + strConfig);
+        // Never the default cache directory: the session wipes it at start.
+        agent_test::WriteFile(m_strDir + "/etc/config",
+                              "public_key_version = 1\ncache_dir = " + m_strDir + "/cache/\n" + strConfig);
         char szCwd[4096];
         m_strOldCwd = getcwd(szCwd, sizeof(szCwd)) != nullptr ? szCwd : "/";
         if (chdir((m_strDir + "/bin").c_str()) != 0) abort();

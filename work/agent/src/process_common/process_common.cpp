@@ -5,6 +5,7 @@
 #include "common/agent_clock.h"
 #include "common/agent_globals.h"
 #include "common/work_codes.h"
+#include "file_trans_cache/file_trans_cache.h"
 #include "ini_file.h"
 #include "log.h"
 #include "process.h"
@@ -105,6 +106,7 @@ int CProcessCommon::Start()
         }
     }
     LoadCfg();
+    g_fileTransCache.SetCfgFile(m_strCfgFile);
     if (m_pNetwork != nullptr) m_pNetwork->SetNetCallback(GNetConnected, this);
     m_taskManager.SetProcessCommon(this);
     m_taskManager.SetCfgFile(m_strCfgFile);
@@ -142,6 +144,7 @@ void CProcessCommon::ReloadCfg()
     Log(LOG_LEVEL_INFO, "CProcessCommon::ReloadCfg");
     LoadCfg();
     m_taskManager.ReloadCfg();
+    g_fileTransCache.ReloadCfg();
 }
 
 void CProcessCommon::LoadCfg()
@@ -238,6 +241,7 @@ void CProcessCommon::DealTimers(int& nGetNewWsLeft)
         SweepHistory(m_mapCreatedWorkId, tNow);
         SweepHistory(m_mapDeletedWorkId, tNow);
     }
+    g_fileTransCache.DealAutoDelete(tNow);
 }
 
 void CProcessCommon::SweepHistory(std::map<unsigned int, long>& mapHistory, time_t tNow)
