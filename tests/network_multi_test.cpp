@@ -481,12 +481,15 @@ TEST_F(MultiLoopTest, AcceptOutOfDescriptorsBacksOffInsteadOfSpinning)
         std::string strStat(buf, n > 0 ? static_cast<size_t>(n) : 0);
         size_t nParen = strStat.rfind(')');
         if (nParen == std::string::npos) return -1000L;
-        std::istringstream in(strStat.substr(nParen + 2));
-        std::string strField;
+        // Fields after the name, from the third on: utime is the 14th, stime the 15th.
         long nUser = 0, nSystem = 0;
-        for (int i = 3; i <= 15 && in >> strField; ++i) {
-            if (i == 14) nUser = std::stol(strField);
-            if (i == 15) nSystem = std::stol(strField);
+        const char* p = strStat.c_str() + nParen + 2;
+        for (int i = 3; i <= 15 && *p != '\0'; ++i) {
+            if (i == 14) nUser = strtol(p, nullptr, 10);
+            if (i == 15) nSystem = strtol(p, nullptr, 10);
+            const char* pSpace = strchr(p, ' ');
+            if (pSpace == nullptr) break;
+            p = pSpace + 1;
         }
         return nUser + nSystem;
     };
