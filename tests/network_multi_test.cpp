@@ -120,7 +120,7 @@ protected:
     }
 
     // The id the server gave to the connection from a client's local port.
-    unsigned int ServerIdOf(unsigned short nClientPort, int nTimeoutMs = 3000)
+    unsigned int ServerIdOf(unsigned short nClientPort, int nTimeoutMs = 10000)
     {
         unsigned int nId = 0;
         WaitUntil(

@@ -77,8 +77,13 @@ protected:
 
     long SocketMask() { return EpollMaskOf(m_connect.fd, m_connect.fd); }
     long SendBufferMask() { return EpollMaskOf(m_connect.fd, m_send.GetReadableFd()); }
-    // Bytes the client has in all once the flow has settled.
-    size_t SettledBytes(size_t nWant) { return m_nReceived += m_pClient->ReadCount(nWant - m_nReceived, 300); }
+    // Bytes the client has in all once the flow has settled: waits (bounded)
+    // for nExpected, then makes sure nothing more comes while the clock stands.
+    size_t SettledBytes(size_t nExpected)
+    {
+        if (m_nReceived < nExpected) m_nReceived += m_pClient->ReadCount(nExpected - m_nReceived, 10000);
+        return m_nReceived += m_pClient->ReadCount(1, 200);
+    }
 
     std::string m_strDir;
     CDataBufferSTLDeque m_rev, m_send;
@@ -96,28 +101,28 @@ TEST_F(ShapingTest, SendingMovesOneQuantumPerPeriodAndLeavesTheSetMeanwhile)
     StartWithClient();
     PushTo(m_send, m_connect.nConnectId, FramedPacket(4996, 1));  // 5000 bytes
 
-    EXPECT_EQ(SettledBytes(5000), QUANTUM);
+    EXPECT_EQ(SettledBytes(QUANTUM), QUANTUM);
     // Out of tokens with data pending: the socket keeps EPOLLIN only, the send buffer is out.
-    EXPECT_TRUE(WaitUntil([&] { return SocketMask() == EPOLLIN && SendBufferMask() == 0; }, 2000));
+    EXPECT_TRUE(WaitUntil([&] { return SocketMask() == EPOLLIN && SendBufferMask() == 0; }, 5000));
     g_lClock += 49;
-    EXPECT_EQ(SettledBytes(5000), QUANTUM);
+    EXPECT_EQ(SettledBytes(QUANTUM), QUANTUM);
     g_lClock += 1;
-    EXPECT_EQ(SettledBytes(5000), 2 * QUANTUM);
-    for (int i = 3; i <= 5; ++i) {
+    EXPECT_EQ(SettledBytes(2 * QUANTUM), 2 * QUANTUM);
+    for (unsigned int i = 3; i <= 5; ++i) {
         g_lClock += 50;
-        ASSERT_EQ(SettledBytes(5000), i * QUANTUM);
+        ASSERT_EQ(SettledBytes(i * QUANTUM), i * QUANTUM);
     }
     // All out: nothing pending, both back to their resting masks.
-    EXPECT_TRUE(WaitUntil([&] { return SocketMask() == EPOLLIN && SendBufferMask() == EPOLLIN; }, 2000));
+    EXPECT_TRUE(WaitUntil([&] { return SocketMask() == EPOLLIN && SendBufferMask() == EPOLLIN; }, 5000));
 
     // Shaping switched off while sending is out puts it back at once.
     PushTo(m_send, m_connect.nConnectId, FramedPacket(4996, 2));
     g_lClock += 50;
-    EXPECT_EQ(SettledBytes(10000), 6 * QUANTUM);
-    EXPECT_TRUE(WaitUntil([&] { return SendBufferMask() == 0; }, 2000));
+    EXPECT_EQ(SettledBytes(6 * QUANTUM), 6 * QUANTUM);
+    EXPECT_TRUE(WaitUntil([&] { return SendBufferMask() == 0; }, 5000));
     m_server.SetNetflowSendSpeed(0);
     EXPECT_EQ(SettledBytes(10000), 10000u);
-    EXPECT_TRUE(WaitUntil([&] { return SendBufferMask() == EPOLLIN; }, 2000));
+    EXPECT_TRUE(WaitUntil([&] { return SendBufferMask() == EPOLLIN; }, 5000));
 }
 
 TEST_F(ShapingTest, ReceivingMovesOneQuantumPerPeriodAndLeavesTheSetMeanwhile)
@@ -133,11 +138,11 @@ TEST_F(ShapingTest, ReceivingMovesOneQuantumPerPeriodAndLeavesTheSetMeanwhile)
 
     auto Received = [&] { return m_rev.GetDataNum(); };
     // Two packets a period; nothing pending to send, so the socket leaves the set entirely.
-    EXPECT_TRUE(WaitUntil([&] { return Received() == 2 && SocketMask() == 0; }, 2000));
+    EXPECT_TRUE(WaitUntil([&] { return Received() == 2 && SocketMask() == 0; }, 5000));
     SleepMs(200);
     EXPECT_EQ(Received(), 2u);
     g_lClock += 50;
-    EXPECT_TRUE(WaitUntil([&] { return Received() == 4; }, 2000));
+    EXPECT_TRUE(WaitUntil([&] { return Received() == 4; }, 5000));
     SleepMs(200);
     EXPECT_EQ(Received(), 4u);
     // A connection that comes in meanwhile is taken in with mask 0.
@@ -147,12 +152,12 @@ TEST_F(ShapingTest, ReceivingMovesOneQuantumPerPeriodAndLeavesTheSetMeanwhile)
     EXPECT_EQ(EpollMaskOf(m_connect.fd, lateEvent.fd), 0);
     // A refill assigns one quantum rather than adding: idle periods earn nothing.
     g_lClock += 150;
-    EXPECT_TRUE(WaitUntil([&] { return Received() == 6; }, 2000));
+    EXPECT_TRUE(WaitUntil([&] { return Received() == 6; }, 5000));
     SleepMs(200);
     EXPECT_EQ(Received(), 6u);
     for (unsigned int n = 8; n <= 10; n += 2) {
         g_lClock += 50;
-        EXPECT_TRUE(WaitUntil([&] { return Received() == n; }, 2000)) << n;
+        EXPECT_TRUE(WaitUntil([&] { return Received() == n; }, 5000)) << n;
     }
     // The stream is whole and in order.
     for (int i = 0; i < 10; ++i) {
@@ -164,7 +169,7 @@ TEST_F(ShapingTest, ReceivingMovesOneQuantumPerPeriodAndLeavesTheSetMeanwhile)
     }
     // Tokens back and nothing to read: both connections listen again.
     g_lClock += 50;
-    EXPECT_TRUE(WaitUntil([&] { return SocketMask() == EPOLLIN && EpollMaskOf(m_connect.fd, lateEvent.fd) == EPOLLIN; }, 2000));
+    EXPECT_TRUE(WaitUntil([&] { return SocketMask() == EPOLLIN && EpollMaskOf(m_connect.fd, lateEvent.fd) == EPOLLIN; }, 5000));
 }
 
 TEST_F(ShapingTest, BothDirectionsOutTakeTheSocketOutEntirely)
@@ -179,12 +184,12 @@ TEST_F(ShapingTest, BothDirectionsOutTakeTheSocketOutEntirely)
     }
     ASSERT_TRUE(m_pClient->Write(stream));
     PushTo(m_send, m_connect.nConnectId, FramedPacket(4996, 1));
-    EXPECT_TRUE(WaitUntil([&] { return m_rev.GetDataNum() == 2; }, 2000));
-    EXPECT_EQ(SettledBytes(5000), QUANTUM);
-    EXPECT_TRUE(WaitUntil([&] { return SocketMask() == 0 && SendBufferMask() == 0; }, 2000));
+    EXPECT_TRUE(WaitUntil([&] { return m_rev.GetDataNum() == 2; }, 5000));
+    EXPECT_EQ(SettledBytes(QUANTUM), QUANTUM);
+    EXPECT_TRUE(WaitUntil([&] { return SocketMask() == 0 && SendBufferMask() == 0; }, 5000));
     g_lClock += 50;
-    EXPECT_EQ(SettledBytes(5000), 2 * QUANTUM);
-    EXPECT_TRUE(WaitUntil([&] { return m_rev.GetDataNum() == 4; }, 2000));
+    EXPECT_EQ(SettledBytes(2 * QUANTUM), 2 * QUANTUM);
+    EXPECT_TRUE(WaitUntil([&] { return m_rev.GetDataNum() == 4; }, 5000));
 }
 
 // Blocks left in the queue when a send ran short of tokens go out as soon as
@@ -195,15 +200,15 @@ TEST_F(ShapingTest, QueuedBlocksGoOutWhenTokensReturnAtOnce)
     StartWithClient();
     // Use up the first period's tokens exactly.
     PushTo(m_send, m_connect.nConnectId, FramedPacket(996, 1));  // 1000 bytes
-    ASSERT_EQ(SettledBytes(1000), QUANTUM);
+    ASSERT_EQ(SettledBytes(QUANTUM), QUANTUM);
     // Three blocks of 600 bytes wait while the clock stands still.
     for (int i = 0; i < 3; ++i) PushTo(m_send, m_connect.nConnectId, FramedPacket(596, static_cast<unsigned char>(i)));
-    EXPECT_TRUE(WaitUntil([&] { return SendBufferMask() == 0; }, 2000));
+    EXPECT_TRUE(WaitUntil([&] { return SendBufferMask() == 0; }, 5000));
     // From now on every look at the clock finds a new period: the second block
     // runs short after 400 bytes, the next refill comes at once, and the third
     // block must follow without another push.
     g_bClockRuns = true;
-    EXPECT_EQ(m_pClient->ReadCount(1800, 3000), 1800u);
+    EXPECT_EQ(m_pClient->ReadCount(1800, 10000), 1800u);
 }
 
 // On the real clock: the limited direction stays within its rate over a few
@@ -248,7 +253,6 @@ TEST_F(ShapingTest, LimitedDirectionKeepsItsRateAndTheOtherRunsFree)
         }
     });
 
-    int64_t lStart = HarnessNowMs();
     size_t nLimited = reader.ReadCount(1, 5000);
     int64_t lFirst = HarnessNowMs();
     nLimited += reader.ReadCount(64u << 20, 2500);
@@ -260,7 +264,6 @@ TEST_F(ShapingTest, LimitedDirectionKeepsItsRateAndTheOtherRunsFree)
     double dAllowed = LIMIT * (lElapsedMs + 50) / 1000.0 + LIMIT / 10.0;
     EXPECT_LE(nLimited, static_cast<size_t>(dAllowed)) << "in " << lElapsedMs << " ms";
     EXPECT_GE(nLimited, static_cast<size_t>(LIMIT / 4)) << "shaped traffic stalled";
-    EXPECT_LT(lFirst - lStart, 2000);
     ASSERT_GE(nFreeGot.load(), FREE_BYTES);
     double dFreeRate = static_cast<double>(nFreeGot) * 1000.0 / static_cast<double>(lFreeMs > 0 ? lFreeMs.load() : 1);
     EXPECT_GT(dFreeRate, 10.0 * LIMIT) << "unlimited direction moved " << dFreeRate << " bytes/s";
