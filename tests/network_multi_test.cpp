@@ -12,6 +12,7 @@
 
 #include <fstream>
 #include <map>
+#include <memory>
 #include <random>
 #include <string>
 #include <thread>
@@ -458,6 +459,27 @@ TEST_F(MultiLoopTest, ConnectsNeverTakenOverAreClosedWithTheLoop)
         EXPECT_EQ(CountOpenFds(), nFdsBefore + 3);
     }
     EXPECT_EQ(CountOpenFds(), nFdsBefore);
+}
+
+TEST_F(MultiLoopTest, DestroyingARunningLoopStopsItAndClosesItsConnections)
+{
+    CDataBufferSTLDeque rev(true, 0), send(false, 0);
+    std::unique_ptr<PlainClient> pClient;
+    {
+        CNetworkServerBrel server(rev, send, 4096);
+        LoopEventRecorder events;
+        events.Attach(server);
+        ASSERT_EQ(server.CreateServer("127.0.0.1", 0), 0);
+        std::string strIp;
+        unsigned short nPort = 0;
+        ASSERT_EQ(server.GetListenIpPort(strIp, nPort), 0);
+        ASSERT_EQ(server.Start(), 0);
+        pClient.reset(new PlainClient(nPort));
+        ASSERT_TRUE(events.WaitCount(BREL_CONNECT_NEW_CLIENT, 1, 5000));
+        PushTo(send, events.Events()[0].nConnectId, FramedPacket(100, 1));
+        ASSERT_EQ(pClient->ReadPacket(5000), FramedPacket(100, 1));
+    }
+    EXPECT_TRUE(pClient->WaitClosedByPeer(5000));
 }
 
 TEST_F(MultiLoopTest, AcceptOutOfDescriptorsBacksOffInsteadOfSpinning)
