@@ -356,6 +356,8 @@ int CNetworkMultiBase::SendDataBufToAllClientPrivate(int epfd, bool& bCloseClien
         int ret = SendAsnBufData(m_nContinueRun, info.sockFd, nConnectId, info.strIp, info.nPort, info.pSendData,
                                  info.nSendDataLen, info.nSendDataUsedLen, m_sendBuffer, SendBucket());
         if (ret == BREL_STEP_OK) continue;
+        // A stop is no failure of the connection: the end of Run closes it, without a callback.
+        if (ret == BREL_STEP_STOPPED) return BREL_STEP_STOPPED;
         if (ret == BREL_STEP_AGAIN || ret == BREL_STEP_NO_TOKEN) {
             ModifyInfoEpollFlag(epfd, info, bRecvNoToken ? static_cast<uint32_t>(EPOLLOUT) : static_cast<uint32_t>(EPOLLIN | EPOLLOUT));
             if (ret == BREL_STEP_NO_TOKEN) return BREL_STEP_NO_TOKEN;
