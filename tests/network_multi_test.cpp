@@ -174,7 +174,8 @@ TEST_F(MultiLoopTest, ManyClientsEchoThroughOneServerLoop)
     std::map<unsigned int, std::vector<std::vector<unsigned char>>> mapSent;
     for (int k = 0; k < PACKETS; ++k) {
         for (int i = 0; i < CLIENTS; ++i) {
-            std::vector<unsigned char> packet = FramedPacket(1 + (i * 37 + k * 1013) % 6000, static_cast<unsigned char>(i + k));
+            unsigned int nLen = 1 + (i * 37 + k * 1013) % 6000;
+            std::vector<unsigned char> packet = FramedPacket(nLen, static_cast<unsigned char>(i + k));
             mapSent[vecId[i]].push_back(packet);
             PushTo(m_clientSend, vecId[i], packet);
         }
@@ -384,7 +385,8 @@ TEST_F(MultiLoopTest, BrokenStreamsCloseOnlyTheirOwnConnection)
     EXPECT_EQ(m_serverEvents.Count(BREL_CONNECT_CLOSE), 2);
     // Blocks for a connection that is gone are dropped with a line.
     PushTo(m_serverSend, nBadTag, FramedPacket(10, 1));
-    EXPECT_TRUE(WaitUntil([&] { return CountLog("error connect id, connect id: " + std::to_string(nBadTag)) == 1; }, 3000));
+    std::string strDropped = "error connect id, connect id: " + std::to_string(nBadTag);
+    EXPECT_TRUE(WaitUntil([&] { return CountLog(strDropped) == 1; }, 5000));
 }
 
 TEST_F(MultiLoopTest, IdleConnectionIsClosedAfterItsTimeAndABusyOneIsNot)

@@ -169,7 +169,8 @@ TEST_F(ShapingTest, ReceivingMovesOneQuantumPerPeriodAndLeavesTheSetMeanwhile)
     }
     // Tokens back and nothing to read: both connections listen again.
     g_lClock += 50;
-    EXPECT_TRUE(WaitUntil([&] { return SocketMask() == EPOLLIN && EpollMaskOf(m_connect.fd, lateEvent.fd) == EPOLLIN; }, 5000));
+    EXPECT_TRUE(WaitUntil(
+        [&] { return SocketMask() == EPOLLIN && EpollMaskOf(m_connect.fd, lateEvent.fd) == EPOLLIN; }, 5000));
 }
 
 TEST_F(ShapingTest, BothDirectionsOutTakeTheSocketOutEntirely)

@@ -17,6 +17,10 @@ namespace brel_lib {
 namespace {
 
 const unsigned int MULTI_STACK_SIZE = 0x25a000;
+// The three socket masks of the shaping table, as epoll takes them.
+const uint32_t MASK_IN = EPOLLIN;
+const uint32_t MASK_OUT = EPOLLOUT;
+const uint32_t MASK_IN_OUT = EPOLLIN | EPOLLOUT;
 // A receive buffer doubles from its first size, so that size must not be 0.
 const unsigned int FALLBACK_RECEIVE_BUF_SIZE = 4096;
 
@@ -204,7 +208,7 @@ void CNetworkMultiBase::ForgetConnect(unsigned int) {}
 bool CNetworkMultiBase::SendAndRecvFdData(int epfd, uint32_t nEvent, ConnectInfo& info, bool& bSendNoToken,
                                           bool& bRecvNoToken, bool bRemovedRecvFlag)
 {
-    if ((nEvent & ~static_cast<uint32_t>(EPOLLIN | EPOLLOUT)) != 0) {
+    if ((nEvent & ~MASK_IN_OUT) != 0) {
         Log(LOG_LEVEL_WARNING,
             "CNetworkMultiBase::SendAndRecvFdData(socket fd is error, we close it, errno: %d, fd: %d, event: %u, ip: "
             "%s, port: %hu, connect id: %u)",
@@ -243,7 +247,7 @@ bool CNetworkMultiBase::SendAndRecvFdData(int epfd, uint32_t nEvent, ConnectInfo
     switch (ret) {
     case BREL_STEP_OK:
         // Nothing pending any more: EPOLLOUT is armed only while the kernel refuses data.
-        ModifyInfoEpollFlag(epfd, info, (bRecvNoToken || bRemovedRecvFlag) ? 0u : static_cast<uint32_t>(EPOLLIN));
+        ModifyInfoEpollFlag(epfd, info, (bRecvNoToken || bRemovedRecvFlag) ? 0u : MASK_IN);
         return false;
     case BREL_STEP_NO_TOKEN:
         bSendNoToken = true;
@@ -359,7 +363,7 @@ int CNetworkMultiBase::SendDataBufToAllClientPrivate(int epfd, bool& bCloseClien
         // A stop is no failure of the connection: the end of Run closes it, without a callback.
         if (ret == BREL_STEP_STOPPED) return BREL_STEP_STOPPED;
         if (ret == BREL_STEP_AGAIN || ret == BREL_STEP_NO_TOKEN) {
-            ModifyInfoEpollFlag(epfd, info, bRecvNoToken ? static_cast<uint32_t>(EPOLLOUT) : static_cast<uint32_t>(EPOLLIN | EPOLLOUT));
+            ModifyInfoEpollFlag(epfd, info, bRecvNoToken ? MASK_OUT : MASK_IN_OUT);
             if (ret == BREL_STEP_NO_TOKEN) return BREL_STEP_NO_TOKEN;
             continue;
         }
@@ -394,7 +398,7 @@ void CNetworkMultiBase::DealNoSendToken(LoopState& st)
             if (info.bNeedTestConnected || (info.pSendData == nullptr && info.deqSend.empty())) continue;
             Log(LOG_LEVEL_LOWEST, "CNetworkMultiBase::DealNoToken(send no token, we set fd flag to %s, connect id: %u)",
                 st.bRemovedRecvFlag ? "0" : "EPOLLIN", info.nConnectId);
-            ModifyInfoEpollFlag(st.epfd, info, st.bRemovedRecvFlag ? 0u : static_cast<uint32_t>(EPOLLIN));
+            ModifyInfoEpollFlag(st.epfd, info, st.bRemovedRecvFlag ? 0u : MASK_IN);
         }
         ModifyDataBufFdEpollFlag(st.epfd, 0, st.pSendDataBufInfo);
         Log(LOG_LEVEL_LOWEST, "CNetworkMultiBase::DealNoToken(send no token, we set data buf fd flag to 0)");
@@ -409,7 +413,7 @@ void CNetworkMultiBase::DealNoSendToken(LoopState& st)
         if (info.bNeedTestConnected || (info.pSendData == nullptr && info.deqSend.empty())) continue;
         Log(LOG_LEVEL_LOWEST, "CNetworkMultiBase::DealNoToken(send have token, we set fd flag to %s, connect id: %u)",
             st.bRemovedRecvFlag ? "EPOLLOUT" : "EPOLLIN|EPOLLOUT", info.nConnectId);
-        ModifyInfoEpollFlag(st.epfd, info, st.bRemovedRecvFlag ? static_cast<uint32_t>(EPOLLOUT) : static_cast<uint32_t>(EPOLLIN | EPOLLOUT));
+        ModifyInfoEpollFlag(st.epfd, info, st.bRemovedRecvFlag ? MASK_OUT : MASK_IN_OUT);
     }
     ModifyDataBufFdEpollFlag(st.epfd, EPOLLIN, st.pSendDataBufInfo);
     if (!m_sendBuffer.Empty()) m_sendBuffer.SetEvent();
@@ -432,7 +436,8 @@ void CNetworkMultiBase::DealNoRecvToken(LoopState& st)
                     info.nConnectId);
                 ModifyInfoEpollFlag(st.epfd, info, EPOLLOUT);
             } else {
-                Log(LOG_LEVEL_LOWEST, "CNetworkMultiBase::DealNoToken(recv no token, we set fd flag to 0, connect id: %u)",
+                Log(LOG_LEVEL_LOWEST,
+                    "CNetworkMultiBase::DealNoToken(recv no token, we set fd flag to 0, connect id: %u)",
                     info.nConnectId);
                 ModifyInfoEpollFlag(st.epfd, info, 0);
             }
@@ -453,7 +458,8 @@ void CNetworkMultiBase::DealNoRecvToken(LoopState& st)
                 info.nConnectId);
             ModifyInfoEpollFlag(st.epfd, info, EPOLLIN | EPOLLOUT);
         } else {
-            Log(LOG_LEVEL_LOWEST, "CNetworkMultiBase::DealNoToken(recv have token, we set fd flag to EPOLLIN, connect id: %u)",
+            Log(LOG_LEVEL_LOWEST,
+                "CNetworkMultiBase::DealNoToken(recv have token, we set fd flag to EPOLLIN, connect id: %u)",
                 info.nConnectId);
             ModifyInfoEpollFlag(st.epfd, info, EPOLLIN);
         }
@@ -468,13 +474,13 @@ int CNetworkMultiBase::DealNoToken(LoopState& st)
     int nSendTimeout = -1, nRecvTimeout = -1;
     if (m_bEnableSendNetFlow && st.bRemovedSendFlag) {
         nSendTimeout = static_cast<int>(m_tokenBucketSend.DisMilliSecondNextCanGenNewToken());
-        Log(LOG_LEVEL_LOWEST, "CNetworkMultiBase::DealNoToken(no send token, after this time will gen send token: %dms)",
-            nSendTimeout);
+        Log(LOG_LEVEL_LOWEST,
+            "CNetworkMultiBase::DealNoToken(no send token, after this time will gen send token: %dms)", nSendTimeout);
     }
     if (m_bEnableRecvNetFlow && st.bRemovedRecvFlag) {
         nRecvTimeout = static_cast<int>(m_tokenBucketRecv.DisMilliSecondNextCanGenNewToken());
-        Log(LOG_LEVEL_LOWEST, "CNetworkMultiBase::DealNoToken(no recv token, after this time will gen recv token: %dms)",
-            nRecvTimeout);
+        Log(LOG_LEVEL_LOWEST,
+            "CNetworkMultiBase::DealNoToken(no recv token, after this time will gen recv token: %dms)", nRecvTimeout);
     }
     if (nSendTimeout != -1 && nRecvTimeout != -1) return nSendTimeout < nRecvTimeout ? nSendTimeout : nRecvTimeout;
     return nSendTimeout != -1 ? nSendTimeout : nRecvTimeout;

@@ -48,8 +48,8 @@ int CNetworkMultiClientBrel::ConnectToServerPrivate(unsigned int& nConnectId,
     char* pReceiveBuf = NewReceiveBuf();
     if (pReceiveBuf == nullptr) {
         Log(LOG_LEVEL_WARNING,
-            "CNetworkMultiClientBrel::ConnectToServer(malloc receive buf is failed, malloc size: %u, connect server ip: "
-            "%s, port: %hu)",
+            "CNetworkMultiClientBrel::ConnectToServer(malloc receive buf is failed, malloc size: %u, connect server "
+            "ip: %s, port: %hu)",
             m_nReceiveBufDefaultSize, strServerIp.c_str(), nServerPort);
         return -1;
     }

@@ -155,8 +155,9 @@ int CNetworkServerBrel::AcceptNewClient(int epfd, bool bRecvNoToken)
     client.SetNoDelay(true);
     client.Detach();
     Notify(nConnectId, BREL_CONNECT_NEW_CLIENT, fd);
-    Log(LOG_LEVEL_INFO, "CNetworkServerBrel::AcceptNewClient(new client, fd: %d, client ip: %s, port: %hu, connect id: %u)",
-        fd, strIp.c_str(), nPort, nConnectId);
+    Log(LOG_LEVEL_INFO,
+        "CNetworkServerBrel::AcceptNewClient(new client, fd: %d, client ip: %s, port: %hu, connect id: %u)", fd,
+        strIp.c_str(), nPort, nConnectId);
     return 0;
 }
 
