@@ -3,6 +3,7 @@
 // etc/publickey.pem, log/, tools/op/restart.sh and a cache directory.
 #pragma once
 
+#include <stdint.h>
 #include <sys/types.h>
 
 #include <map>
@@ -71,6 +72,8 @@ private:
 std::string ReadFile(const std::string& strPath);
 void WriteFile(const std::string& strPath, const std::string& strText);
 void SleepMs(int nMs);
+// Milliseconds of the monotonic clock.
+int64_t SteadyMs();
 // Polls a condition every 10 ms until it holds or the time is up.
 template <class F>
 bool WaitUntil(F condition, int nTimeoutMs);
