@@ -71,14 +71,21 @@ public:
         m_rev.Push(bytes.data(), static_cast<unsigned int>(bytes.size()), brel_lib::BREL_DATA_NORMAL_PRI);
     }
 
-    // The next packet of the message type T (others are kept for later); false on timeout.
+    // The next packet of the message type T that the predicate accepts
+    // (others are kept for later); false on timeout.
     template <class T>
     bool Next(T& out, int nTimeoutMs = 3000)
+    {
+        return NextWhere(out, [](const T&) { return true; }, nTimeoutMs);
+    }
+
+    template <class T, class F>
+    bool NextWhere(T& out, F accept, int nTimeoutMs)
     {
         int64_t lDeadline = agent_test::SteadyMs() + nTimeoutMs;
         while (true) {
             for (auto it = m_deqPending.begin(); it != m_deqPending.end(); ++it) {
-                if (agent_test::DecodeBody(*it, out)) {
+                if (agent_test::DecodeBody(*it, out) && accept(out)) {
                     m_deqPending.erase(it);
                     return true;
                 }
@@ -104,21 +111,44 @@ public:
         return Next(rsp, nTimeoutMs) ? rsp.ret.value : -1;
     }
 
-    int Create(unsigned int nWorkId)
+    // Command requests: the ret of the reply for the work, or -1 when none came in time.
+    int Create(unsigned int nWorkId, const std::string& strCmd = "true", int nFlag = 0, int nTimeout = 0,
+               int nBufSize = 0)
     {
         ReqWorkCmdCreate req;
-        req.workId = static_cast<int>(nWorkId);
-        req.cmd = "true";
-        Send(req);
-        return NextRet<RspWorkCmdCreate>();
+        req.flag = nFlag;
+        req.timeout = nTimeout;
+        req.bufSize = nBufSize;
+        req.cmd = strCmd.c_str();
+        return Ask<RspWorkCmdCreate>(req, nWorkId);
     }
 
-    int Delete(unsigned int nWorkId)
+    int Start(unsigned int nWorkId, int nAction = 1)
+    {
+        ReqWorkCmdSetAction req;
+        req.action = nAction;
+        return Ask<RspWorkCmdSetAction>(req, nWorkId);
+    }
+
+    int Delete(unsigned int nWorkId, int nTimeoutMs = 3000)
     {
         ReqWorkCmdDelete req;
+        return Ask<RspWorkCmdDelete>(req, nWorkId, nTimeoutMs);
+    }
+
+    bool Query(RspWorkCmdQuery& rsp, unsigned int nWorkId)
+    {
+        ReqWorkCmdQuery req;
         req.workId = static_cast<int>(nWorkId);
         Send(req);
-        return NextRet<RspWorkCmdDelete>();
+        return NextFor(rsp, nWorkId, 3000);
+    }
+
+    // The unasked result of the work: a report with status 2 or 3.
+    bool Result(RspWorkCmdQuery& rsp, unsigned int nWorkId, int nTimeoutMs = 5000)
+    {
+        return NextWhere(
+            rsp, [&](const RspWorkCmdQuery& m) { return WorkOf(m) == nWorkId && m.status >= 2; }, nTimeoutMs);
     }
 
     // Moves the agent's clock and lets the session run a pass on it.
@@ -130,6 +160,27 @@ public:
     }
 
 private:
+    template <class T>
+    static unsigned int WorkOf(const T& msg)
+    {
+        return static_cast<unsigned int>(msg.workId.value);
+    }
+
+    template <class T>
+    bool NextFor(T& out, unsigned int nWorkId, int nTimeoutMs)
+    {
+        return NextWhere(out, [&](const T& m) { return WorkOf(m) == nWorkId; }, nTimeoutMs);
+    }
+
+    template <class TRsp, class TReq>
+    int Ask(TReq& req, unsigned int nWorkId, int nTimeoutMs = 3000)
+    {
+        req.workId = static_cast<int>(nWorkId);
+        Send(req);
+        TRsp rsp;
+        return NextFor(rsp, nWorkId, nTimeoutMs) ? rsp.ret.value : -1;
+    }
+
     std::string m_strDir;
     std::string m_strOldCwd;
     brel_lib::CDataBufferSTLDeque m_rev;
