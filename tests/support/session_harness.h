@@ -1,11 +1,9 @@
 // The server session run in-process, with its managers, on a clock the test
 // moves: packets go in through its receive buffer and are taken from its send
 // buffer. The working directory is the bin/ of a temporary install tree, so
-// that the session finds ../etc beside it; one harness per test process.
+// that the session finds ../etc beside it; one harness at a time.
 #pragma once
 
-#include <stdlib.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <deque>
@@ -23,17 +21,11 @@ public:
     explicit SessionHarness(const std::string& strConfig)
         : m_rev(true, 0), m_send(false, 0), m_link(m_rev, m_send, false), m_session(m_rev, m_send)
     {
-        char szDir[] = "/tmp/session_test_XXXXXX";
-        if (mkdtemp(szDir) == nullptr) abort();
-        m_strDir = szDir;
-        for (const char* szSub : {"/bin", "/etc", "/log"}) {
-            if (mkdir((m_strDir + szSub).c_str(), 0755) != 0) abort();
-        }
-        agent_test::WriteFile(m_strDir + "/etc/config", "public_key_version = 1\n" + strConfig);
+        m_tree.WriteRawConfig("public_key_version = 1\n" + strConfig);
         char szCwd[4096];
         m_strOldCwd = getcwd(szCwd, sizeof(szCwd)) != nullptr ? szCwd : "/";
-        if (chdir((m_strDir + "/bin").c_str()) != 0) abort();
-        brel_lib::LogFile(m_strDir + "/log/agent");
+        if (chdir(Path("bin").c_str()) != 0) abort();
+        brel_lib::LogFile(Path("log/agent"));
         brel_lib::LogLevel(brel_lib::LOG_LEVEL_DEBUG);
         g_nAgentId = 77;
         SetAgentTimeOffset(0);
@@ -45,13 +37,11 @@ public:
         SetAgentTimeOffset(0);
         brel_lib::LogFile("");
         if (chdir(m_strOldCwd.c_str()) != 0) ADD_FAILURE();
-        std::string strCommand = "rm -rf " + m_strDir;
-        if (system(strCommand.c_str()) != 0) ADD_FAILURE();
     }
 
     void Start()
     {
-        m_session.SetCfgFile(m_strDir + "/etc/config");
+        m_session.SetCfgFile(Path("etc/config"));
         m_session.SetNetwork(&m_link);
         m_session.SetAgentVersion("7.0.39");
         EXPECT_EQ(m_session.Start(), 0);
@@ -61,8 +51,8 @@ public:
     // What the link reports after each connect, on the caller's thread.
     void LinkConnected() { m_session.NetConnected(brel_lib::BREL_CONNECT_OK); }
 
-    std::string Path(const std::string& strRelative) const { return m_strDir + "/" + strRelative; }
-    std::string ReadLog() const { return agent_test::ReadFile(m_strDir + "/log/agent.log"); }
+    std::string Path(const std::string& strRelative) const { return m_tree.Path(strRelative); }
+    std::string ReadLog() const { return m_tree.ReadLog(); }
 
     template <class T>
     void Send(T& req, int nAppend = 1)
@@ -181,7 +171,7 @@ private:
         return NextFor(rsp, nWorkId, nTimeoutMs) ? rsp.ret.value : -1;
     }
 
-    std::string m_strDir;
+    agent_test::InstallTree m_tree;  // first in, last out: the session ends before the tree goes
     std::string m_strOldCwd;
     brel_lib::CDataBufferSTLDeque m_rev;
     brel_lib::CDataBufferSTLDeque m_send;
