@@ -20,8 +20,8 @@ protected:
     {
         AgentEndToEnd::SetUp();
         if (IsSkipped()) return;
-        m_strPrivate = m_pTree->Path("private.pem");
-        ASSERT_TRUE(MakeRsaKeyPair(m_strPrivate, m_pTree->Path("etc/publickey.pem")));
+        m_strPrivate = Tree().Path("private.pem");
+        ASSERT_TRUE(MakeRsaKeyPair(m_strPrivate, Tree().Path("etc/publickey.pem")));
         Tree().Config()["public_key_version"] = "7";
         Server().SetAnswerHeartbeats(true);
     }
