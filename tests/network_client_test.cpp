@@ -32,10 +32,7 @@ protected:
 
     void SetUp() override
     {
-        char szDir[] = "/tmp/link_test_XXXXXX";
-        ASSERT_NE(mkdtemp(szDir), nullptr);
-        m_strDir = szDir;
-        LogFile(m_strDir + "/link");
+        LogFile(m_dir.Path("link"));
         LogLevel(LOG_LEVEL_DEBUG);
         m_link.SetNetCallback(OnEvent, this);
         m_link.SetConnectTimeout(1000);
@@ -47,8 +44,6 @@ protected:
     {
         m_link.Stop();
         LogFile("");
-        std::string strCommand = "rm -rf " + m_strDir;
-        ASSERT_EQ(system(strCommand.c_str()), 0);
     }
 
     static void OnEvent(unsigned int, BREL_NET_CALLBACK_TYPE type, void* pAppend, int fd)
@@ -67,7 +62,7 @@ protected:
         return n;
     }
 
-    std::string ReadLog() const { return ReadFile(m_strDir + "/link.log"); }
+    std::string ReadLog() const { return ReadFile(m_dir.Path("link.log")); }
     int CountLog(const std::string& strText) const
     {
         std::string strLog = ReadLog();
@@ -91,7 +86,7 @@ protected:
         return v;
     }
 
-    std::string m_strDir;
+    TempDir m_dir{"link_test_"};
     CDataBufferSTLDeque m_rev;
     CDataBufferSTLDeque m_send;
     CNetworkClientBrel m_link;
