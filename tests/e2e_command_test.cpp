@@ -6,9 +6,8 @@
 
 #include <functional>
 
-#include "install_tree.h"
+#include "agent_e2e.h"
 #include "proc_tree.h"
-#include "test_work_server.h"
 #include "util.h"
 
 using namespace agent_test;
@@ -18,30 +17,15 @@ namespace {
 const int SERVER_IP = 0x0A0B0C0D;
 const int SERVER_ID = 42;
 
-class AgentCommand : public ::testing::Test {
+class AgentCommand : public AgentEndToEnd {
 protected:
     void SetUp() override
     {
-        std::string strWhy;
-        if (!CanRunEndToEnd(strWhy)) GTEST_SKIP() << strWhy;
-        m_pTree = std::make_unique<InstallTree>();
-        m_pServer = std::make_unique<TestWorkServer>();
-        Tree().Config()["server_port"] = std::to_string(m_pServer->Port());
+        AgentEndToEnd::SetUp();
+        if (IsSkipped()) return;
         Tree().Config()["heartbeat_second"] = "5";
         Server().SetAnswerHeartbeats(true);
     }
-
-    // Starts the agent with the config as it stands and waits for its link.
-    pid_t StartAgent(bool bDaemon = false)
-    {
-        Tree().WriteConfig();
-        pid_t pid = bDaemon ? Tree().StartDaemon() : Tree().StartForeground();
-        EXPECT_TRUE(Server().WaitFor(Zik::reqWorkAgentHeartbeatCid, 5000));
-        return pid;
-    }
-
-    InstallTree& Tree() { return *m_pTree; }
-    TestWorkServer& Server() { return *m_pServer; }
 
     // Waits for a message of type T that the predicate accepts, among the
     // packets that arrived after index nFrom; false on timeout.
@@ -162,8 +146,6 @@ protected:
     }
 
     size_t m_nMark = 0;
-    std::unique_ptr<InstallTree> m_pTree;
-    std::unique_ptr<TestWorkServer> m_pServer;
 };
 
 std::string Text(const AsnOcts& octs) { return std::string(octs.octs, octs.octetLen); }
@@ -204,8 +186,7 @@ TEST_F(AgentCommand, CreateStartAndResultInDaemonMode)
     RspWorkCmdQuery fast;
     Run(fast, 3, "printf abc");  // output still in the pipe at the exit
     EXPECT_EQ(Text(fast.stdOut), "abc");
-    kill(pid, SIGINT);
-    EXPECT_EQ(Tree().WaitExit(pid, 5000), 0);
+    Stop(pid);
 }
 
 TEST_F(AgentCommand, DaemonCommandsStartWithDefaultSignalsMaskAndUmask)
@@ -318,68 +299,6 @@ TEST_F(AgentCommand, QueryWhileRunningShowsTheOutputSoFar)
     EXPECT_EQ(ReadFile(Tree().Path("log/last_out")), "");  // only finished works write it
 }
 
-TEST_F(AgentCommand, ResultCodes)
-{
-    Tree().Config()["task_max_concurrent"] = "2";
-    StartAgent();
-    RspWorkCmdQuery rsp;
-    ASSERT_TRUE(Query(rsp, 999));
-    EXPECT_EQ(rsp.ret, 300);
-    EXPECT_EQ(rsp.status, 4);
-    EXPECT_EQ(Text(rsp.stdOut), "");
-    EXPECT_EQ(Start(999), 300);
-    EXPECT_EQ(Delete(999), 300);
-    EXPECT_EQ(Start(999, 12, 2), 309);  // any action but 1, even for an unknown id
-
-    // Not begun and running works count against the limit; finished ones don't.
-    ASSERT_EQ(Create(10, "sleep 30"), 0);
-    ASSERT_EQ(Create(11, "true"), 0);
-    EXPECT_EQ(Create(12, "true"), 302);
-    ASSERT_EQ(Start(10), 0);
-    EXPECT_EQ(Create(12, "true"), 302);
-    ASSERT_EQ(Start(11), 0);
-    ASSERT_TRUE(Result(rsp, 11));
-    EXPECT_EQ(Create(12, "true"), 0);
-
-    // Timeout: killed, reported with 324 and the text alone as stderr.
-    ASSERT_EQ(Create(13, "echo partial; exec sleep 10", 0, 1), 302);  // 10 and 12 are still counted
-    ASSERT_EQ(Delete(12), 0);
-    ASSERT_EQ(Create(13, "echo partial >&2; exec sleep 10", 0, 1), 0);
-    ASSERT_EQ(Start(13), 0);
-    ASSERT_TRUE(Result(rsp, 13, 6000));
-    EXPECT_EQ(rsp.ret, 324);
-    EXPECT_EQ(rsp.status, 2);
-    EXPECT_EQ(rsp.exitCode, 0);
-    EXPECT_EQ(Text(rsp.stdErr), "the work is timeout\n");
-
-    // Deleted while running: the delete answers 0, a query before the next expiry pass shows 327.
-    EXPECT_EQ(Delete(10), 0);
-    ASSERT_TRUE(Query(rsp, 10));
-    EXPECT_EQ(rsp.ret, 327);
-    EXPECT_EQ(rsp.status, 3);
-    EXPECT_EQ(Text(rsp.stdErr), "the work was delete by the user\n");
-    EXPECT_EQ(Delete(10), 0);  // the session remembers the delete
-}
-
-TEST_F(AgentCommand, RepeatedRequestsAndTheQuietDelete)
-{
-    StartAgent();
-    ASSERT_EQ(Create(20, "echo once"), 0);
-    ASSERT_EQ(Create(20, "echo twice"), 0);  // answered as a success, nothing created
-    RspWorkCmdQuery rsp;
-    EXPECT_EQ(Start(20), 0);
-    EXPECT_TRUE(Result(rsp, 20));
-    EXPECT_EQ(Text(rsp.stdOut), "once\n");
-    EXPECT_EQ(Start(20), 0);  // a repeated start changes nothing
-    EXPECT_EQ(Delete(20), 0);
-    EXPECT_EQ(Delete(20), 0);
-
-    // Flag 0x40: no answer to the delete, and it is not remembered.
-    ASSERT_EQ(Create(21, "true", 64), 0);
-    EXPECT_EQ(Delete(21, 1500), -1);
-    EXPECT_EQ(Delete(21), 300);
-}
-
 TEST_F(AgentCommand, OutputCapture)
 {
     StartAgent();
@@ -407,45 +326,9 @@ TEST_F(AgentCommand, OutputCapture)
     EXPECT_EQ(Text(raw.stdOut), std::string("a\0b", 3));
 }
 
-TEST_F(AgentCommand, ExpiryRepeatsAndTheDump)
+TEST_F(AgentCommand, ReloadWithPrintAgentInfoWritesTheDump)
 {
-    Tree().Config()["task_auto_delete_test_second"] = "1";
-    Tree().Config()["task_not_begin_keep_second_before_auto_delete"] = "2";
-    Tree().Config()["task_finish_send_result_dis_second_before_auto_delete"] = "1";
-    Tree().Config()["task_finish_keep_second_before_auto_delete"] = "4";
     StartAgent();
-    // Not begun: gone silently.
-    ASSERT_EQ(Create(40, "echo x | chpasswd"), 0);  // masked in the log
-    EXPECT_TRUE(Tree().WaitForLog("cmd: ******)", 2000));
-    EXPECT_EQ(Tree().ReadLog().find("chpasswd"), std::string::npos);
-    RspWorkCmdQuery rsp;
-    ASSERT_TRUE(WaitUntil([&] { return Query(rsp, 40) && rsp.ret == 300; }, 6000));
-
-    // Finished: repeated each period, a last time at the end of its keeping time, then gone.
-    Mark();
-    size_t nMark = m_nMark;
-    Run(rsp, 41, "echo repeat");
-    ASSERT_TRUE(WaitUntil([&] { return Tree().ReadLog().find("auto delete finish work, work id: 41") != std::string::npos; },
-                          9000));
-    SleepMs(300);
-    int nReports = 0;
-    std::vector<TestWorkServer::Received> packets = Server().Packets();
-    for (size_t i = nMark; i < packets.size(); ++i) {
-        RspWorkCmdQuery m;
-        if (DecodeBody(packets[i], m) && m.workId == 41 && m.status == 2) ++nReports;
-    }
-    EXPECT_GE(nReports, 4);
-    ASSERT_TRUE(Query(rsp, 41));
-    EXPECT_EQ(rsp.ret, 300);
-
-    // A delete stops the repeats.
-    Run(rsp, 42, "true");
-    ASSERT_EQ(Delete(42), 0);
-    Mark();
-    SleepMs(2500);
-    RspWorkCmdQuery late;
-    EXPECT_FALSE(Result(late, 42, 100));
-
     // A reload with print_agent_info appends the dump.
     ASSERT_EQ(Create(43, "echo in the dump"), 0);
     Tree().Config()["print_agent_info"] = "1";

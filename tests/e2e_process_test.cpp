@@ -6,32 +6,13 @@
 
 #include <regex>
 
-#include "install_tree.h"
+#include "agent_e2e.h"
 
 using namespace agent_test;
 
 namespace {
 
-class AgentProcess : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        std::string strWhy;
-        if (!CanRunEndToEnd(strWhy)) GTEST_SKIP() << strWhy;
-        m_pTree = std::make_unique<InstallTree>();
-    }
-
-    InstallTree& Tree() { return *m_pTree; }
-
-    // Runs the agent in the foreground and expects it to end by itself.
-    int RunToExit()
-    {
-        pid_t pid = Tree().StartForeground();
-        return Tree().WaitExit(pid, 5000);
-    }
-
-    std::unique_ptr<InstallTree> m_pTree;
-};
+using AgentProcess = AgentEndToEnd;
 
 TEST_F(AgentProcess, VersionAndUsage)
 {
@@ -67,61 +48,44 @@ TEST_F(AgentProcess, StartFailuresGiveTheirTextAndStatus)
     EXPECT_NE(Tree().ReadStdout().find("):ReLoadCfg(the cfg file is error)"), std::string::npos);
 
     Tree().Config()["server_ip"] = "300.1.1.1";
-    Tree().WriteConfig();
     EXPECT_EQ(RunToExit(), 1);
     EXPECT_NE(Tree().ReadLog().find("Error  ("), std::string::npos);
     EXPECT_NE(Tree().ReadLog().find("):the server ip address is not correct in config file"), std::string::npos);
 
     Tree().Config()["server_ip"] = "127.0.0.1";
     Tree().Config()["pid_file"] = "";
-    Tree().WriteConfig();
     EXPECT_EQ(RunToExit(), 1);
     EXPECT_TRUE(Tree().WaitForLog("the pid file is not correct in config file", 1000));
 
     Tree().Config()["pid_file"] = "../log/agent.pid";
     for (const char* szId : {"0.0.0.0", "no-such-interface-and-no-number"}) {
         Tree().Config()["agent_id"] = szId;
-        Tree().WriteConfig();
         EXPECT_EQ(RunToExit(), 1) << szId;
         EXPECT_TRUE(Tree().WaitForLog(
             std::string("ReLoadCfg(the agent_id is not correct in config file, agent_id: ") + szId + ")", 1000));
     }
     Tree().Config().erase("agent_id");
-    Tree().WriteConfig();
     EXPECT_EQ(RunToExit(), 1);
 }
 
-TEST_F(AgentProcess, UnknownLogLevelWarnsAndStartGoesOn)
+TEST_F(AgentProcess, UnknownLogLevelAndNumericAgentIdWarnAndStartGoesOn)
 {
     Tree().Config()["log_level"] = "debug";  // names are case-sensitive
-    Tree().WriteConfig();
-    pid_t pid = Tree().StartForeground();
-    ASSERT_TRUE(Tree().WaitRunning(5000));
-    EXPECT_NE(Tree().ReadLog().find("Warning(") , std::string::npos);
-    EXPECT_NE(Tree().ReadLog().find("ReLoadCfg(the log level is error, will use default level)"), std::string::npos);
-    EXPECT_TRUE(Tree().IsAlive(pid));
-    kill(pid, SIGINT);
-    EXPECT_EQ(Tree().WaitExit(pid, 5000), 0);
-}
-
-TEST_F(AgentProcess, NumericAgentIdWarnsAndStarts)
-{
     Tree().Config()["agent_id"] = "12345";
-    Tree().WriteConfig();
-    pid_t pid = Tree().StartForeground();
-    ASSERT_TRUE(Tree().WaitRunning(5000));
-    EXPECT_NE(Tree().ReadLog().find("ReLoadCfg(EthnetGetIpAddress is return error, we try num of agent id, errno: -3)"),
+    pid_t pid = StartAgent();
+    std::string strLog = Tree().ReadLog();
+    EXPECT_NE(strLog.find("Warning("), std::string::npos);
+    EXPECT_NE(strLog.find("ReLoadCfg(the log level is error, will use default level)"), std::string::npos);
+    EXPECT_NE(strLog.find("ReLoadCfg(EthnetGetIpAddress is return error, we try num of agent id, errno: -3)"),
               std::string::npos);
-    kill(pid, SIGQUIT);
-    EXPECT_EQ(Tree().WaitExit(pid, 5000), 0);
+    Stop(pid, SIGQUIT);
 }
 
 TEST_F(AgentProcess, RunsWithTheHardLimitItHas)
 {
     rlimit limit;
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-    pid_t pid = Tree().StartForeground();
-    ASSERT_TRUE(Tree().WaitRunning(5000));
+    pid_t pid = StartAgent();
     ASSERT_TRUE(WaitUntil([&] { return ReadFile("/proc/" + std::to_string(pid) + "/limits").find("Max open files") != std::string::npos; }, 2000));
     WaitUntil([&] { return Tree().ReadLog().find("RLIMIT_NOFILE") != std::string::npos; }, 1000);
     SleepMs(300);
@@ -160,24 +124,12 @@ TEST_F(AgentProcess, DaemonHoldsTheLockAndStopsOnlyOnQuitSignals)
     EXPECT_TRUE(Tree().WaitForLog("we are running now, so we exit", 2000));
     EXPECT_EQ(ReadFile(Tree().Path("log/agent.pid")), strPidFile);
 
-    // SIGTERM is ignored by a daemon.
+    // SIGTERM is ignored by a daemon; SIGQUIT stops it in order (SIGINT: the command tests).
     kill(pid, SIGTERM);
     SleepMs(500);
     EXPECT_TRUE(Tree().IsAlive(pid));
-
-    kill(pid, SIGINT);
-    EXPECT_EQ(Tree().WaitExit(pid, 5000), 0);
+    Stop(pid, SIGQUIT);
     EXPECT_NE(Tree().ReadLog().find("we end\n\n"), std::string::npos);
-}
-
-TEST_F(AgentProcess, SigQuitStopsADaemonInOrder)
-{
-    pid_t pid = Tree().StartDaemon();
-    ASSERT_GT(pid, 0);
-    ASSERT_TRUE(Tree().WaitForLog("we start", 5000));
-    kill(pid, SIGQUIT);
-    EXPECT_EQ(Tree().WaitExit(pid, 5000), 0);
-    EXPECT_TRUE(Tree().WaitForLog("we end", 1000));
 }
 
 TEST_F(AgentProcess, ReloadAppliesLogLevelAndAgentIdAndNeedExit)
@@ -202,8 +154,7 @@ TEST_F(AgentProcess, ReloadAppliesLogLevelAndAgentIdAndNeedExit)
 
     Tree().Config()["need_exit"] = "1";
     Tree().WriteConfig();
-    kill(pid, SIGUSR1);
-    EXPECT_EQ(Tree().WaitExit(pid, 5000), 0);
+    Stop(pid, SIGUSR1);
     std::string strLog = Tree().ReadLog();
     EXPECT_NE(strLog.find("main(receive signusr1, we will reload cfg)"), std::string::npos);
     EXPECT_NE(strLog.find("main(need_exit is not zero in cfg, we exit now)"), std::string::npos);
@@ -212,21 +163,17 @@ TEST_F(AgentProcess, ReloadAppliesLogLevelAndAgentIdAndNeedExit)
 
 TEST_F(AgentProcess, ReloadWithBadAgentIdEndsTheAgent)
 {
-    pid_t pid = Tree().StartForeground();
-    ASSERT_TRUE(Tree().WaitRunning(5000));
+    pid_t pid = StartAgent();
     Tree().Config()["agent_id"] = "0.0.0.0";
     Tree().WriteConfig();
-    kill(pid, SIGUSR1);
-    EXPECT_EQ(Tree().WaitExit(pid, 5000), 1);
+    Stop(pid, SIGUSR1, 1);
     EXPECT_EQ(Tree().ReadLog().find("we end"), std::string::npos);
 }
 
 TEST_F(AgentProcess, LogLinesHaveTheirForms)
 {
-    pid_t pid = Tree().StartForeground();
-    ASSERT_TRUE(Tree().WaitRunning(5000));
-    kill(pid, SIGINT);
-    ASSERT_EQ(Tree().WaitExit(pid, 5000), 0);
+    pid_t pid = StartAgent();
+    Stop(pid);
     std::string strLog = Tree().ReadLog();
     std::regex line("Info   \\(\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}\\)\\(tid:\\d[\\d ]{5}\\):we start\n");
     EXPECT_TRUE(std::regex_search(strLog, line)) << strLog;
@@ -234,13 +181,10 @@ TEST_F(AgentProcess, LogLinesHaveTheirForms)
 
     // Without log_file, lines go to standard output without the thread id.
     Tree().Config().erase("log_file");
-    Tree().WriteConfig();
     unlink(Tree().StdoutPath().c_str());
     unlink(Tree().LogPath().c_str());
-    pid = Tree().StartForeground();
-    ASSERT_TRUE(Tree().WaitRunning(5000));
-    kill(pid, SIGINT);
-    ASSERT_EQ(Tree().WaitExit(pid, 5000), 0);
+    pid = StartAgent();
+    Stop(pid);
     std::regex stdoutLine("Info   \\(\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}\\):we start\n");
     EXPECT_TRUE(std::regex_search(Tree().ReadStdout(), stdoutLine)) << Tree().ReadStdout();
 }

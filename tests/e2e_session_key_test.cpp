@@ -1,11 +1,11 @@
 // Session keys with the real agent: the exchange under a key pair made at
-// run time, and command requests that travel encrypted.
+// run time, and command requests that travel encrypted. Renewal, longer keys
+// and bad encrypted requests: session_key_test, in-process.
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include "install_tree.h"
+#include "agent_e2e.h"
 #include "server_crypto.h"
-#include "test_work_server.h"
 #include "util.h"
 
 using namespace agent_test;
@@ -14,30 +14,16 @@ namespace {
 
 const unsigned int AGENT_ID = brel_lib::IpStringToInt("127.0.0.1");
 
-class AgentSessionKey : public ::testing::Test {
+class AgentSessionKey : public AgentEndToEnd {
 protected:
     void SetUp() override
     {
-        std::string strWhy;
-        if (!CanRunEndToEnd(strWhy)) GTEST_SKIP() << strWhy;
-        m_pTree = std::make_unique<InstallTree>();
-        m_pServer = std::make_unique<TestWorkServer>();
-        m_strPrivate = m_pTree->Path("private.pem");
-        ASSERT_TRUE(MakeRsaKeyPair(m_strPrivate, m_pTree->Path("etc/publickey.pem")));
-        Tree().Config()["server_port"] = std::to_string(m_pServer->Port());
+        AgentEndToEnd::SetUp();
+        if (IsSkipped()) return;
+        m_strPrivate = Tree().Path("private.pem");
+        ASSERT_TRUE(MakeRsaKeyPair(m_strPrivate, Tree().Path("etc/publickey.pem")));
         Tree().Config()["public_key_version"] = "7";
         Server().SetAnswerHeartbeats(true);
-    }
-
-    InstallTree& Tree() { return *m_pTree; }
-    TestWorkServer& Server() { return *m_pServer; }
-
-    pid_t StartAgent()
-    {
-        Tree().WriteConfig();
-        pid_t pid = Tree().StartForeground();
-        EXPECT_TRUE(Server().WaitFor(Zik::reqWorkAgentHeartbeatCid, 5000));
-        return pid;
     }
 
     // Waits for the request and answers it with the given key; returns the secret.
@@ -101,8 +87,6 @@ protected:
         Server().Send(req, 8);
     }
 
-    std::unique_ptr<InstallTree> m_pTree;
-    std::unique_ptr<TestWorkServer> m_pServer;
     std::string m_strPrivate;
 };
 
@@ -157,76 +141,7 @@ TEST_F(AgentSessionKey, ExchangeAndEncryptedCommands)
     EXPECT_TRUE(Tree().WaitForLog("session key xxxx:0123456789abcdef:xxxxx", 1000));
     EXPECT_TRUE(Tree().WaitForLog("decrypt key:0123456789abcdef, size:", 1000));
     EXPECT_TRUE(Tree().WaitForLog("parse ret:0, size:", 1000));
-    kill(pid, SIGINT);
-    EXPECT_EQ(Tree().WaitExit(pid, 5000), 0);
-}
-
-TEST_F(AgentSessionKey, LongerKeysWork)
-{
-    for (const std::string& strKey : {std::string(24, 'k'), std::string(32, 'K')}) {
-        pid_t pid = StartAgent();
-        Handshake(strKey, 1);
-        ASSERT_TRUE(Server().WaitFor(Zik::rspSessionKeyUsedCid, 5000, nullptr, 1));
-        SendCreateEnc(strKey, 1, 7, "echo long");
-        TestWorkServer::Received got;
-        ASSERT_TRUE(Server().WaitFor(Zik::rspWorkCmdCreateCid, 5000, &got));
-        RspWorkCmdCreate created;
-        ASSERT_TRUE(DecodeBody(got, created));
-        EXPECT_EQ(created.ret, 0);
-        kill(pid, SIGINT);
-        EXPECT_EQ(Tree().WaitExit(pid, 5000), 0);
-        m_pServer = std::make_unique<TestWorkServer>();
-        Server().SetAnswerHeartbeats(true);
-        Tree().Config()["server_port"] = std::to_string(m_pServer->Port());
-    }
-}
-
-TEST_F(AgentSessionKey, BadEncryptedRequestsAreDroppedAndTheAgentGoesOn)
-{
-    Tree().Config()["log_mask_session_key"] = "1";
-    pid_t pid = StartAgent();
-    std::string strKey = "fedcba9876543210";
-    Handshake(strKey);
-    ASSERT_TRUE(Server().WaitFor(Zik::rspSessionKeyUsedCid, 5000));
-
-    SendCreateEnc(strKey, 9, 1, "echo unknown key");
-    EXPECT_TRUE(Tree().WaitForLog("CProcessCommon::ReqCmdCreateEnc(no session key, keySn:9)", 3000));
-    SendRawEnc<ReqWorkCmdCreateEnc>("not a whole block", 1, 2);
-    EXPECT_TRUE(Tree().WaitForLog("CProcessCommon::ReqCmdCreateEnc(decrypt error)", 3000));
-    SendRawEnc<ReqWorkCmdCreateEnc>(AesEncrypt(strKey, "garbage, not BER"), 1, 3);
-    EXPECT_TRUE(Tree().WaitForLog("CProcessCommon::ReqCmdCreateEnc(parse from buffer error)", 3000));
-    SendRawEnc<ReqWorkCmdSetActionEnc>(std::string(16, 'x'), 1, 4);
-    EXPECT_TRUE(Tree().WaitForLog("CProcessCommon::ReqCmdSetActionEnc(", 3000));
-    // Padding counts beyond the data, and hostile lengths: no reply, no crash.
-    std::string strPadded(31, 'p');
-    strPadded.push_back(static_cast<char>(200));
-    SendRawEnc<ReqWorkCmdCreateEnc>(strPadded, 1, 5);
-
-    SendCreateEnc(strKey, 1, 6, "echo fine");
-    TestWorkServer::Received got;
-    ASSERT_TRUE(Server().WaitFor(Zik::rspWorkCmdCreateCid, 5000, &got));
-    RspWorkCmdCreate created;
-    ASSERT_TRUE(DecodeBody(got, created));
-    EXPECT_EQ(created.workId, 6);  // the first reply of all: the bad ones got none
-    EXPECT_TRUE(Tree().WaitForLog("session key xxxx:******:xxxxx", 1000));
-    EXPECT_EQ(Tree().ReadLog().find(strKey), std::string::npos);
-    EXPECT_TRUE(Tree().IsAlive(pid));
-    kill(pid, SIGINT);
-    EXPECT_EQ(Tree().WaitExit(pid, 5000), 0);
-}
-
-TEST_F(AgentSessionKey, MissingPublicKeyIsLoggedAndPlainRequestsWork)
-{
-    unlink(Tree().Path("etc/publickey.pem").c_str());
-    pid_t pid = StartAgent();
-    EXPECT_TRUE(Tree().WaitForLog("CProcessCommon::ReqUpdateSessionKey(open public key file failed, /proc/", 3000));
-    EXPECT_NE(Tree().ReadLog().find("Error  ("), std::string::npos);
-    EXPECT_EQ(Server().Count(Zik::reqSessionKeyCid), 0);
-    ReqWorkAgentInfo info;
-    Server().Send(info, 1);
-    EXPECT_TRUE(Server().WaitFor(Zik::rspWorkAgentInfoCid, 3000));
-    kill(pid, SIGINT);
-    EXPECT_EQ(Tree().WaitExit(pid, 5000), 0);
+    Stop(pid);
 }
 
 } // namespace

@@ -3,7 +3,7 @@
 #include <signal.h>
 #include <sys/wait.h>
 
-#include "install_tree.h"
+#include "agent_e2e.h"
 #include "tcp_peer.h"
 
 using namespace agent_test;
@@ -23,15 +23,15 @@ int Shell(const std::string& strCommand, std::string& strOut)
     return WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -1;
 }
 
-class WorkServerTool : public ::testing::Test {
+// The agent serves the tool's server instead of the test work server.
+class WorkServerTool : public AgentEndToEnd {
 protected:
     void SetUp() override
     {
-        std::string strWhy;
-        if (!CanRunEndToEnd(strWhy)) GTEST_SKIP() << strWhy;
-        m_pTree = std::make_unique<InstallTree>();
+        AgentEndToEnd::SetUp();
+        if (IsSkipped()) return;
         m_nPort = RefusedPort();
-        m_strControl = m_pTree->Path("ws.sock");
+        m_strControl = Tree().Path("ws.sock");
         m_strTool = std::string(WORK_SERVER_BINARY) + " ";
         m_pidServer = fork();
         if (m_pidServer == 0) {
@@ -41,9 +41,9 @@ protected:
             _exit(127);
         }
         ASSERT_TRUE(WaitUntil([&] { return access(m_strControl.c_str(), F_OK) == 0; }, 5000));
-        m_pTree->Config()["server_port"] = std::to_string(m_nPort);
-        m_pTree->WriteConfig();
-        m_pidAgent = m_pTree->StartForeground();
+        Tree().Config()["server_port"] = std::to_string(m_nPort);
+        Tree().WriteConfig();
+        m_pidAgent = Tree().StartForeground();
     }
 
     void TearDown() override
@@ -56,7 +56,6 @@ protected:
 
     std::string Tool(const std::string& strArgs) { return m_strTool + strArgs + " --control " + m_strControl; }
 
-    std::unique_ptr<InstallTree> m_pTree;
     unsigned short m_nPort = 0;
     std::string m_strControl, m_strTool;
     pid_t m_pidServer = -1, m_pidAgent = -1;
@@ -91,7 +90,7 @@ TEST_F(WorkServerTool, ErrorsAreClear)
                           10000));
     pid_t pidRun = fork();
     if (pidRun == 0) {
-        std::string strCommand = Tool("run --agent 127.0.0.1") + " -- 'sleep 20' > " + m_pTree->Path("run.out") + " 2>&1";
+        std::string strCommand = Tool("run --agent 127.0.0.1") + " -- 'sleep 20' > " + Tree().Path("run.out") + " 2>&1";
         execl("/bin/sh", "sh", "-c", strCommand.c_str(), static_cast<char*>(nullptr));
         _exit(127);
     }
@@ -100,7 +99,7 @@ TEST_F(WorkServerTool, ErrorsAreClear)
     int nStatus = 0;
     ASSERT_TRUE(WaitUntil([&] { return waitpid(pidRun, &nStatus, WNOHANG) == pidRun; }, 10000));
     EXPECT_EQ(WEXITSTATUS(nStatus), 2);
-    EXPECT_NE(ReadFile(m_pTree->Path("run.out")).find("the agent was lost"), std::string::npos);
+    EXPECT_NE(ReadFile(Tree().Path("run.out")).find("the agent was lost"), std::string::npos);
 }
 
 } // namespace

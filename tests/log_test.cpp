@@ -25,10 +25,7 @@ class LogTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        char szDir[] = "/tmp/log_test_XXXXXX";
-        ASSERT_NE(mkdtemp(szDir), nullptr);
-        m_strDir = szDir;
-        m_strBase = m_strDir + "/agent";
+        m_strBase = m_dir.Path("agent");
         LogFile(m_strBase);
         SetLogInfo(10, 10);
         LogLevel(LOG_LEVEL_INFO);
@@ -38,10 +35,9 @@ protected:
         LogFile("");
         SetLogInfo(10, 10);
         LogLevel(LOG_LEVEL_INFO);
-        std::string strCommand = "rm -rf " + m_strDir;
-        ASSERT_EQ(system(strCommand.c_str()), 0);
     }
-    std::string m_strDir, m_strBase;
+    agent_test::TempDir m_dir{"log_test_"};
+    std::string m_strBase;
 };
 
 TEST_F(LogTest, FileLineForm)
@@ -98,7 +94,7 @@ TEST_F(LogTest, ExactSizeRotates)
 
 TEST_F(LogTest, MissingDirectoryLosesTheLine)
 {
-    LogFile(m_strDir + "/missing/agent");
+    LogFile(m_dir.Path("missing/agent"));
     EXPECT_EQ(Log(LOG_LEVEL_ERROR, "lost"), ENOENT);
 }
 

@@ -1,6 +1,7 @@
 // Session keys in the session run in-process, on a clock the test moves:
-// renewal with the newest key as secret, the two newest keys, refused answers
-// and the 30-second spacing, a clock set back, a missing public key.
+// renewal with the newest key as secret, the two newest keys, keys of 16, 24
+// and 32 bytes, refused answers and the 30-second spacing, a clock set back,
+// bad encrypted requests, a missing public key.
 #include <gtest/gtest.h>
 
 #include "server_crypto.h"
@@ -58,18 +59,38 @@ protected:
         return Session().Next(used, 1500);
     }
 
+    // The first request answered with the key.
+    void Establish(const std::string& strKey)
+    {
+        unsigned int nKeySn = 0;
+        std::string strSecret;
+        ASSERT_TRUE(NextRequest(nKeySn, strSecret));
+        Answer(strSecret, strKey, nKeySn);
+        ASSERT_TRUE(Accepted());
+    }
+
+    template <class T>
+    void SendEnc(const std::string& strEnc, unsigned int nKeySn, unsigned int nWorkId)
+    {
+        T req;
+        req.encData.ReSet(strEnc.data(), strEnc.size());
+        req.keySn = static_cast<int>(nKeySn);
+        req.workId = static_cast<int>(nWorkId);
+        Session().Send(req);
+    }
+
     // An encrypted create under the key: its ret, or -1 for no reply.
     int CreateEnc(const std::string& strKey, unsigned int nKeySn, unsigned int nWorkId)
     {
         ReqWorkCmdCreateEncData data;
         data.cmd = "true";
-        std::string strEnc = AesEncrypt(strKey, EncodeRecord(data));
-        ReqWorkCmdCreateEnc req;
-        req.encData.ReSet(strEnc.data(), strEnc.size());
-        req.keySn = static_cast<int>(nKeySn);
-        req.workId = static_cast<int>(nWorkId);
-        Session().Send(req);
+        SendEnc<ReqWorkCmdCreateEnc>(AesEncrypt(strKey, EncodeRecord(data)), nKeySn, nWorkId);
         return Session().NextRet<RspWorkCmdCreate>(1000);
+    }
+
+    bool Logged(const std::string& strText)
+    {
+        return WaitUntil([&] { return Session().ReadLog().find(strText) != std::string::npos; }, 2000);
     }
 
     std::unique_ptr<SessionHarness> m_pSession;
@@ -99,6 +120,55 @@ TEST_F(SessionKeys, RenewalKeepsTheTwoNewestKeys)
     EXPECT_NE(Session().ReadLog().find("CProcessCommon::ReqCmdCreateEnc(no session key, keySn:1)"), std::string::npos);
     EXPECT_EQ(CreateEnc(keys[1], 2, 12), 0);
     EXPECT_EQ(CreateEnc(keys[2], 3, 13), 0);
+}
+
+TEST_F(SessionKeys, KeysOf24And32BytesWorkAsKeysAndAsSecrets)
+{
+    Session().Start();
+    const std::string strKey24(24, 'k'), strKey32(32, 'K');
+    Establish(strKey24);
+    EXPECT_EQ(CreateEnc(strKey24, 1, 7), 0);
+    Session().AdvanceClock(101);
+    unsigned int nKeySn = 0;
+    std::string strSecret;
+    ASSERT_TRUE(NextRequest(nKeySn, strSecret));
+    EXPECT_EQ(strSecret, strKey24);
+    Answer(strSecret, strKey32, nKeySn);
+    ASSERT_TRUE(Accepted());
+    EXPECT_EQ(CreateEnc(strKey32, nKeySn, 8), 0);
+}
+
+TEST_F(SessionKeys, BadEncryptedRequestsAreDroppedWithoutAReply)
+{
+    WriteFile(Session().Path("etc/config"), ReadFile(Session().Path("etc/config")) + "log_mask_session_key = 1\n");
+    Session().Start();
+    const std::string strKey = "fedcba9876543210";
+    Establish(strKey);
+    ReqWorkCmdCreateEncData data;
+    data.cmd = "echo unknown key";
+    SendEnc<ReqWorkCmdCreateEnc>(AesEncrypt(strKey, EncodeRecord(data)), 9, 1);
+    EXPECT_TRUE(Logged("CProcessCommon::ReqCmdCreateEnc(no session key, keySn:9)"));
+    SendEnc<ReqWorkCmdCreateEnc>("not a whole block", 1, 2);
+    EXPECT_TRUE(Logged("CProcessCommon::ReqCmdCreateEnc(decrypt error)"));
+    SendEnc<ReqWorkCmdCreateEnc>(AesEncrypt(strKey, "garbage, not BER"), 1, 3);
+    EXPECT_TRUE(Logged("CProcessCommon::ReqCmdCreateEnc(parse from buffer error)"));
+    SendEnc<ReqWorkCmdSetActionEnc>(std::string(16, 'x'), 1, 4);
+    EXPECT_TRUE(Logged("CProcessCommon::ReqCmdSetActionEnc("));
+    // Padding counts beyond the data, and hostile lengths: no reply, no crash.
+    std::string strPadded(31, 'p');
+    strPadded.push_back(static_cast<char>(200));
+    SendEnc<ReqWorkCmdCreateEnc>(strPadded, 1, 5);
+
+    data.cmd = "echo fine";
+    SendEnc<ReqWorkCmdCreateEnc>(AesEncrypt(strKey, EncodeRecord(data)), 1, 6);
+    RspWorkCmdCreate created;
+    ASSERT_TRUE(Session().Next(created));
+    EXPECT_EQ(created.workId, 6);  // the first reply of all: the bad ones got none
+    RspWorkCmdSetAction action;
+    EXPECT_FALSE(Session().Next(action, 300));
+    // The create's key lines are masked, and the key shows nowhere.
+    EXPECT_TRUE(Logged("session key xxxx:******:xxxxx"));
+    EXPECT_EQ(Session().ReadLog().find(strKey), std::string::npos);
 }
 
 TEST_F(SessionKeys, RefusedAnswersAreRequestedAgainAfterTheSpacing)
@@ -165,6 +235,10 @@ TEST_F(SessionKeys, MissingPublicKeyIsRetriedEvery30Seconds)
         return n;
     };
     ASSERT_TRUE(WaitUntil([&] { return count() == 1; }, 2000));
+    EXPECT_TRUE(Logged("CProcessCommon::ReqUpdateSessionKey(open public key file failed, /proc/"));
+    EXPECT_NE(Session().ReadLog().find("Error  ("), std::string::npos);
+    ReqSessionKey req;
+    EXPECT_FALSE(Session().Next(req, 300));
     Session().AdvanceClock(20);
     EXPECT_EQ(count(), 1);
     Session().AdvanceClock(11);

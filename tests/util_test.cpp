@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "ethnet.h"
+#include "install_tree.h"
 
 using namespace brel_lib;
 
@@ -102,13 +103,12 @@ TEST(Util, Paths)
     EXPECT_EQ(PathFile("/a/b/c.txt"), "c.txt");
     EXPECT_EQ(PathFile("a\\b"), "b");
 
-    char szDir[] = "/tmp/util_test_XXXXXX";
-    ASSERT_NE(mkdtemp(szDir), nullptr);
-    std::string strDeep = std::string(szDir) + "/x/y/z";
+    agent_test::TempDir dir("util_test_");
+    std::string strDeep = dir.Path("x/y/z");
     EXPECT_EQ(CreateDirs(strDeep), 0);
     EXPECT_TRUE(IsDir(strDeep));
     EXPECT_EQ(CreateDirs(strDeep + "/"), 0);  // exists already
-    std::string strFile = std::string(szDir) + "/x/file";
+    std::string strFile = dir.Path("x/file");
     FILE* f = fopen(strFile.c_str(), "w");
     fclose(f);
     chmod(strFile.c_str(), 0640);
@@ -120,8 +120,6 @@ TEST(Util, Paths)
     EXPECT_FALSE(IsDir(strFile + "/missing"));
     // A file in the way shows at the next level.
     EXPECT_EQ(CreateDirs(strFile + "/sub"), ENOTDIR);
-    std::string strCommand = std::string("rm -rf ") + szDir;
-    ASSERT_EQ(system(strCommand.c_str()), 0);
 }
 
 TEST(Util, Times)

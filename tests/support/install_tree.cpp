@@ -57,11 +57,27 @@ void WriteFile(const std::string& strPath, const std::string& strText)
     file << strText;
 }
 
-InstallTree::InstallTree()
+TempDir::TempDir(const std::string& strPrefix)
 {
-    char szTemplate[] = "/tmp/agent_e2e_XXXXXX";
-    if (mkdtemp(szTemplate) == nullptr) throw std::runtime_error("mkdtemp");
-    m_strRoot = szTemplate;
+    std::string strTemplate = "/tmp/" + strPrefix + "XXXXXX";
+    if (mkdtemp(&strTemplate[0]) == nullptr) throw std::runtime_error("mkdtemp");
+    m_strRoot = strTemplate;
+}
+
+TempDir::~TempDir()
+{
+    if (getenv("AGENT_TEST_KEEP") != nullptr) {
+        fprintf(stderr, "keeping %s\n", m_strRoot.c_str());
+        return;
+    }
+    std::string strCommand = "rm -rf '" + m_strRoot + "'";
+    if (system(strCommand.c_str()) != 0) {
+        // Leave the directory behind; nothing else to do in a destructor.
+    }
+}
+
+InstallTree::InstallTree() : TempDir("agent_e2e_")
+{
     for (const char* szDir : {"bin", "etc", "log", "tools", "tools/op", "cache"}) MakeDir(Path(szDir));
     WriteFile(Path("tools/op/restart.sh"), "#!/bin/sh\necho restarted >> ../log/restart.txt\n");
     chmod(Path("tools/op/restart.sh").c_str(), 0755);
@@ -83,23 +99,12 @@ InstallTree::InstallTree()
         {"pid_file", "../log/agent.pid"},
         {"public_key_version", "1"},
         // Never the default: the agent wipes its cache directory at start.
-        {"cache_dir", m_strRoot + "/cache/"},
+        {"cache_dir", Path("cache/")},
     };
     WriteConfig();
 }
 
-InstallTree::~InstallTree()
-{
-    StopAll();
-    if (getenv("AGENT_TEST_KEEP") != nullptr) {
-        fprintf(stderr, "keeping %s\n", m_strRoot.c_str());
-        return;
-    }
-    std::string strCommand = "rm -rf '" + m_strRoot + "'";
-    if (system(strCommand.c_str()) != 0) {
-        // Leave the tree behind; nothing else to do in a destructor.
-    }
-}
+InstallTree::~InstallTree() { StopAll(); }
 
 void InstallTree::WriteConfig()
 {

@@ -3,6 +3,7 @@
 // etc/publickey.pem, log/, tools/op/restart.sh and a cache directory.
 #pragma once
 
+#include <stdint.h>
 #include <sys/types.h>
 
 #include <map>
@@ -14,12 +15,26 @@ namespace agent_test {
 // True when the end-to-end tests may run (they need root, as in CI).
 bool CanRunEndToEnd(std::string& strWhy);
 
-class InstallTree {
+// A directory under /tmp, removed with all it holds at the end (kept when
+// AGENT_TEST_KEEP is set, for a look after a failure).
+class TempDir {
+public:
+    explicit TempDir(const std::string& strPrefix = "agent_test_");
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const std::string& Root() const { return m_strRoot; }
+    std::string Path(const std::string& strRelative) const { return m_strRoot + "/" + strRelative; }
+
+private:
+    std::string m_strRoot;
+};
+
+class InstallTree : public TempDir {
 public:
     InstallTree();
-    ~InstallTree();  // stops the agent by its pid and removes the tree
-    InstallTree(const InstallTree&) = delete;
-    InstallTree& operator=(const InstallTree&) = delete;
+    ~InstallTree();  // stops the agent by its pid; TempDir removes the tree
 
     // Settings every start needs; tests override or erase keys before WriteConfig.
     std::map<std::string, std::string>& Config() { return m_mapConfig; }
@@ -27,8 +42,6 @@ public:
     // Writes the file as it stands, for tests of malformed files.
     void WriteRawConfig(const std::string& strText);
 
-    const std::string& Root() const { return m_strRoot; }
-    std::string Path(const std::string& strRelative) const { return m_strRoot + "/" + strRelative; }
     std::string LogPath() const { return Path("log/agent.log"); }
     std::string StdoutPath() const { return Path("log/stdout.txt"); }
 
@@ -61,7 +74,6 @@ public:
     void StopAll();
 
 private:
-    std::string m_strRoot;
     std::map<std::string, std::string> m_mapConfig;
     std::map<pid_t, bool> m_mapPids;  // pids started or adopted by this tree
     std::vector<std::string> m_vecPrefix;
@@ -71,6 +83,8 @@ private:
 std::string ReadFile(const std::string& strPath);
 void WriteFile(const std::string& strPath, const std::string& strText);
 void SleepMs(int nMs);
+// Milliseconds of the monotonic clock.
+int64_t SteadyMs();
 // Polls a condition every 10 ms until it holds or the time is up.
 template <class F>
 bool WaitUntil(F condition, int nTimeoutMs);

@@ -1,9 +1,17 @@
 #pragma once
 
+#include <stdint.h>
+
 #include <chrono>
 #include <thread>
 
 namespace agent_test {
+
+inline int64_t SteadyMs()
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
 
 inline void SleepMs(int nMs) { std::this_thread::sleep_for(std::chrono::milliseconds(nMs)); }
 

@@ -1,11 +1,9 @@
 // The server session run in-process, with its managers, on a clock the test
 // moves: packets go in through its receive buffer and are taken from its send
 // buffer. The working directory is the bin/ of a temporary install tree, so
-// that the session finds ../etc beside it; one harness per test process.
+// that the session finds ../etc beside it; one harness at a time.
 #pragma once
 
-#include <stdlib.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <deque>
@@ -23,19 +21,12 @@ public:
     explicit SessionHarness(const std::string& strConfig)
         : m_rev(true, 0), m_send(false, 0), m_link(m_rev, m_send, false), m_session(m_rev, m_send)
     {
-        char szDir[] = "/tmp/session_test_XXXXXX";
-        if (mkdtemp(szDir) == nullptr) abort();
-        m_strDir = szDir;
-        for (const char* szSub : {"/bin", "/etc", "/log"}) {
-            if (mkdir((m_strDir + szSub).c_str(), 0755) != 0) abort();
-        }
         // Never the default cache directory: the session wipes it at start.
-        agent_test::WriteFile(m_strDir + "/etc/config",
-                              "public_key_version = 1\ncache_dir = " + m_strDir + "/cache/\n" + strConfig);
+        m_tree.WriteRawConfig("public_key_version = 1\ncache_dir = " + Path("cache/") + "\n" + strConfig);
         char szCwd[4096];
         m_strOldCwd = getcwd(szCwd, sizeof(szCwd)) != nullptr ? szCwd : "/";
-        if (chdir((m_strDir + "/bin").c_str()) != 0) abort();
-        brel_lib::LogFile(m_strDir + "/log/agent");
+        if (chdir(Path("bin").c_str()) != 0) abort();
+        brel_lib::LogFile(Path("log/agent"));
         brel_lib::LogLevel(brel_lib::LOG_LEVEL_DEBUG);
         g_nAgentId = 77;
         SetAgentTimeOffset(0);
@@ -47,13 +38,11 @@ public:
         SetAgentTimeOffset(0);
         brel_lib::LogFile("");
         if (chdir(m_strOldCwd.c_str()) != 0) ADD_FAILURE();
-        std::string strCommand = "rm -rf " + m_strDir;
-        if (system(strCommand.c_str()) != 0) ADD_FAILURE();
     }
 
     void Start()
     {
-        m_session.SetCfgFile(m_strDir + "/etc/config");
+        m_session.SetCfgFile(Path("etc/config"));
         m_session.SetNetwork(&m_link);
         m_session.SetAgentVersion("7.0.39");
         EXPECT_EQ(m_session.Start(), 0);
@@ -63,8 +52,8 @@ public:
     // What the link reports after each connect, on the caller's thread.
     void LinkConnected() { m_session.NetConnected(brel_lib::BREL_CONNECT_OK); }
 
-    std::string Path(const std::string& strRelative) const { return m_strDir + "/" + strRelative; }
-    std::string ReadLog() const { return agent_test::ReadFile(m_strDir + "/log/agent.log"); }
+    std::string Path(const std::string& strRelative) const { return m_tree.Path(strRelative); }
+    std::string ReadLog() const { return m_tree.ReadLog(); }
 
     template <class T>
     void Send(T& req, int nAppend = 1)
@@ -73,14 +62,21 @@ public:
         m_rev.Push(bytes.data(), static_cast<unsigned int>(bytes.size()), brel_lib::BREL_DATA_NORMAL_PRI);
     }
 
-    // The next packet of the message type T (others are kept for later); false on timeout.
+    // The next packet of the message type T that the predicate accepts
+    // (others are kept for later); false on timeout.
     template <class T>
     bool Next(T& out, int nTimeoutMs = 3000)
+    {
+        return NextWhere(out, [](const T&) { return true; }, nTimeoutMs);
+    }
+
+    template <class T, class F>
+    bool NextWhere(T& out, F accept, int nTimeoutMs)
     {
         int64_t lDeadline = agent_test::SteadyMs() + nTimeoutMs;
         while (true) {
             for (auto it = m_deqPending.begin(); it != m_deqPending.end(); ++it) {
-                if (agent_test::DecodeBody(*it, out)) {
+                if (agent_test::DecodeBody(*it, out) && accept(out)) {
                     m_deqPending.erase(it);
                     return true;
                 }
@@ -106,21 +102,44 @@ public:
         return Next(rsp, nTimeoutMs) ? rsp.ret.value : -1;
     }
 
-    int Create(unsigned int nWorkId)
+    // Command requests: the ret of the reply for the work, or -1 when none came in time.
+    int Create(unsigned int nWorkId, const std::string& strCmd = "true", int nFlag = 0, int nTimeout = 0,
+               int nBufSize = 0)
     {
         ReqWorkCmdCreate req;
-        req.workId = static_cast<int>(nWorkId);
-        req.cmd = "true";
-        Send(req);
-        return NextRet<RspWorkCmdCreate>();
+        req.flag = nFlag;
+        req.timeout = nTimeout;
+        req.bufSize = nBufSize;
+        req.cmd = strCmd.c_str();
+        return Ask<RspWorkCmdCreate>(req, nWorkId);
     }
 
-    int Delete(unsigned int nWorkId)
+    int Start(unsigned int nWorkId, int nAction = 1)
+    {
+        ReqWorkCmdSetAction req;
+        req.action = nAction;
+        return Ask<RspWorkCmdSetAction>(req, nWorkId);
+    }
+
+    int Delete(unsigned int nWorkId, int nTimeoutMs = 3000)
     {
         ReqWorkCmdDelete req;
+        return Ask<RspWorkCmdDelete>(req, nWorkId, nTimeoutMs);
+    }
+
+    bool Query(RspWorkCmdQuery& rsp, unsigned int nWorkId)
+    {
+        ReqWorkCmdQuery req;
         req.workId = static_cast<int>(nWorkId);
         Send(req);
-        return NextRet<RspWorkCmdDelete>();
+        return NextFor(rsp, nWorkId, 3000);
+    }
+
+    // The unasked result of the work: a report with status 2 or 3.
+    bool Result(RspWorkCmdQuery& rsp, unsigned int nWorkId, int nTimeoutMs = 5000)
+    {
+        return NextWhere(
+            rsp, [&](const RspWorkCmdQuery& m) { return WorkOf(m) == nWorkId && m.status >= 2; }, nTimeoutMs);
     }
 
     // Moves the agent's clock and lets the session run a pass on it.
@@ -132,7 +151,28 @@ public:
     }
 
 private:
-    std::string m_strDir;
+    template <class T>
+    static unsigned int WorkOf(const T& msg)
+    {
+        return static_cast<unsigned int>(msg.workId.value);
+    }
+
+    template <class T>
+    bool NextFor(T& out, unsigned int nWorkId, int nTimeoutMs)
+    {
+        return NextWhere(out, [&](const T& m) { return WorkOf(m) == nWorkId; }, nTimeoutMs);
+    }
+
+    template <class TRsp, class TReq>
+    int Ask(TReq& req, unsigned int nWorkId, int nTimeoutMs = 3000)
+    {
+        req.workId = static_cast<int>(nWorkId);
+        Send(req);
+        TRsp rsp;
+        return NextFor(rsp, nWorkId, nTimeoutMs) ? rsp.ret.value : -1;
+    }
+
+    agent_test::InstallTree m_tree;  // first in, last out: the session ends before the tree goes
     std::string m_strOldCwd;
     brel_lib::CDataBufferSTLDeque m_rev;
     brel_lib::CDataBufferSTLDeque m_send;

@@ -5,25 +5,24 @@
 #include <string>
 #include <vector>
 
+#include "network/packet_listener.h"
+
 namespace agent_test {
 
 class TcpPeer {
 public:
     // Listens on 127.0.0.1 with a free port (or the given one).
     explicit TcpPeer(unsigned short nPort = 0, int nBacklog = 16);
-    ~TcpPeer();
-    TcpPeer(const TcpPeer&) = delete;
-    TcpPeer& operator=(const TcpPeer&) = delete;
 
-    unsigned short Port() const { return m_nPort; }
+    unsigned short Port() const { return m_listener.Port(); }
     // Accepts one connection, closing any earlier one; false on timeout.
     bool Accept(int nTimeoutMs);
-    bool Connected() const { return m_fdConn >= 0; }
-    void CloseConnection();
-    void CloseListener();
+    bool Connected() const { return m_conn.IsOpen(); }
+    void CloseConnection() { m_conn.Close(); }
+    void CloseListener() { m_listener.Close(); }
 
-    bool Write(const std::vector<unsigned char>& bytes);
-    bool Write(const std::string& bytes);
+    bool Write(const std::vector<unsigned char>& bytes) { return m_conn.WriteAll(bytes.data(), bytes.size()) == 0; }
+    bool Write(const std::string& bytes) { return m_conn.WriteAll(bytes.data(), bytes.size()) == 0; }
     // Reads one packet by the stream framing; empty on timeout or close.
     std::vector<unsigned char> ReadPacket(int nTimeoutMs);
     // Reads exactly n bytes; false on timeout or close.
@@ -32,12 +31,8 @@ public:
     bool WaitClosedByPeer(int nTimeoutMs);
 
 private:
-    bool WaitReadable(int fd, int nTimeoutMs);
-
-    int m_fdListen = -1;
-    int m_fdConn = -1;
-    unsigned short m_nPort = 0;
-    std::vector<unsigned char> m_vecPending;  // bytes read beyond the last packet
+    brel_lib::CPacketListener m_listener;
+    brel_lib::CPacketConnection m_conn;
 };
 
 // A packet as the stream framing sees it: tag 30, the shortest length form,

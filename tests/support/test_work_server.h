@@ -6,17 +6,18 @@
 
 #include <stdint.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
 #include <vector>
 
 #include "asn_parse.h"
+#include "install_tree.h"
+#include "network/packet_listener.h"
 #include "zik_pkt.h"
 
 namespace agent_test {
-
-int64_t SteadyMs();
 
 class TestWorkServer {
 public:
@@ -34,7 +35,7 @@ public:
     TestWorkServer(const TestWorkServer&) = delete;
     TestWorkServer& operator=(const TestWorkServer&) = delete;
 
-    unsigned short Port() const { return m_nPort; }
+    unsigned short Port() const { return m_listener.Port(); }
     // Answers each heartbeat with a RspWorkAgentHeartbeat when on.
     void SetAnswerHeartbeats(bool bOn) { m_bAnswerHeartbeats = bOn; }
 
@@ -53,21 +54,19 @@ public:
 
 private:
     void Loop();
-    void OnBytes(const unsigned char* p, size_t n);
+    void TakePackets();
     void Record(const std::vector<unsigned char>& packet);
 
-    int m_fdListen = -1;
-    unsigned short m_nPort = 0;
+    brel_lib::CPacketListener m_listener;  // the loop's own
     std::thread m_thread;
     bool m_bStop = false;  // guarded by m_mutex
     std::atomic<bool> m_bAnswerHeartbeats{false};
 
     std::mutex m_mutex;  // guards everything below
     std::condition_variable m_cond;
-    int m_fdConn = -1;
+    brel_lib::CPacketConnection m_conn;
     int m_nConnections = 0;
     std::vector<int64_t> m_vecConnectTimes;
-    std::vector<unsigned char> m_vecPending;
     std::vector<Received> m_vecReceived;
     bool m_bDropRequested = false;
 };

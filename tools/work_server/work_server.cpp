@@ -11,9 +11,7 @@
 // `run` prints the command's standard output and error and exits with its
 // exit code. The control protocol is one line of text each way, with the
 // strings in hexadecimal.
-#include <arpa/inet.h>
 #include <errno.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdio.h>
@@ -25,12 +23,13 @@
 #include <unistd.h>
 
 #include <map>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "asn_parse.h"
-#include "network/stream_framing.h"
+#include "network/packet_listener.h"
 #include "util.h"
 #include "zik_pkt.h"
 
@@ -102,9 +101,8 @@ bool WriteAll(int fd, const std::string& str)
 // ---- the server ------------------------------------------------------------------
 
 struct Agent {
-    int fd = -1;
+    brel_lib::CPacketConnection conn;
     std::string strAddr;
-    std::vector<char> vecPending;
     bool bKnown = false;  // a heartbeat told its id
     unsigned int nId = 0;
     time_t tLastHeartbeat = 0;
@@ -130,10 +128,10 @@ private:
     template <class T>
     bool SendTo(int fd, T& msg, int nAppend = 0);
 
-    int m_fdListen = -1;
+    brel_lib::CPacketListener m_listener;
     int m_fdControl = -1;
     std::string m_strControlPath;
-    std::map<int, Agent> m_mapAgents;  // by descriptor
+    std::map<int, std::unique_ptr<Agent>> m_mapAgents;  // by descriptor
     std::map<unsigned int, Job> m_mapJobs;  // by work id
     unsigned int m_nNextWorkId = static_cast<unsigned int>(time(nullptr)) & 0x7fffffff;
     bool m_bStop = false;
@@ -152,15 +150,11 @@ bool Server::Listen(const std::string& strListen, const std::string& strControl)
 {
     size_t nColon = strListen.rfind(':');
     if (nColon == std::string::npos) return false;
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(static_cast<unsigned short>(atoi(strListen.substr(nColon + 1).c_str())));
-    if (inet_pton(AF_INET, strListen.substr(0, nColon).c_str(), &addr.sin_addr) != 1) return false;
-    m_fdListen = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    int nOn = 1;
-    setsockopt(m_fdListen, SOL_SOCKET, SO_REUSEADDR, &nOn, sizeof(nOn));
-    if (bind(m_fdListen, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 || listen(m_fdListen, 64) != 0) {
-        fprintf(stderr, "work_server: cannot listen on %s: %s\n", strListen.c_str(), strerror(errno));
+    unsigned short nPort = static_cast<unsigned short>(atoi(strListen.substr(nColon + 1).c_str()));
+    int nRet = m_listener.Listen(strListen.substr(0, nColon), nPort, 64);
+    if (nRet != 0) {
+        fprintf(stderr, "work_server: cannot listen on %s: %s\n", strListen.c_str(),
+                nRet < 0 ? "not an IPv4 address" : strerror(nRet));
         return false;
     }
     sockaddr_un un{};
@@ -182,7 +176,7 @@ int Server::Serve(const std::string& strListen, const std::string& strControl)
     printf("work_server: serving agents on %s, control at %s\n", strListen.c_str(), strControl.c_str());
     fflush(stdout);
     while (!m_bStop) {
-        std::vector<pollfd> fds = {{m_fdListen, POLLIN, 0}, {m_fdControl, POLLIN, 0}};
+        std::vector<pollfd> fds = {{m_listener.GetSocket(), POLLIN, 0}, {m_fdControl, POLLIN, 0}};
         for (const auto& pair : m_mapAgents) fds.push_back({pair.first, POLLIN, 0});
         if (poll(fds.data(), fds.size(), 1000) <= 0) continue;
         if (fds[0].revents & POLLIN) AcceptAgent();
@@ -193,7 +187,7 @@ int Server::Serve(const std::string& strListen, const std::string& strControl)
         for (size_t i = 2; i < fds.size(); ++i) {
             if (fds[i].revents == 0) continue;
             auto it = m_mapAgents.find(fds[i].fd);
-            if (it != m_mapAgents.end()) ReadAgent(it->second);
+            if (it != m_mapAgents.end()) ReadAgent(*it->second);
         }
     }
     unlink(m_strControlPath.c_str());
@@ -202,13 +196,11 @@ int Server::Serve(const std::string& strListen, const std::string& strControl)
 
 void Server::AcceptAgent()
 {
-    sockaddr_in addr{};
-    socklen_t nLen = sizeof(addr);
-    int fd = accept4(m_fdListen, reinterpret_cast<sockaddr*>(&addr), &nLen, SOCK_CLOEXEC);
-    if (fd < 0) return;
-    Agent& agent = m_mapAgents[fd];
-    agent.fd = fd;
-    agent.strAddr = brel_lib::IpIntToString(addr.sin_addr.s_addr) + ":" + std::to_string(ntohs(addr.sin_port));
+    std::unique_ptr<Agent> pAgent(new Agent);
+    if (m_listener.Accept(pAgent->conn, 0) != 0) return;
+    Agent& agent = *pAgent;
+    agent.strAddr = agent.conn.PeerAddress();
+    m_mapAgents[agent.conn.GetSocket()] = std::move(pAgent);
     printf("work_server: agent connected from %s\n", agent.strAddr.c_str());
     fflush(stdout);
 }
@@ -217,8 +209,8 @@ void Server::DropAgent(int fd)
 {
     auto it = m_mapAgents.find(fd);
     if (it == m_mapAgents.end()) return;
-    printf("work_server: agent %s at %s is gone\n", it->second.bKnown ? AgentName(it->second.nId).c_str() : "?",
-           it->second.strAddr.c_str());
+    printf("work_server: agent %s at %s is gone\n", it->second->bKnown ? AgentName(it->second->nId).c_str() : "?",
+           it->second->strAddr.c_str());
     fflush(stdout);
     for (auto job = m_mapJobs.begin(); job != m_mapJobs.end();) {
         if (job->second.fdAgent == fd) {
@@ -229,30 +221,21 @@ void Server::DropAgent(int fd)
             ++job;
         }
     }
-    close(fd);
-    m_mapAgents.erase(it);
+    m_mapAgents.erase(it);  // closes the connection
 }
 
 void Server::ReadAgent(Agent& agent)
 {
-    char buf[65536];
-    ssize_t n = read(agent.fd, buf, sizeof(buf));
-    if (n <= 0) {
-        DropAgent(agent.fd);
+    if (agent.conn.ReadSome(0) <= 0) {
+        DropAgent(agent.conn.GetSocket());
         return;
     }
-    agent.vecPending.insert(agent.vecPending.end(), buf, buf + n);
-    while (true) {
-        int nPacket = brel_lib::asn_packet_complete(agent.vecPending.data(), static_cast<unsigned int>(agent.vecPending.size()));
-        if (nPacket == 0) return;
-        if (nPacket < 0) {
-            DropAgent(agent.fd);
-            return;
-        }
-        std::vector<char> packet(agent.vecPending.begin(), agent.vecPending.begin() + nPacket);
-        agent.vecPending.erase(agent.vecPending.begin(), agent.vecPending.begin() + nPacket);
-        DealPacket(agent, packet.data(), static_cast<unsigned int>(packet.size()));
+    std::vector<unsigned char> packet;
+    int nRet;
+    while ((nRet = agent.conn.NextPacket(packet)) == 1) {
+        DealPacket(agent, reinterpret_cast<char*>(packet.data()), static_cast<unsigned int>(packet.size()));
     }
+    if (nRet < 0) DropAgent(agent.conn.GetSocket());
 }
 
 void Server::DealPacket(Agent& agent, char* pData, unsigned int nSize)
@@ -268,7 +251,7 @@ void Server::DealPacket(Agent& agent, char* pData, unsigned int nSize)
         agent.tLastHeartbeat = time(nullptr);
         RspWorkAgentHeartbeat rsp;  // an answer keeps the agent on this server
         rsp.ret = 0;
-        SendTo(agent.fd, rsp);
+        SendTo(agent.conn.GetSocket(), rsp);
         break;
     }
     case Zik::rspWorkCmdCreateCid: {
@@ -282,7 +265,7 @@ void Server::DealPacket(Agent& agent, char* pData, unsigned int nSize)
         ReqWorkCmdSetAction start;
         start.workId = rsp.workId;
         start.action = 1;
-        SendTo(agent.fd, start);
+        SendTo(agent.conn.GetSocket(), start);
         break;
     }
     case Zik::rspWorkCmdSetActionCid: {
@@ -303,7 +286,7 @@ void Server::DealPacket(Agent& agent, char* pData, unsigned int nSize)
              << ToHex(std::string(rsp.stdErr.octs, rsp.stdErr.octetLen)) << '\n';
         ReqWorkCmdDelete del;  // the result is taken: stop its repeats
         del.workId = rsp.workId;
-        SendTo(agent.fd, del);
+        SendTo(agent.conn.GetSocket(), del);
         FinishJob(nWorkId, line.str());
         break;
     }
@@ -334,7 +317,7 @@ void Server::DealControl(int fd)
     if (strVerb == "LIST") {
         std::ostringstream out;
         for (const auto& pair : m_mapAgents) {
-            const Agent& a = pair.second;
+            const Agent& a = *pair.second;
             if (!a.bKnown) continue;
             out << "AGENT " << AgentName(a.nId) << ' ' << a.nId << ' ' << a.strAddr << ' '
                 << (time(nullptr) - a.tLastHeartbeat) << '\n';
@@ -352,7 +335,7 @@ void Server::DealControl(int fd)
         int fdAgent = -1;
         if (ParseAgent(strAgent, nId)) {
             for (const auto& pair : m_mapAgents) {
-                if (pair.second.bKnown && pair.second.nId == nId) fdAgent = pair.first;
+                if (pair.second->bKnown && pair.second->nId == nId) fdAgent = pair.first;
             }
         }
         if (fdAgent < 0) {

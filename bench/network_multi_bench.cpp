@@ -1,0 +1,150 @@
+// 1 GiB through one server loop and one client loop on loopback, the way file
+// blocks travel from a source agent to a destination: a producer pushes
+// blocks into the server's send buffer, the client loop cuts them out of the
+// stream into its receive buffer, and a consumer takes and frees them. Beside
+// it, the bare machine's plain socket copy of the same bytes in the same run.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bench_util.h"
+#include "data_buffer.h"
+#include "log.h"
+#include "network/network_multi_client.h"
+#include "network/network_server.h"
+#include "util.h"
+
+namespace {
+
+const unsigned long long TOTAL = 1ULL << 30;
+// Blocks in flight between producer and consumer, as a pull protocol keeps a few requests open.
+const unsigned int WINDOW = 32;
+
+std::atomic<unsigned int> g_nServerConnectId{0};
+
+void OnServerEvent(unsigned int nConnectId, brel_lib::BREL_NET_CALLBACK_TYPE type, void*, int)
+{
+    if (type == brel_lib::BREL_CONNECT_NEW_CLIENT) g_nServerConnectId = nConnectId;
+}
+
+// A block of nSize bytes in all, framed as one packet.
+std::vector<char> FramedBlock(unsigned int nSize)
+{
+    unsigned int nContent = nSize - 6;
+    std::vector<char> block(nSize, 'x');
+    block[0] = 0x30;
+    block[1] = static_cast<char>(0x84);
+    for (int i = 0; i < 4; ++i) block[2 + i] = static_cast<char>(nContent >> (24 - 8 * i));
+    return block;
+}
+
+void LoopTransfer(unsigned int nBlock)
+{
+    using namespace brel_lib;
+    CDataBufferSTLDeque serverRev(true, 0), serverSend(false, 0), clientRev(true, 0), clientSend(false, 0);
+    CNetworkServerBrel server(serverRev, serverSend, 4096);
+    CNetworkMultiClientBrel client(clientRev, clientSend, 0x20000);
+    g_nServerConnectId = 0;
+    server.SetNetClientCallback(OnServerEvent, nullptr);
+    std::string strIp;
+    unsigned short nPort = 0;
+    if (server.CreateServer("127.0.0.1", 0) != 0 || server.GetListenIpPort(strIp, nPort) != 0) exit(1);
+    server.Start();
+    client.Start();
+    std::atomic<unsigned int> nRun{1};
+    unsigned int nClientId = 0;
+    if (client.ConnectToServer(nClientId, nRun, "127.0.0.1", nPort, 3000) != 0) exit(1);
+    while (g_nServerConnectId == 0) Sleep(1);
+    const int nServerId = static_cast<int>(g_nServerConnectId.load());
+
+    const unsigned long long lBlocks = TOTAL / nBlock;
+    std::vector<char> block = FramedBlock(nBlock);
+    std::mutex mutex;
+    std::condition_variable cond;
+    unsigned long long lTaken = 0;
+    std::thread consumer([&] {
+        for (unsigned long long n = 0; n < lBlocks;) {
+            unsigned int nSize = 0;
+            void* p = clientRev.GetFrontAndPop(nSize, 100);
+            if (p == nullptr) continue;
+            if (nSize != nBlock) exit(2);
+            CDataBufferSTLDeque::FreePopData(p);
+            ++n;
+            std::lock_guard<std::mutex> lock(mutex);
+            lTaken = n;
+            cond.notify_one();
+        }
+    });
+    for (unsigned long long n = 0; n < lBlocks; ++n) {
+        {
+            std::unique_lock<std::mutex> lock(mutex);
+            cond.wait(lock, [&] { return n < lTaken + WINDOW; });
+        }
+        serverSend.Push2(block.data(), nBlock, nServerId, BREL_DATA_NORMAL_PRI);
+    }
+    consumer.join();
+}
+
+void PlainCopy(unsigned int nBlock)
+{
+    int fdListen = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bind(fdListen, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+    listen(fdListen, 1);
+    socklen_t nLen = sizeof(addr);
+    getsockname(fdListen, reinterpret_cast<sockaddr*>(&addr), &nLen);
+    int fdClient = socket(AF_INET, SOCK_STREAM, 0);
+    if (connect(fdClient, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) exit(1);
+    int fdServer = accept(fdListen, nullptr, nullptr);
+    std::thread writer([&] {
+        std::vector<char> block(nBlock, 'x');
+        for (unsigned long long lDone = 0; lDone < TOTAL;) {
+            ssize_t n = write(fdServer, block.data(), nBlock);
+            if (n <= 0) exit(1);
+            lDone += static_cast<unsigned long long>(n);
+        }
+    });
+    std::vector<char> buf(nBlock);
+    for (unsigned long long lDone = 0; lDone < TOTAL;) {
+        ssize_t n = read(fdClient, buf.data(), nBlock);
+        if (n <= 0) exit(1);
+        lDone += static_cast<unsigned long long>(n);
+    }
+    writer.join();
+    close(fdServer);
+    close(fdClient);
+    close(fdListen);
+}
+
+} // namespace
+
+// With arguments "loop <block size>" or "plain <block size>": one transfer of
+// that kind only, for a profiler.
+int main(int argc, char** argv)
+{
+    brel_lib::LogLevel(brel_lib::LOG_LEVEL_WARNING);
+    if (argc == 3) {
+        unsigned int nBlock = static_cast<unsigned int>(atoi(argv[2]));
+        if (std::string(argv[1]) == "loop") LoopTransfer(nBlock);
+        if (std::string(argv[1]) == "plain") PlainCopy(nBlock);
+        return 0;
+    }
+    const double dMiB = static_cast<double>(TOTAL) / (1 << 20);
+    for (unsigned int nBlock : {256u * 1024, 64u * 1024}) {
+        double dOurs = bench::BestSeconds(3, [&] { LoopTransfer(nBlock); });
+        double dBare = bench::BestSeconds(3, [&] { PlainCopy(nBlock); });
+        std::string strWhat = "1 GiB server loop -> client loop, " + std::to_string(nBlock / 1024) + " KiB";
+        bench::Report(strWhat.c_str(), "MiB/s", dMiB / dOurs, "plain socket copy", dMiB / dBare);
+    }
+    return 0;
+}

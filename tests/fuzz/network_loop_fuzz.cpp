@@ -1,0 +1,85 @@
+// libFuzzer target: the input as the byte stream of one connection into a
+// running server loop whose packets are echoed back. The loop must close the
+// connection after the peer's half-close (or earlier, on a broken stream),
+// within a bound, without crashing or leaking, and keep serving afterwards.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+
+#include "data_buffer.h"
+#include "log.h"
+#include "network/network_server.h"
+
+namespace {
+
+struct Loop {
+    brel_lib::CDataBufferSTLDeque rev{true, 0};
+    brel_lib::CDataBufferSTLDeque send{false, 0};
+    brel_lib::CNetworkServerBrel server{rev, send, 4096};
+    unsigned short nPort = 0;
+    std::thread echo;
+
+    Loop()
+    {
+        brel_lib::LogLevel(brel_lib::LOG_LEVEL_NONE);
+        std::string strIp;
+        if (server.CreateServer("127.0.0.1", 0) != 0 || server.GetListenIpPort(strIp, nPort) != 0) __builtin_trap();
+        server.Start();
+        // Lives as long as the process: libFuzzer ends it with exit.
+        echo = std::thread([this] {
+            while (true) {
+                unsigned int nSize = 0, nSpeed = 0;
+                int nAppend = 0;
+                void* p = rev.GetFrontAndPop3(nSize, nSpeed, nAppend, 100);
+                if (p == nullptr) continue;
+                send.Push2(p, nSize, nAppend, brel_lib::BREL_DATA_NORMAL_PRI);
+                brel_lib::CDataBufferSTLDeque::FreePopData(p);
+            }
+        });
+        echo.detach();
+    }
+};
+
+Loop& TheLoop()
+{
+    static Loop* pLoop = new Loop();
+    return *pLoop;
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t nSize)
+{
+    Loop& loop = TheLoop();
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(loop.nPort);
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) __builtin_trap();
+    // The first byte cuts the stream into writes of that many bytes, as a socket may deliver it.
+    size_t nChunk = nSize > 0 && pData[0] != 0 ? pData[0] : 4096;
+    for (size_t nPos = 0; nPos < nSize; nPos += nChunk) {
+        size_t n = nSize - nPos < nChunk ? nSize - nPos : nChunk;
+        if (send(fd, pData + nPos, n, MSG_NOSIGNAL) < 0) break;  // closed early on a broken stream
+    }
+    shutdown(fd, SHUT_WR);
+    // Echoes may come back first; the end of the stream must come within the bound.
+    char buf[65536];
+    while (true) {
+        pollfd p{fd, POLLIN, 0};
+        if (poll(&p, 1, 10000) != 1) __builtin_trap();
+        ssize_t n = read(fd, buf, sizeof(buf));
+        if (n <= 0) break;
+    }
+    close(fd);
+    return 0;
+}

@@ -1,0 +1,328 @@
+// Helpers for the tests of the multi-connection loops: a recorder of
+// connection events, a plain blocking client socket, an echo thread for a
+// server loop, and the masks an epoll set of this process holds, read from
+// /proc. Every wait is bounded.
+#pragma once
+
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "data_buffer.h"
+#include "install_tree.h"
+#include "network/socket.h"
+#include "network/network_multi.h"
+
+namespace agent_test {
+
+struct LoopEvent {
+    unsigned int nConnectId;
+    brel_lib::BREL_NET_CALLBACK_TYPE type;
+    int fd;
+    bool bFdOpen;          // the descriptor was open while the callback ran
+    std::string strPeerIp;  // as the loop knew it during the callback
+    unsigned short nPeerPort;
+    long nTid;  // the thread that made the callback
+};
+
+// Records every callback of one loop.
+class LoopEventRecorder {
+public:
+    void Attach(brel_lib::CNetworkMultiBase& loop)
+    {
+        m_pLoop = &loop;
+        loop.SetNetClientCallback(OnEvent, this);
+    }
+
+    static void OnEvent(unsigned int nConnectId, brel_lib::BREL_NET_CALLBACK_TYPE type, void* pAppend, int fd)
+    {
+        LoopEventRecorder* pThis = static_cast<LoopEventRecorder*>(pAppend);
+        LoopEvent ev{nConnectId, type, fd, fcntl(fd, F_GETFD) != -1, "", 0, static_cast<long>(syscall(SYS_gettid))};
+        if (pThis->m_pLoop != nullptr) pThis->m_pLoop->GetConnectPeer(nConnectId, ev.strPeerIp, ev.nPeerPort);
+        std::lock_guard<std::mutex> lock(pThis->m_mutex);
+        pThis->m_vecEvents.push_back(ev);
+    }
+
+    int Count(brel_lib::BREL_NET_CALLBACK_TYPE type) const
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        int n = 0;
+        for (const LoopEvent& ev : m_vecEvents) n += ev.type == type;
+        return n;
+    }
+    int CountFor(unsigned int nConnectId, brel_lib::BREL_NET_CALLBACK_TYPE type) const
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        int n = 0;
+        for (const LoopEvent& ev : m_vecEvents) n += ev.type == type && ev.nConnectId == nConnectId;
+        return n;
+    }
+    bool WaitCount(brel_lib::BREL_NET_CALLBACK_TYPE type, int n, int nTimeoutMs) const
+    {
+        return WaitUntil([&] { return Count(type) >= n; }, nTimeoutMs);
+    }
+    bool WaitFor(unsigned int nConnectId, brel_lib::BREL_NET_CALLBACK_TYPE type, int nTimeoutMs) const
+    {
+        return WaitUntil([&] { return CountFor(nConnectId, type) > 0; }, nTimeoutMs);
+    }
+    std::vector<LoopEvent> Events() const
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_vecEvents;
+    }
+    std::vector<LoopEvent> Events(brel_lib::BREL_NET_CALLBACK_TYPE type) const
+    {
+        std::vector<LoopEvent> vec;
+        for (const LoopEvent& ev : Events()) {
+            if (ev.type == type) vec.push_back(ev);
+        }
+        return vec;
+    }
+
+private:
+    brel_lib::CNetworkMultiBase* m_pLoop = nullptr;
+    mutable std::mutex m_mutex;
+    std::vector<LoopEvent> m_vecEvents;
+};
+
+inline int64_t HarnessNowMs()
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+// A blocking TCP client of 127.0.0.1 that reads packets by the stream framing.
+class PlainClient {
+public:
+    explicit PlainClient(unsigned short nPort)
+    {
+        m_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in addr{};
+        addr.sin_family = AF_INET;
+        addr.sin_port = htons(nPort);
+        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        if (connect(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) Close();
+        if (m_fd >= 0) {
+            int nOn = 1;
+            setsockopt(m_fd, IPPROTO_TCP, TCP_NODELAY, &nOn, sizeof(nOn));
+        }
+    }
+    ~PlainClient() { Close(); }
+    PlainClient(const PlainClient&) = delete;
+    PlainClient& operator=(const PlainClient&) = delete;
+
+    bool Connected() const { return m_fd >= 0; }
+    int Fd() const { return m_fd; }
+    void Close()
+    {
+        if (m_fd >= 0) close(m_fd);
+        m_fd = -1;
+    }
+    unsigned short LocalPort() const
+    {
+        sockaddr_in addr{};
+        socklen_t nLen = sizeof(addr);
+        getsockname(m_fd, reinterpret_cast<sockaddr*>(&addr), &nLen);
+        return ntohs(addr.sin_port);
+    }
+
+    bool Write(const std::vector<unsigned char>& bytes)
+    {
+        size_t nDone = 0;
+        while (nDone < bytes.size()) {
+            ssize_t n = send(m_fd, bytes.data() + nDone, bytes.size() - nDone, MSG_NOSIGNAL);
+            if (n <= 0) return false;
+            nDone += static_cast<size_t>(n);
+        }
+        return true;
+    }
+
+    // One whole packet, or empty on timeout, close or a broken stream.
+    std::vector<unsigned char> ReadPacket(int nTimeoutMs)
+    {
+        int64_t lDeadline = HarnessNowMs() + nTimeoutMs;
+        while (true) {
+            int n = brel_lib::asn_packet_complete(m_vecPending.data(), static_cast<unsigned int>(m_vecPending.size()));
+            if (n < 0) return {};
+            if (n > 0) {
+                std::vector<unsigned char> packet(m_vecPending.begin(), m_vecPending.begin() + n);
+                m_vecPending.erase(m_vecPending.begin(), m_vecPending.begin() + n);
+                return packet;
+            }
+            if (ReadSome(static_cast<int>(lDeadline - HarnessNowMs())) <= 0) return {};
+        }
+    }
+
+    // Reads whatever arrives until nBytes are in or the time is up; the count read.
+    size_t ReadCount(size_t nBytes, int nTimeoutMs)
+    {
+        int64_t lDeadline = HarnessNowMs() + nTimeoutMs;
+        size_t nTotal = m_vecPending.size();
+        m_vecPending.clear();
+        while (nTotal < nBytes) {
+            int nLeft = static_cast<int>(lDeadline - HarnessNowMs());
+            if (nLeft <= 0) break;
+            ssize_t n = ReadSome(nLeft);
+            if (n <= 0) break;
+            nTotal += m_vecPending.size();
+            m_vecPending.clear();
+        }
+        return nTotal;
+    }
+
+    // True when the peer closed (or reset) the connection within the time.
+    bool WaitClosedByPeer(int nTimeoutMs)
+    {
+        int64_t lDeadline = HarnessNowMs() + nTimeoutMs;
+        while (true) {
+            int nLeft = static_cast<int>(lDeadline - HarnessNowMs());
+            if (nLeft <= 0) return false;
+            ssize_t n = ReadSome(nLeft);
+            if (n == 0 || (n < 0 && m_bLastReadFailed)) return true;
+            if (n < 0) return false;
+            m_vecPending.clear();
+        }
+    }
+
+private:
+    // >0 bytes appended, 0 closed by the peer, -1 timeout or failure.
+    ssize_t ReadSome(int nTimeoutMs)
+    {
+        m_bLastReadFailed = false;
+        if (m_fd < 0 || nTimeoutMs <= 0) return -1;
+        pollfd p{m_fd, POLLIN, 0};
+        if (poll(&p, 1, nTimeoutMs) != 1) return -1;
+        unsigned char buf[65536];
+        ssize_t n = read(m_fd, buf, sizeof(buf));
+        if (n < 0) {
+            m_bLastReadFailed = true;
+            return -1;
+        }
+        m_vecPending.insert(m_vecPending.end(), buf, buf + n);
+        return n;
+    }
+
+    int m_fd = -1;
+    bool m_bLastReadFailed = false;
+    std::vector<unsigned char> m_vecPending;
+};
+
+// Takes one block; false on timeout.
+inline bool TakePacket(brel_lib::CDataBufferSTLDeque& buffer, unsigned int nTimeoutMs, int& nAppend,
+                       std::vector<unsigned char>& packet)
+{
+    unsigned int nSize = 0, nSpeed = 0;
+    char* p = static_cast<char*>(buffer.GetFrontAndPop3(nSize, nSpeed, nAppend, nTimeoutMs));
+    if (p == nullptr) return false;
+    packet.assign(p, p + nSize);
+    brel_lib::CDataBufferSTLDeque::FreePopData(p);
+    return true;
+}
+
+inline void PushTo(brel_lib::CDataBufferSTLDeque& buffer, unsigned int nConnectId,
+                   const std::vector<unsigned char>& packet)
+{
+    buffer.Push2(packet.data(), static_cast<unsigned int>(packet.size()), static_cast<int>(nConnectId),
+                 brel_lib::BREL_DATA_NORMAL_PRI);
+}
+
+// Sends every packet that a loop receives back to the connection it came from.
+class EchoThread {
+public:
+    EchoThread(brel_lib::CDataBufferSTLDeque& revBuffer, brel_lib::CDataBufferSTLDeque& sendBuffer)
+        : m_thread([this, &revBuffer, &sendBuffer] {
+              while (m_bRun) {
+                  int nAppend = 0;
+                  std::vector<unsigned char> packet;
+                  if (TakePacket(revBuffer, 50, nAppend, packet)) {
+                      PushTo(sendBuffer, static_cast<unsigned int>(nAppend), packet);
+                      ++m_nEchoed;
+                  }
+              }
+          })
+    {
+    }
+    ~EchoThread()
+    {
+        m_bRun = false;
+        m_thread.join();
+    }
+    unsigned long Echoed() const { return m_nEchoed; }
+
+private:
+    std::atomic<bool> m_bRun{true};
+    std::atomic<unsigned long> m_nEchoed{0};
+    std::thread m_thread;
+};
+
+// The registered masks (EPOLLIN and EPOLLOUT bits only) of every descriptor in
+// the epoll set of this process that holds fdMember; empty if none does.
+inline std::map<int, uint32_t> EpollMasksWith(int fdMember)
+{
+    std::map<int, uint32_t> mapMasks;
+    DIR* pDir = opendir("/proc/self/fd");
+    if (pDir == nullptr) return mapMasks;
+    std::vector<int> vecFd;
+    while (dirent* pEntry = readdir(pDir)) {
+        if (pEntry->d_name[0] != '.') vecFd.push_back(atoi(pEntry->d_name));
+    }
+    closedir(pDir);
+    for (int fd : vecFd) {
+        char szLink[256] = {0};
+        std::string strPath = "/proc/self/fd/" + std::to_string(fd);
+        ssize_t n = readlink(strPath.c_str(), szLink, sizeof(szLink) - 1);
+        if (n <= 0 || std::string(szLink) != "anon_inode:[eventpoll]") continue;
+        std::ifstream in("/proc/self/fdinfo/" + std::to_string(fd));
+        std::map<int, uint32_t> mapSet;
+        std::string strLine;
+        while (std::getline(in, strLine)) {
+            if (strLine.compare(0, 4, "tfd:") != 0) continue;
+            std::istringstream line(strLine);
+            std::string strTag, strEventsTag;
+            int nTfd = -1;
+            std::string strEvents;
+            line >> strTag >> nTfd >> strEventsTag >> strEvents;
+            mapSet[nTfd] = static_cast<uint32_t>(std::stoul(strEvents, nullptr, 16)) & (EPOLLIN | EPOLLOUT);
+        }
+        if (mapSet.count(fdMember) != 0) return mapSet;
+    }
+    return mapMasks;
+}
+
+// The mask of fd in the epoll set that holds fdMember; -1 if not found.
+inline long EpollMaskOf(int fdMember, int fd)
+{
+    std::map<int, uint32_t> mapSet = EpollMasksWith(fdMember);
+    auto it = mapSet.find(fd);
+    return it == mapSet.end() ? -1 : static_cast<long>(it->second);
+}
+
+// Open descriptors of this process.
+inline int CountOpenFds()
+{
+    DIR* pDir = opendir("/proc/self/fd");
+    if (pDir == nullptr) return -1;
+    int n = 0;
+    while (dirent* pEntry = readdir(pDir)) n += pEntry->d_name[0] != '.';
+    closedir(pDir);
+    return n - 1;  // the directory's own descriptor
+}
+
+} // namespace agent_test
