@@ -64,11 +64,11 @@ const CProcessCommon::Route CProcessCommon::s_routes[] = {
     ROUTE(ReqWorkCmdSetAction, ReqCmdSetAction),
     ROUTE(ReqWorkCmdQuery, ReqCmdQuery),
     ROUTE(ReqWorkCmdDelete, ReqCmdDelete),
-    NOT_SERVED(ReqWorkFileSrcCreate),
+    ROUTE(ReqWorkFileSrcCreate, ReqFileSrcCreate),
     NOT_SERVED(ReqWorkFileDstCreate),
     NOT_SERVED(ReqWorkFileDstSetAction),
     NOT_SERVED(ReqWorkFileDstQuery),
-    NOT_SERVED(ReqWorkFileSrcDelete),
+    ROUTE(ReqWorkFileSrcDelete, ReqFileSrcDelete),
     NOT_SERVED(ReqWorkFileDstDelete),
     ROUTE(RspWorkAgentHeartbeat, RspHeartbeat),
     ROUTE(ReqWorkAgentConnectNewServer, ReqConnectNewServer),
@@ -78,7 +78,7 @@ const CProcessCommon::Route CProcessCommon::s_routes[] = {
     ROUTE(RspSessionKey, DealRspSessionKey),
     ROUTE(ReqWorkCmdCreateEnc, ReqCmdCreateEnc),
     ROUTE(ReqWorkCmdSetActionEnc, ReqCmdSetActionEnc),
-    NOT_SERVED(ReqWorkFileSrcCreateEnc),
+    ROUTE(ReqWorkFileSrcCreateEnc, ReqFileSrcCreateEnc),
     NOT_SERVED(ReqWorkFileDstCreateEnc),
     NOT_SERVED(ReqWorkFileDstSetActionEnc),
     NOT_SERVED(ReqWorkFileDstCreate2Enc),
@@ -87,7 +87,10 @@ const CProcessCommon::Route CProcessCommon::s_routes[] = {
 #undef NOT_SERVED
 
 CProcessCommon::CProcessCommon(CDataBufferSTLDeque& revDataBuffer, CDataBufferSTLDeque& sendDataBuffer)
-    : m_revDataBuffer(revDataBuffer), m_sendDataBuffer(sendDataBuffer), m_packetBuf("CProcessCommon", 0)
+    : m_revDataBuffer(revDataBuffer),
+      m_sendDataBuffer(sendDataBuffer),
+      m_fileTransSvrManager(sendDataBuffer),
+      m_packetBuf("CProcessCommon", 0)
 {
 }
 
@@ -115,6 +118,12 @@ int CProcessCommon::Start()
         Log(LOG_LEVEL_ERROR, "CProcessCommon::Start(m_taskManager Start is error, ret: %d)", ret);
         ExitProcess(1);
     }
+    m_fileTransSvrManager.SetCfgFile(m_strCfgFile);
+    ret = m_fileTransSvrManager.CThread::Start();
+    if (ret != 0) {
+        Log(LOG_LEVEL_ERROR, "CProcessCommon::Start(m_fileTransSvrManager Start is error, ret: %d)", ret);
+        ExitProcess(1);
+    }
     return CThread::Start();
 }
 
@@ -131,6 +140,11 @@ int CProcessCommon::Stop()
         Log(LOG_LEVEL_ERROR, "CProcessCommon::Stop(m_taskManager Stop is error, ret: %d)", ret);
         ExitProcess(1);
     }
+    ret = m_fileTransSvrManager.Stop();
+    if (ret != 0) {
+        Log(LOG_LEVEL_ERROR, "CProcessCommon::Stop(m_fileTransSvrManager Stop is error, ret: %d)", ret);
+        ExitProcess(1);
+    }
     CAutoLock lock(m_lock);
     m_packetBuf.Allocate(0);
     m_nNowAppend = 0;
@@ -144,6 +158,7 @@ void CProcessCommon::ReloadCfg()
     Log(LOG_LEVEL_INFO, "CProcessCommon::ReloadCfg");
     LoadCfg();
     m_taskManager.ReloadCfg();
+    m_fileTransSvrManager.ReloadCfg();
     g_fileTransCache.ReloadCfg();
 }
 

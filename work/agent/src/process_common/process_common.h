@@ -16,6 +16,7 @@
 #include "cmd_execute.h"
 #include "common/session_reply.h"
 #include "data_buffer.h"
+#include "file_trans_svr/file_trans_svr.h"
 #include "network/network_client.h"
 #include "process_common/session_keys.h"
 #include "thread.h"
@@ -93,6 +94,16 @@ private:
     void SendCmdToServerDeleteFailed(int nRet, unsigned int nWorkId);
     void NotServedYet(Zik& body);
 
+    // File source requests (file_src_requests.cpp): a repeated create or
+    // delete is answered by silence; the manager answers the rest itself.
+    void ReqFileSrcCreate(ReqWorkFileSrcCreate* pReq);
+    void ReqFileSrcDelete(ReqWorkFileSrcDelete* pReq);
+    void ReqFileSrcCreateEnc(ReqWorkFileSrcCreateEnc* pReq);
+    void ServeFileSrcCreate(ReqWorkFileSrcCreate* pReq, const std::string& strMd5);
+    void SendFileSrcToServerCreateFailed(int nRet, const ReqWorkFileSrcCreate& req);
+    void SendFileSrcToServerCreate2Failed(int nRet, const ReqWorkFileSrcCreate& req);
+    void SendFileSrcToServerDeleteFailed(int nRet, const ReqWorkFileSrcDelete& req);
+
     // Timers of one pass, and the history sweep.
     void DealTimers(int& nGetNewWsLeft);
     void SweepHistory(std::map<unsigned int, long>& mapHistory, time_t tNow);
@@ -134,6 +145,7 @@ private:
     std::string m_strAgentVersion;
 
     CCmdExecuteManager m_taskManager;
+    CFileTransSvrManager m_fileTransSvrManager;
 
     // Guarded by m_lock: the encode block shared by every sender.
     brel_lib::CLock m_lock;
