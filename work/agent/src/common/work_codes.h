@@ -34,3 +34,19 @@ enum {
     // The session.
     RET_MOVE_REFUSED = 310,  // the move to a new server was refused or undone
 };
+
+// The file destination.
+enum {
+    RET_SRC_CONNECT_FAILED = 317,
+    RET_SRC_NO_RESPONSE = 318,     // connected, but no response in time
+    RET_DST_CREATE_FAILED = 320,
+    RET_DST_NO_SPACE = 321,
+    RET_DST_WRITE_FAILED = 322,    // other write failures, a short write, a wrong size on disk
+    RET_IN_CACHE_COMPLETE = 330,   // no failure: the file is there
+    RET_RUNS_BY_ITSELF = 331,      // no failure: watch it through reports
+    RET_CACHE_FULL = 333,
+    RET_DAEMON_MAY_NOT_MODIFY = 339,
+    RET_DAEMON_DIR_DENIED = 340,   // the directory is missing or not writable for daemon
+    RET_DAEMON_UNKNOWN = 341,
+    RET_BLOCK_MD5_MISMATCH = 342,
+};

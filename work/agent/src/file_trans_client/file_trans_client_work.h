@@ -57,3 +57,10 @@ struct FileTransClient {
     time_t tFileModify = 0;
     unsigned long long lFileSize = 0;
 };
+
+// A slave takes the progress of its master: status, pipeline, statistics,
+// times of the pull, result, position and size; not its identity, route,
+// flags, own times, addresses, connection or role.
+void CopySlaveFromMaster(const FileTransClient& taskMaster, FileTransClient& taskSlave);
+// The address in use, as text; empty past the list.
+const char* NowIp(const FileTransClient& task);

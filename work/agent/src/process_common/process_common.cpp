@@ -65,23 +65,23 @@ const CProcessCommon::Route CProcessCommon::s_routes[] = {
     ROUTE(ReqWorkCmdQuery, ReqCmdQuery),
     ROUTE(ReqWorkCmdDelete, ReqCmdDelete),
     ROUTE(ReqWorkFileSrcCreate, ReqFileSrcCreate),
-    NOT_SERVED(ReqWorkFileDstCreate),
-    NOT_SERVED(ReqWorkFileDstSetAction),
-    NOT_SERVED(ReqWorkFileDstQuery),
+    ROUTE(ReqWorkFileDstCreate, ReqFileDstCreate),
+    ROUTE(ReqWorkFileDstSetAction, ReqFileDstSetAction),
+    ROUTE(ReqWorkFileDstQuery, ReqFileDstQuery),
     ROUTE(ReqWorkFileSrcDelete, ReqFileSrcDelete),
-    NOT_SERVED(ReqWorkFileDstDelete),
+    ROUTE(ReqWorkFileDstDelete, ReqFileDstDelete),
     ROUTE(RspWorkAgentHeartbeat, RspHeartbeat),
     ROUTE(ReqWorkAgentConnectNewServer, ReqConnectNewServer),
     ROUTE(ReqWorkAgentInfo, ReqInfo),
     ROUTE(RspWorkAgentGetNewWs, RspGetNewWs),
-    NOT_SERVED(ReqWorkFileDstCreate2),
+    ROUTE(ReqWorkFileDstCreate2, ReqFileDstCreate2),
     ROUTE(RspSessionKey, DealRspSessionKey),
     ROUTE(ReqWorkCmdCreateEnc, ReqCmdCreateEnc),
     ROUTE(ReqWorkCmdSetActionEnc, ReqCmdSetActionEnc),
     ROUTE(ReqWorkFileSrcCreateEnc, ReqFileSrcCreateEnc),
-    NOT_SERVED(ReqWorkFileDstCreateEnc),
-    NOT_SERVED(ReqWorkFileDstSetActionEnc),
-    NOT_SERVED(ReqWorkFileDstCreate2Enc),
+    ROUTE(ReqWorkFileDstCreateEnc, ReqFileDstCreateEnc),
+    ROUTE(ReqWorkFileDstSetActionEnc, ReqFileDstSetActionEnc),
+    ROUTE(ReqWorkFileDstCreate2Enc, ReqFileDstCreate2Enc),
 };
 #undef ROUTE
 #undef NOT_SERVED
@@ -90,6 +90,7 @@ CProcessCommon::CProcessCommon(CDataBufferSTLDeque& revDataBuffer, CDataBufferST
     : m_revDataBuffer(revDataBuffer),
       m_sendDataBuffer(sendDataBuffer),
       m_fileTransSvrManager(sendDataBuffer),
+      m_fileTransClientManager(sendDataBuffer),
       m_packetBuf("CProcessCommon", 0)
 {
 }
@@ -116,6 +117,12 @@ int CProcessCommon::Start()
     int ret = m_taskManager.Start();
     if (ret != 0) {
         Log(LOG_LEVEL_ERROR, "CProcessCommon::Start(m_taskManager Start is error, ret: %d)", ret);
+        ExitProcess(1);
+    }
+    m_fileTransClientManager.SetCfgFile(m_strCfgFile);
+    ret = m_fileTransClientManager.Start();
+    if (ret != 0) {
+        Log(LOG_LEVEL_ERROR, "CProcessCommon::Start(m_fileTransClientManager Start is error, ret: %d)", ret);
         ExitProcess(1);
     }
     m_fileTransSvrManager.SetCfgFile(m_strCfgFile);
@@ -145,6 +152,11 @@ int CProcessCommon::Stop()
         Log(LOG_LEVEL_ERROR, "CProcessCommon::Stop(m_fileTransSvrManager Stop is error, ret: %d)", ret);
         ExitProcess(1);
     }
+    ret = m_fileTransClientManager.Stop();
+    if (ret != 0) {
+        Log(LOG_LEVEL_ERROR, "CProcessCommon::Stop(m_fileTransClientManager Stop is error, ret: %d)", ret);
+        ExitProcess(1);
+    }
     CAutoLock lock(m_lock);
     m_packetBuf.Allocate(0);
     m_nNowAppend = 0;
@@ -159,6 +171,7 @@ void CProcessCommon::ReloadCfg()
     LoadCfg();
     m_taskManager.ReloadCfg();
     m_fileTransSvrManager.ReloadCfg();
+    m_fileTransClientManager.ReloadCfg();
     g_fileTransCache.ReloadCfg();
 }
 

@@ -16,6 +16,7 @@
 #include "cmd_execute.h"
 #include "common/session_reply.h"
 #include "data_buffer.h"
+#include "file_trans_client/file_trans_client.h"
 #include "file_trans_svr/file_trans_svr.h"
 #include "network/network_client.h"
 #include "process_common/session_keys.h"
@@ -104,6 +105,24 @@ private:
     void SendFileSrcToServerCreate2Failed(int nRet, const ReqWorkFileSrcCreate& req);
     void SendFileSrcToServerDeleteFailed(int nRet, const ReqWorkFileSrcDelete& req);
 
+    // File destination requests (file_dst_requests.cpp): a repeated create or
+    // delete is answered by silence; the write threads answer the rest.
+    void ReqFileDstCreate(ReqWorkFileDstCreate* pReq);
+    void ReqFileDstCreate2(ReqWorkFileDstCreate2* pReq);
+    void ReqFileDstSetAction(ReqWorkFileDstSetAction* pReq);
+    void ReqFileDstQuery(ReqWorkFileDstQuery* pReq);
+    void ReqFileDstDelete(ReqWorkFileDstDelete* pReq);
+    void ReqFileDstCreateEnc(ReqWorkFileDstCreateEnc* pReq);
+    void ReqFileDstCreate2Enc(ReqWorkFileDstCreate2Enc* pReq);
+    void ReqFileDstSetActionEnc(ReqWorkFileDstSetActionEnc* pReq);
+    template <class TRsp, class TReq>
+    void SendFileDstFailed(const char* szFunction, int nRet, const TReq& req, bool bExpected);
+    void SendFileDstToServerCreateFailed(int nRet, const ReqWorkFileDstCreate& req);
+    void SendFileDstToServerCreate2Failed(int nRet, const ReqWorkFileDstCreate2& req);
+    void SendFileDstToServerSetActionFailed(int nRet, const ReqWorkFileDstSetAction& req);
+    void SendFileDstToServerQueryFailed(int nRet, const ReqWorkFileDstQuery& req);
+    void SendFileDstToServerDeleteFailed(int nRet, const ReqWorkFileDstDelete& req);
+
     // Timers of one pass, and the history sweep.
     void DealTimers(int& nGetNewWsLeft);
     void SweepHistory(std::map<unsigned int, long>& mapHistory, time_t tNow);
@@ -146,6 +165,7 @@ private:
 
     CCmdExecuteManager m_taskManager;
     CFileTransSvrManager m_fileTransSvrManager;
+    CFileTransClientManager m_fileTransClientManager;
 
     // Guarded by m_lock: the encode block shared by every sender.
     brel_lib::CLock m_lock;

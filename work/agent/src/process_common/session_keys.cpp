@@ -230,3 +230,6 @@ bool CSessionKeys::DecryptEncData(const char* szHandler, unsigned int nKeySn, co
 template bool CSessionKeys::DecryptEncData(const char*, unsigned int, const AsnOcts&, ReqWorkCmdCreateEncData&);
 template bool CSessionKeys::DecryptEncData(const char*, unsigned int, const AsnOcts&, ReqWorkCmdSetActionEncData&);
 template bool CSessionKeys::DecryptEncData(const char*, unsigned int, const AsnOcts&, ReqWorkFileSrcCreateEncData&);
+template bool CSessionKeys::DecryptEncData(const char*, unsigned int, const AsnOcts&, ReqWorkFileDstCreateEncData&);
+template bool CSessionKeys::DecryptEncData(const char*, unsigned int, const AsnOcts&, ReqWorkFileDstCreate2EncData&);
+template bool CSessionKeys::DecryptEncData(const char*, unsigned int, const AsnOcts&, ReqWorkFileDstSetActionEncData&);
