@@ -11,7 +11,6 @@
 #include <utime.h>
 
 #include <memory>
-#include <random>
 
 #include "file_peer.h"
 #include "md5.h"
@@ -24,41 +23,6 @@ namespace {
 
 const int SERVER_IP = 0x0A0B0C0D;
 const int SERVER_ID = 42;
-
-// A listening socket on 127.0.0.1 that keeps a port taken.
-class PortHolder {
-public:
-    explicit PortHolder(unsigned short nPort)
-    {
-        m_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        int nOn = 1;
-        setsockopt(m_fd, SOL_SOCKET, SO_REUSEADDR, &nOn, sizeof(nOn));
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_port = htons(nPort);
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        m_bOwn = bind(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0 && listen(m_fd, 1) == 0;
-    }
-    ~PortHolder() { close(m_fd); }
-    bool Own() const { return m_bOwn; }
-
-private:
-    int m_fd = -1;
-    bool m_bOwn = false;
-};
-
-// Two neighbouring free ports on 127.0.0.1, the higher one returned.
-unsigned short FreePortPair()
-{
-    std::random_device rd;
-    std::mt19937 gen(rd());
-    for (int i = 0; i < 100; ++i) {
-        unsigned short nPort = static_cast<unsigned short>(30000 + gen() % 30000);
-        PortHolder a(nPort), b(static_cast<unsigned short>(nPort - 1));
-        if (a.Own() && b.Own()) return nPort;
-    }
-    return 0;
-}
 
 unsigned int Loopback()
 {
