@@ -8,6 +8,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <fstream>
+#include <random>
+#include <string>
+
 #include "network/stream_framing.h"
 
 namespace agent_test {
@@ -165,6 +169,42 @@ bool FilePeer::WaitClosedBySource(int nTimeoutMs)
         if (r == 0 || (r < 0 && errno == ECONNRESET)) return true;
     }
     return false;
+}
+
+PortHolder::PortHolder(unsigned short nPort)
+{
+    m_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int nOn = 1;
+    setsockopt(m_fd, SOL_SOCKET, SO_REUSEADDR, &nOn, sizeof(nOn));
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(nPort);
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    m_bOwn = bind(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0 && listen(m_fd, 1) == 0;
+}
+
+PortHolder::~PortHolder() { close(m_fd); }
+
+unsigned short FreePortPair()
+{
+    std::random_device rd;
+    std::mt19937 gen(rd());
+    for (int i = 0; i < 100; ++i) {
+        unsigned short nPort = static_cast<unsigned short>(30000 + gen() % 30000);
+        PortHolder a(nPort), b(static_cast<unsigned short>(nPort - 1));
+        if (a.Own() && b.Own()) return nPort;
+    }
+    return 0;
+}
+
+long ResidentKiB(int pid)
+{
+    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+    std::string strLine;
+    while (std::getline(in, strLine)) {
+        if (strLine.compare(0, 6, "VmRSS:") == 0) return std::stol(strLine.substr(6));
+    }
+    return -1;
 }
 
 } // namespace agent_test

@@ -63,4 +63,25 @@ private:
     size_t m_nStart = 0;
 };
 
+// A listening socket on 127.0.0.1 that keeps a port taken; Own() tells
+// whether this object holds it (otherwise someone else does).
+class PortHolder {
+public:
+    explicit PortHolder(unsigned short nPort);
+    ~PortHolder();
+    PortHolder(const PortHolder&) = delete;
+    PortHolder& operator=(const PortHolder&) = delete;
+    bool Own() const { return m_bOwn; }
+
+private:
+    int m_fd = -1;
+    bool m_bOwn = false;
+};
+
+// Two neighbouring free ports on 127.0.0.1 at random, the higher one; 0 if none found.
+unsigned short FreePortPair();
+
+// Resident memory of a process in KiB; -1 if unknown.
+long ResidentKiB(int pid);
+
 } // namespace agent_test
