@@ -1,0 +1,154 @@
+// Files pulled by a real destination agent from a real source agent on
+// 127.0.0.1, driven as the work server would: the result report, the bytes
+// on disk, and the sharing of one pull by the works of one cache id.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "file_transfer_e2e.h"
+
+using namespace agent_test;
+
+namespace {
+
+const unsigned int BLOCK = 512 * 1024;
+
+std::string Pattern(size_t n, unsigned int nSeed)
+{
+    std::string str(n, '\0');
+    for (size_t i = 0; i < n; ++i) str[i] = static_cast<char>((i * 131 + nSeed + i / 4093) & 0xFF);
+    return str;
+}
+
+// A directory in memory for the large files, removed with its content.
+class ShmDir {
+public:
+    ShmDir()
+    {
+        char szTemplate[] = "/dev/shm/agent_test_XXXXXX";
+        if (mkdtemp(szTemplate) != nullptr) m_strRoot = szTemplate;
+    }
+    ~ShmDir()
+    {
+        if (!m_strRoot.empty()) {
+            std::string strCmd = "rm -rf '" + m_strRoot + "'";
+            if (system(strCmd.c_str()) != 0) {
+            }
+        }
+    }
+    std::string Path(const std::string& strName) const { return m_strRoot + "/" + strName; }
+    bool Ok() const { return !m_strRoot.empty(); }
+
+private:
+    std::string m_strRoot;
+};
+
+class FileTransferTest : public AgentFileTransfer {
+protected:
+    void SetUp() override
+    {
+        AgentFileTransfer::SetUp();
+        if (IsSkipped()) return;
+        StartAgents();
+    }
+};
+
+TEST_F(FileTransferTest, SmallFilesArriveByteIdenticalWithRetZero)
+{
+    struct Case {
+        const char* szName;
+        size_t nSize;
+    } cases[] = {{"empty", 0}, {"one", 1}, {"two_blocks", 2 * BLOCK}, {"odd", 3 * BLOCK + 77}};
+    unsigned int nWorkId = 100;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.szName);
+        std::string strSrc = SrcTree().Path(std::string("src_") + c.szName);
+        WriteFile(strSrc, Pattern(c.nSize, nWorkId));
+        chmod(strSrc.c_str(), 0640);
+        std::string strDst = Tree().Path(std::string("dst_") + c.szName);
+        EXPECT_EQ(Transfer(++nWorkId, strSrc, strDst), 0);
+        EXPECT_TRUE(SameFile(strSrc, strDst));
+        struct stat st;
+        ASSERT_EQ(stat(strDst.c_str(), &st), 0);
+        EXPECT_EQ(st.st_mode & 0777, 0640u & ~0022u) << "a new file takes the source's bits under the umask";
+    }
+}
+
+TEST_F(FileTransferTest, AFewHundredMiBArriveByteIdentical)
+{
+    ShmDir dir;
+    ASSERT_TRUE(dir.Ok());
+    std::string strSrc = dir.Path("big_src");
+    {
+        std::string strChunk = Pattern(16 << 20, 3);
+        int fd = open(strSrc.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        ASSERT_GE(fd, 0);
+        for (int i = 0; i < 18; ++i) {
+            strChunk[0] = static_cast<char>(i);
+            ASSERT_EQ(write(fd, strChunk.data(), strChunk.size()), static_cast<ssize_t>(strChunk.size()));
+        }
+        ASSERT_EQ(write(fd, "tail", 4), 4);
+        close(fd);
+    }
+    std::string strDst = dir.Path("big_dst");
+    EXPECT_EQ(Transfer(200, strSrc, strDst, 90000), 0);
+    EXPECT_TRUE(SameFile(strSrc, strDst));
+}
+
+TEST_F(FileTransferTest, ASparseFileBeyondFourGiBArrivesByteIdentical)
+{
+    ShmDir dir;
+    ASSERT_TRUE(dir.Ok());
+    std::string strSrc = dir.Path("sparse_src");
+    const off_t lSize = (4LL << 30) + 3 * BLOCK + 123;
+    {
+        int fd = open(strSrc.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(ftruncate(fd, lSize), 0);
+        std::string strMark = Pattern(BLOCK + 5, 9);
+        // Data at the start, across the 4 GiB line and at the end.
+        ASSERT_EQ(pwrite(fd, strMark.data(), strMark.size(), 0), static_cast<ssize_t>(strMark.size()));
+        ASSERT_EQ(pwrite(fd, strMark.data(), strMark.size(), (4LL << 30) - 1000), static_cast<ssize_t>(strMark.size()));
+        ASSERT_EQ(pwrite(fd, "end", 3, lSize - 3), 3);
+        close(fd);
+    }
+    std::string strDst = dir.Path("sparse_dst");
+    EXPECT_EQ(Transfer(300, strSrc, strDst, 110000), 0);
+    EXPECT_TRUE(SameFile(strSrc, strDst));
+    unlink(strDst.c_str());
+}
+
+TEST_F(FileTransferTest, TwoWorksForOneCacheIdShareOnePull)
+{
+    std::string strSrc = SrcTree().Path("shared");
+    std::string strData = Pattern(5 * BLOCK + 11, 4);
+    WriteFile(strSrc, strData);
+    unsigned short nPort = Offer(400, strSrc);
+    ASSERT_NE(nPort, 0);
+    std::string strCacheId = Tree().Path("cache/shared_copy");
+    size_t nMark = Mark();
+    SendCreate2(401, strSrc, strCacheId, nPort, 400, 0x400, strData.size(), {Loopback()});
+    SendCreate2(402, strSrc, strCacheId, nPort, 400, 0x400, strData.size(), {Loopback()});
+    EXPECT_EQ(WaitReply<RspWorkFileDstCreate>(401, nMark, 5000), 331);
+    EXPECT_EQ(WaitReply<RspWorkFileDstCreate>(402, nMark, 5000), 331);
+    RspWorkFileDstQuery result;
+    ASSERT_TRUE(WaitResult(401, nMark, 20000, result));
+    EXPECT_EQ(result.ret.value, 0);
+    ASSERT_TRUE(WaitResult(402, nMark, 20000, result));
+    EXPECT_EQ(result.ret.value, 0);
+    EXPECT_EQ(result.okSizeLow.value, static_cast<int>(strData.size()));
+    EXPECT_TRUE(SameFile(strSrc, strCacheId));
+    // One pull: the second work joined the first as its slave.
+    EXPECT_TRUE(Tree().WaitForLog("CFileWriteThread::CreateTransClient2(is slave, work id: 402", 1000));
+    EXPECT_EQ(Tree().ReadLog().find("CFileWriteThread::CreateTransClient2(is master, async connecting the file svr, work id: 402"),
+              std::string::npos);
+
+    // A third create of the finished id is answered from the cache.
+    nMark = Mark();
+    SendCreate2(403, strSrc, strCacheId, nPort, 400, 0x400, strData.size(), {Loopback()});
+    EXPECT_EQ(WaitReply<RspWorkFileDstCreate>(403, nMark, 5000), 330);
+}
+
+} // namespace

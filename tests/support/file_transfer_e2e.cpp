@@ -1,0 +1,193 @@
+#include "file_transfer_e2e.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace agent_test {
+
+void AgentFileTransfer::SetUp()
+{
+    AgentEndToEnd::SetUp();
+    if (IsSkipped()) return;
+    m_pSrcTree = std::make_unique<InstallTree>();
+    m_pSrcServer = std::make_unique<TestWorkServer>();
+    m_pSrcServer->SetAnswerHeartbeats(true);
+    Server().SetAnswerHeartbeats(true);
+    unsigned short nBeginPort = FreePortPair();
+    ASSERT_NE(nBeginPort, 0);
+    SrcConfig()["server_port"] = std::to_string(m_pSrcServer->Port());
+    SrcConfig()["heartbeat_second"] = "5";
+    SrcConfig()["file_trans_svr_begin_bind_port"] = std::to_string(nBeginPort);
+    DstConfig()["heartbeat_second"] = "5";
+}
+
+void AgentFileTransfer::StartAgents()
+{
+    m_pSrcTree->WriteConfig();
+    m_nSrcPid = m_pSrcTree->StartForeground();
+    EXPECT_TRUE(m_pSrcServer->WaitFor(Zik::reqWorkAgentHeartbeatCid, 5000));
+    m_nDstPid = StartAgent();
+}
+
+void AgentFileTransfer::TearDown()
+{
+    if (IsSkipped()) return;
+    if (m_nDstPid > 0) Stop(m_nDstPid);
+    if (m_nSrcPid > 0) {
+        kill(m_nSrcPid, SIGINT);
+        EXPECT_EQ(m_pSrcTree->WaitExit(m_nSrcPid, 5000), 0);
+    }
+}
+
+unsigned int AgentFileTransfer::Loopback()
+{
+    unsigned int nIp = 0;
+    inet_pton(AF_INET, "127.0.0.1", &nIp);
+    return nIp;
+}
+
+unsigned short AgentFileTransfer::Offer(unsigned int nWorkId, const std::string& strPath)
+{
+    size_t nBefore = SrcServer().Packets().size();
+    ReqWorkFileSrcCreate req;
+    req.workId = static_cast<int>(nWorkId);
+    req.srcFile.Set(strPath.data(), strPath.size());
+    EXPECT_TRUE(SrcServer().Send(req, 3));
+    unsigned short nPort = 0;
+    EXPECT_TRUE(WaitUntil(
+        [&] {
+            std::vector<TestWorkServer::Received> packets = SrcServer().Packets();
+            for (size_t i = nBefore; i < packets.size(); ++i) {
+                RspWorkFileSrcCreate rsp;
+                if (DecodeBody(packets[i], rsp) && static_cast<unsigned int>(rsp.workId.value) == nWorkId) {
+                    EXPECT_EQ(rsp.ret.value, 0);
+                    nPort = static_cast<unsigned short>(rsp.srcServerPort.value);
+                    return true;
+                }
+            }
+            return false;
+        },
+        5000));
+    return nPort;
+}
+
+void AgentFileTransfer::SendCreate(unsigned int nWorkId, const std::string& strSrcFile, const std::string& strDstPath,
+                                   unsigned short nPort, unsigned int nSrcWorkId, int nFlag, int nAppend,
+                                   unsigned int nSrcIp)
+{
+    ReqWorkFileDstCreate req;
+    req.workId = static_cast<int>(nWorkId);
+    req.srcFile.Set(strSrcFile.data(), strSrcFile.size());
+    req.dstPath.Set(strDstPath.data(), strDstPath.size());
+    req.srcServerIp = static_cast<int>(nSrcIp);
+    req.srcServerPort = nPort;
+    req.srcWorkId = static_cast<int>(nSrcWorkId);
+    req.flag = nFlag;
+    req.timeout = 0;
+    req.routeSrcServerIp = 11;
+    req.routeSrcServerId = 12;
+    EXPECT_TRUE(Server().Send(req, nAppend));
+}
+
+void AgentFileTransfer::SendCreate2(unsigned int nWorkId, const std::string& strSrcFile, const std::string& strDstPath,
+                                    unsigned short nPort, unsigned int nSrcWorkId, int nFlag, unsigned long long lSize,
+                                    const std::vector<unsigned int>& vecIp)
+{
+    ReqWorkFileDstCreate2 req;
+    req.workId = static_cast<int>(nWorkId);
+    req.srcFile.Set(strSrcFile.data(), strSrcFile.size());
+    req.dstPath.Set(strDstPath.data(), strDstPath.size());
+    for (unsigned int nIp : vecIp) *req.srcServerIp.Append() = static_cast<int>(nIp);
+    req.srcServerPort = nPort;
+    req.srcWorkId = static_cast<int>(nSrcWorkId);
+    req.flag = nFlag;
+    req.timeout = 0;
+    req.firstSrcAgentId = static_cast<int>(Loopback());
+    req.firstSrcFile.Set(strSrcFile.data(), strSrcFile.size());
+    req.modifyTime = 0;
+    req.totalSizeHigh = static_cast<int>(lSize >> 32);
+    req.totalSizeLow = static_cast<int>(lSize & 0xFFFFFFFFU);
+    EXPECT_TRUE(Server().Send(req, static_cast<int>(nWorkId)));
+}
+
+void AgentFileTransfer::SendSetAction(unsigned int nWorkId, int nAppend)
+{
+    ReqWorkFileDstSetAction req;
+    req.workId = static_cast<int>(nWorkId);
+    req.action = 1;
+    EXPECT_TRUE(Server().Send(req, nAppend));
+}
+
+void AgentFileTransfer::SendQuery(unsigned int nWorkId, int nAppend)
+{
+    ReqWorkFileDstQuery req;
+    req.workId = static_cast<int>(nWorkId);
+    EXPECT_TRUE(Server().Send(req, nAppend));
+}
+
+void AgentFileTransfer::SendDelete(unsigned int nWorkId, int nAppend)
+{
+    ReqWorkFileDstDelete req;
+    req.workId = static_cast<int>(nWorkId);
+    EXPECT_TRUE(Server().Send(req, nAppend));
+}
+
+bool AgentFileTransfer::WaitResult(unsigned int nWorkId, size_t nFrom, int nTimeoutMs, RspWorkFileDstQuery& out)
+{
+    return WaitUntil(
+        [&] {
+            std::vector<TestWorkServer::Received> packets = Server().Packets();
+            for (size_t i = nFrom; i < packets.size(); ++i) {
+                RspWorkFileDstQuery rsp;
+                if (DecodeBody(packets[i], rsp) && static_cast<unsigned int>(rsp.workId.value) == nWorkId &&
+                    rsp.status.value == 2) {
+                    out = rsp;
+                    return true;
+                }
+            }
+            return false;
+        },
+        nTimeoutMs);
+}
+
+int AgentFileTransfer::Transfer(unsigned int nWorkId, const std::string& strSrcPath, const std::string& strDstPath,
+                                int nTimeoutMs)
+{
+    unsigned short nPort = Offer(nWorkId, strSrcPath);
+    if (nPort == 0) return -1;
+    size_t nMark = Mark();
+    SendCreate(nWorkId, strSrcPath, strDstPath, nPort, nWorkId);
+    int ret = WaitReply<RspWorkFileDstCreate>(nWorkId, nMark, 5000);
+    if (ret != 0) return ret == -1 ? -1 : ret;
+    SendSetAction(nWorkId);
+    RspWorkFileDstQuery result;
+    if (!WaitResult(nWorkId, nMark, nTimeoutMs, result)) return -1;
+    return static_cast<int>(result.ret.value);
+}
+
+bool SameFile(const std::string& strA, const std::string& strB)
+{
+    int fdA = open(strA.c_str(), O_RDONLY);
+    int fdB = open(strB.c_str(), O_RDONLY);
+    bool bSame = fdA >= 0 && fdB >= 0;
+    std::vector<char> bufA(1 << 20), bufB(1 << 20);
+    while (bSame) {
+        ssize_t nA = read(fdA, bufA.data(), bufA.size());
+        ssize_t nB = 0;
+        while (nB < nA) {
+            ssize_t n = read(fdB, bufB.data() + nB, static_cast<size_t>(nA - nB));
+            if (n <= 0) break;
+            nB += n;
+        }
+        if (nA < 0 || nB != nA || memcmp(bufA.data(), bufB.data(), static_cast<size_t>(nA)) != 0) bSame = false;
+        if (nA == 0) {
+            if (bSame) bSame = read(fdB, bufB.data(), 1) == 0;
+            break;
+        }
+    }
+    if (fdA >= 0) close(fdA);
+    if (fdB >= 0) close(fdB);
+    return bSame;
+}
+
+} // namespace agent_test

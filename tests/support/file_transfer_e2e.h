@@ -1,0 +1,83 @@
+// Two real agents in two install trees, each with its own test work server:
+// one offers files as a source, the other pulls them as a destination. The
+// helpers speak the work server's side of a transfer.
+#pragma once
+
+#include <arpa/inet.h>
+
+#include <memory>
+#include <string>
+
+#include "agent_e2e.h"
+#include "file_peer.h"
+
+namespace agent_test {
+
+class AgentFileTransfer : public AgentEndToEnd {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // Settings of the two agents, before StartAgents.
+    std::map<std::string, std::string>& DstConfig() { return Tree().Config(); }
+    std::map<std::string, std::string>& SrcConfig() { return m_pSrcTree->Config(); }
+    void StartAgents();
+
+    InstallTree& SrcTree() { return *m_pSrcTree; }
+    TestWorkServer& SrcServer() { return *m_pSrcServer; }
+
+    static unsigned int Loopback();
+    // A source work for the path on the source agent; its port, 0 on failure.
+    unsigned short Offer(unsigned int nWorkId, const std::string& strPath);
+    void SendCreate(unsigned int nWorkId, const std::string& strSrcFile, const std::string& strDstPath,
+                    unsigned short nPort, unsigned int nSrcWorkId, int nFlag = 0, int nAppend = 5,
+                    unsigned int nSrcIp = Loopback());
+    void SendCreate2(unsigned int nWorkId, const std::string& strSrcFile, const std::string& strDstPath,
+                     unsigned short nPort, unsigned int nSrcWorkId, int nFlag, unsigned long long lSize,
+                     const std::vector<unsigned int>& vecIp);
+    void SendSetAction(unsigned int nWorkId, int nAppend = 6);
+    void SendQuery(unsigned int nWorkId, int nAppend = 7);
+    void SendDelete(unsigned int nWorkId, int nAppend = 8);
+
+    // The ret of the first reply of the kind for the work after packet nFrom; -1 if none came in time.
+    template <class T>
+    int WaitReply(unsigned int nWorkId, size_t nFrom, int nTimeoutMs, T* pOut = nullptr);
+    // The first report of the work at status 2 after packet nFrom.
+    bool WaitResult(unsigned int nWorkId, size_t nFrom, int nTimeoutMs, RspWorkFileDstQuery& out);
+    size_t Mark() { return Server().Packets().size(); }
+
+    // Offer, create, set-action and the final report: the work's ret, or -1.
+    int Transfer(unsigned int nWorkId, const std::string& strSrcPath, const std::string& strDstPath,
+                 int nTimeoutMs = 30000);
+
+    std::unique_ptr<InstallTree> m_pSrcTree;
+    std::unique_ptr<TestWorkServer> m_pSrcServer;
+    pid_t m_nDstPid = -1;
+    pid_t m_nSrcPid = -1;
+};
+
+// True if the two files hold the same bytes; compared in chunks.
+bool SameFile(const std::string& strA, const std::string& strB);
+
+template <class T>
+int AgentFileTransfer::WaitReply(unsigned int nWorkId, size_t nFrom, int nTimeoutMs, T* pOut)
+{
+    int ret = -1;
+    WaitUntil(
+        [&] {
+            std::vector<TestWorkServer::Received> packets = Server().Packets();
+            for (size_t i = nFrom; i < packets.size(); ++i) {
+                T rsp;
+                if (DecodeBody(packets[i], rsp) && static_cast<unsigned int>(rsp.workId.value) == nWorkId) {
+                    ret = static_cast<int>(rsp.ret.value);
+                    if (pOut != nullptr) *pOut = rsp;
+                    return true;
+                }
+            }
+            return false;
+        },
+        nTimeoutMs);
+    return ret;
+}
+
+} // namespace agent_test
