@@ -1,0 +1,317 @@
+// The file destination's replies and results through the server session, run
+// in-process on a clock the test moves, against a test peer that stands in
+// for the source agent: each reply and result code that the server can meet.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "md5.h"
+#include "session_harness.h"
+
+using namespace agent_test;
+
+namespace {
+
+unsigned int Loopback()
+{
+    unsigned int nIp = 0;
+    inet_pton(AF_INET, "127.0.0.1", &nIp);
+    return nIp;
+}
+
+// The session with the destination, and a peer listening where the source would.
+class FileDstSession : public ::testing::Test {
+protected:
+    void Begin(const std::string& strConfig = "")
+    {
+        m_pSession = std::make_unique<SessionHarness>("work_history_keep_second = 10\n" + strConfig);
+        m_pSession->Start();
+    }
+    SessionHarness& S() { return *m_pSession; }
+
+    void SendCreate(unsigned int nWorkId, const std::string& strDstPath, int nFlag = 0, unsigned int nIp = Loopback(),
+                    unsigned short nPort = 0)
+    {
+        ReqWorkFileDstCreate req;
+        req.workId = static_cast<int>(nWorkId);
+        req.srcFile = "/src/file";
+        req.dstPath.Set(strDstPath.data(), strDstPath.size());
+        req.srcServerIp = static_cast<int>(nIp);
+        req.srcServerPort = nPort == 0 ? m_source.Port() : nPort;
+        req.srcWorkId = 9;
+        req.flag = nFlag;
+        req.routeSrcServerIp = 21;
+        req.routeSrcServerId = 22;
+        S().Send(req, static_cast<int>(nWorkId));
+    }
+    void SendCreate2(unsigned int nWorkId, const std::string& strDstPath, int nFlag, unsigned long long lSize,
+                     const std::vector<unsigned int>& vecIp)
+    {
+        ReqWorkFileDstCreate2 req;
+        req.workId = static_cast<int>(nWorkId);
+        req.srcFile = "/src/file";
+        req.dstPath.Set(strDstPath.data(), strDstPath.size());
+        for (unsigned int nIp : vecIp) *req.srcServerIp.Append() = static_cast<int>(nIp);
+        req.srcServerPort = m_source.Port();
+        req.srcWorkId = 9;
+        req.flag = nFlag;
+        req.firstSrcFile = "/first/name";
+        req.totalSizeHigh = static_cast<int>(lSize >> 32);
+        req.totalSizeLow = static_cast<int>(lSize & 0xFFFFFFFFU);
+        S().Send(req, static_cast<int>(nWorkId));
+    }
+    template <class TRsp>
+    int RetFor(unsigned int nWorkId, int nTimeoutMs = 3000, TRsp* pOut = nullptr)
+    {
+        TRsp rsp;
+        if (!S().NextWhere(rsp, [&](const TRsp& m) { return static_cast<unsigned int>(m.workId.value) == nWorkId; },
+                           nTimeoutMs))
+            return -1;
+        if (pOut != nullptr) *pOut = rsp;
+        return rsp.ret.value;
+    }
+    int CreateRet(unsigned int nWorkId, int nTimeoutMs = 3000) { return RetFor<RspWorkFileDstCreate>(nWorkId, nTimeoutMs); }
+    template <class TReq, class TRsp>
+    int Ask(unsigned int nWorkId, TRsp* pOut = nullptr)
+    {
+        TReq req;
+        req.workId = static_cast<int>(nWorkId);
+        S().Send(req, 40);
+        return RetFor<TRsp>(nWorkId, 3000, pOut);
+    }
+    bool Result(unsigned int nWorkId, RspWorkFileDstQuery& out, int nTimeoutMs = 5000)
+    {
+        return S().NextWhere(
+            out,
+            [&](const RspWorkFileDstQuery& m) {
+                return static_cast<unsigned int>(m.workId.value) == nWorkId && m.status.value == 2;
+            },
+            nTimeoutMs);
+    }
+
+    // The source's side: waits for the n-th get, then answers with one block.
+    bool WaitGet(ReqWorkFileAgentGet& get, size_t n = 1)
+    {
+        TestWorkServer::Received received;
+        if (!m_source.WaitFor(Zik::reqWorkFileAgentGetCid, 5000, &received, n)) return false;
+        return DecodeBody(received, get);
+    }
+    void Answer(unsigned int nDstWorkId, unsigned long long lPos, const std::string& strContent,
+                unsigned long long lTotal, const std::string& strMd5, int ret = 0)
+    {
+        RspWorkFileAgentGet rsp;
+        rsp.ret = ret;
+        rsp.dstWorkId = static_cast<int>(nDstWorkId);
+        rsp.srcWorkId = 9;
+        rsp.srcFileAccessBit = 0640;
+        rsp.content.Set(strContent.data(), strContent.size());
+        rsp.md5.Set(strMd5.data(), strMd5.size());
+        rsp.beginPosHigh = static_cast<int>(lPos >> 32);
+        rsp.beginPosLow = static_cast<int>(lPos & 0xFFFFFFFFU);
+        rsp.totalSizeHigh = static_cast<int>(lTotal >> 32);
+        rsp.totalSizeLow = static_cast<int>(lTotal & 0xFFFFFFFFU);
+        EXPECT_TRUE(m_source.Send(rsp, 0));
+    }
+
+    TestWorkServer m_source;
+    std::unique_ptr<SessionHarness> m_pSession;
+};
+
+TEST_F(FileDstSession, ABadOrEmptySourceAddressIs1000)
+{
+    Begin();
+    SendCreate(1, S().Path("out"), 0, 0);
+    EXPECT_EQ(CreateRet(1), 1000);
+    SendCreate2(2, S().Path("out2"), 0, 10, {});
+    EXPECT_EQ(CreateRet(2), 1000);
+    SendCreate2(3, S().Path("out3"), 0, 10, {Loopback(), 0});
+    EXPECT_EQ(CreateRet(3), 1000);
+    // A refused create leaves no trace: the same id may come again.
+    SendCreate(1, S().Path("out"));
+    EXPECT_EQ(CreateRet(1), 0);
+}
+
+TEST_F(FileDstSession, AnUnknownWorkIs300ForSetActionQueryAndDelete)
+{
+    Begin();
+    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(5)), 300);
+    RspWorkFileDstQuery query;
+    EXPECT_EQ((Ask<ReqWorkFileDstQuery, RspWorkFileDstQuery>(5, &query)), 300);
+    EXPECT_EQ(query.status.value, 4);
+    EXPECT_EQ((Ask<ReqWorkFileDstDelete, RspWorkFileDstDelete>(5)), 300);
+}
+
+TEST_F(FileDstSession, TheLimitCountsFinishedWorksAnd302RefusesMore)
+{
+    Begin("file_trans_client_max_concurrent = 1\n");
+    std::string strDst = S().Path("limit");
+    SendCreate(1, strDst);
+    ASSERT_EQ(CreateRet(1), 0);
+    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(1)), 0);
+    ReqWorkFileAgentGet get;
+    ASSERT_TRUE(WaitGet(get));
+    Answer(1, 0, "x", 1, brel_lib::md5("x"));
+    RspWorkFileDstQuery result;
+    ASSERT_TRUE(Result(1, result));
+    EXPECT_EQ(result.ret.value, 0);
+    SendCreate(2, S().Path("limit2"));
+    EXPECT_EQ(CreateRet(2), 302);
+    EXPECT_EQ((Ask<ReqWorkFileDstDelete, RspWorkFileDstDelete>(1)), 0);
+    SendCreate(3, S().Path("limit3"));
+    EXPECT_EQ(CreateRet(3), 0);
+}
+
+TEST_F(FileDstSession, ARepeatedCreateIsSilentAndGets323AfterTheHistorySweep)
+{
+    Begin();
+    SendCreate(7, S().Path("again"));
+    ASSERT_EQ(CreateRet(7), 0);
+    SendCreate(7, S().Path("again"));
+    EXPECT_EQ(CreateRet(7, 500), -1) << "a repeat of a known id is answered by silence";
+    S().AdvanceClock(200);  // past the sweep of the session's history
+    SendCreate(7, S().Path("again"));
+    EXPECT_EQ(CreateRet(7), 323);
+}
+
+TEST_F(FileDstSession, AnUnreachableSourceIs317AndTheWorkIsGone)
+{
+    Begin("connect_timeout_second = 1\n");
+    unsigned short nPort = 0;
+    {
+        TestWorkServer gone;  // a port that nobody listens on once it is gone
+        nPort = gone.Port();
+    }
+    SendCreate(8, S().Path("nowhere"), 0, Loopback(), nPort);
+    EXPECT_EQ(CreateRet(8, 5000), 317);
+    EXPECT_EQ((Ask<ReqWorkFileDstQuery, RspWorkFileDstQuery>(8)), 300);
+}
+
+TEST_F(FileDstSession, AMissingDirectoryIs320AndIsNotMade)
+{
+    Begin();
+    std::string strDst = S().Path("no/such/dir/file");
+    SendCreate(9, strDst);
+    ASSERT_EQ(CreateRet(9), 0);
+    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(9)), 0);
+    ReqWorkFileAgentGet get;
+    ASSERT_TRUE(WaitGet(get));
+    Answer(9, 0, "abc", 3, brel_lib::md5("abc"));
+    RspWorkFileDstQuery result;
+    ASSERT_TRUE(Result(9, result));
+    EXPECT_EQ(result.ret.value, 320);
+    struct stat st;
+    EXPECT_NE(stat(S().Path("no").c_str(), &st), 0);
+}
+
+TEST_F(FileDstSession, ADirectoryMadeOnRequestWith0x2000)
+{
+    Begin();
+    std::string strDst = S().Path("made/on/request/file");
+    SendCreate(10, strDst, 0x2000);
+    ASSERT_EQ(CreateRet(10), 0);
+    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(10)), 0);
+    ReqWorkFileAgentGet get;
+    ASSERT_TRUE(WaitGet(get));
+    Answer(10, 0, "abc", 3, brel_lib::md5("abc"));
+    RspWorkFileDstQuery result;
+    ASSERT_TRUE(Result(10, result));
+    EXPECT_EQ(result.ret.value, 0);
+    EXPECT_EQ(ReadFile(strDst), "abc");
+}
+
+TEST_F(FileDstSession, AWrongBlockDigestIs342WithoutRetry)
+{
+    Begin();
+    std::string strDst = S().Path("digest");
+    SendCreate(11, strDst);
+    ASSERT_EQ(CreateRet(11), 0);
+    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(11)), 0);
+    ReqWorkFileAgentGet get;
+    ASSERT_TRUE(WaitGet(get));
+    std::string strBlock(100, 'a');
+    Answer(11, 0, strBlock, 200, brel_lib::md5("something else"));
+    RspWorkFileDstQuery result;
+    ASSERT_TRUE(Result(11, result));
+    EXPECT_EQ(result.ret.value, 342);
+    EXPECT_EQ(result.okSizeLow.value, 0);
+    usleep(300000);
+    EXPECT_EQ(m_source.Count(Zik::reqWorkFileAgentGetCid), 1) << "no retry after a bad digest";
+}
+
+TEST_F(FileDstSession, ASourceFailureBecomesTheWorksResult)
+{
+    Begin();
+    std::string strDst = S().Path("srcfail");
+    SendCreate(12, strDst);
+    ASSERT_EQ(CreateRet(12), 0);
+    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(12)), 0);
+    ReqWorkFileAgentGet get;
+    ASSERT_TRUE(WaitGet(get));
+    Answer(12, 0, "", 0, "", 314);
+    RspWorkFileDstQuery result;
+    ASSERT_TRUE(Result(12, result));
+    EXPECT_EQ(result.ret.value, 314);
+}
+
+TEST_F(FileDstSession, ACompleteCacheFileIs330AndNoRoomIs333)
+{
+    Begin("cache_max_size = 1000\n");
+    std::string strCacheId = S().Path("cache/one");
+    SendCreate2(20, strCacheId, 0x400, 5, {Loopback()});
+    EXPECT_EQ(CreateRet(20), 331);
+    ReqWorkFileAgentGet get;
+    ASSERT_TRUE(WaitGet(get));
+    Answer(20, 0, "hello", 5, brel_lib::md5("hello"));
+    RspWorkFileDstQuery result;
+    ASSERT_TRUE(Result(20, result));
+    EXPECT_EQ(result.ret.value, 0);
+    SendCreate2(21, strCacheId, 0x400, 5, {Loopback()});
+    EXPECT_EQ(CreateRet(21), 330);
+    // Only the finished entry may make room, and 5000 bytes don't fit anyway.
+    SendCreate2(22, S().Path("cache/two"), 0x400, 5000, {Loopback()});
+    EXPECT_EQ(CreateRet(22), 333);
+}
+
+TEST_F(FileDstSession, TheUserDaemonMayNotModifyOrCreate339And340)
+{
+    Begin();
+    std::string strExisting = S().Path("rootfile");
+    WriteFile(strExisting, "old");
+    chmod(strExisting.c_str(), 0644);
+    SendCreate(30, strExisting, 0x8000);
+    EXPECT_EQ(CreateRet(30), 339);
+    SendCreate(31, S().Path("missing_dir/file"), 0x8000);
+    EXPECT_EQ(CreateRet(31), 340);
+    std::string strClosedDir = S().Path("closed");
+    mkdir(strClosedDir.c_str(), 0755);
+    SendCreate(32, strClosedDir + "/file", 0x8000);
+    EXPECT_EQ(CreateRet(32), 340);
+    // A file others may write passes by the world bit.
+    chmod(strExisting.c_str(), 0666);
+    SendCreate(33, strExisting, 0x8000);
+    EXPECT_EQ(CreateRet(33), 0);
+}
+
+TEST_F(FileDstSession, AnExistingFileIsTruncatedAndKeepsOwnerAndMode)
+{
+    Begin();
+    std::string strDst = S().Path("kept");
+    WriteFile(strDst, std::string(5000, 'z'));
+    chmod(strDst.c_str(), 0600);
+    SendCreate(40, strDst);
+    ASSERT_EQ(CreateRet(40), 0);
+    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(40)), 0);
+    ReqWorkFileAgentGet get;
+    ASSERT_TRUE(WaitGet(get));
+    Answer(40, 0, "new", 3, brel_lib::md5("new"));
+    RspWorkFileDstQuery result;
+    ASSERT_TRUE(Result(40, result));
+    EXPECT_EQ(result.ret.value, 0);
+    EXPECT_EQ(ReadFile(strDst), "new");
+    struct stat st;
+    ASSERT_EQ(stat(strDst.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+}
+
+} // namespace
