@@ -314,4 +314,87 @@ TEST_F(FileDstSession, AnExistingFileIsTruncatedAndKeepsOwnerAndMode)
     EXPECT_EQ(st.st_mode & 0777, 0600u);
 }
 
+TEST_F(FileDstSession, FlagsSilenceSetActionAndDeleteRepliesButTheWorkStillRuns)
+{
+    Begin();
+    std::string strDst = S().Path("quiet");
+    SendCreate(50, strDst, 0x80 | 0x40);
+    ASSERT_EQ(CreateRet(50), 0);
+    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(50)), -1) << "0x80: no reply";
+    ReqWorkFileAgentGet get;
+    ASSERT_TRUE(WaitGet(get)) << "the pull starts all the same";
+    EXPECT_EQ((Ask<ReqWorkFileDstDelete, RspWorkFileDstDelete>(50)), -1) << "0x40: no reply";
+    EXPECT_EQ((Ask<ReqWorkFileDstQuery, RspWorkFileDstQuery>(50)), 300);
+}
+
+TEST_F(FileDstSession, ASecondSetActionIsAnsweredWithoutASecondGet)
+{
+    Begin();
+    SendCreate(51, S().Path("twice"));
+    ASSERT_EQ(CreateRet(51), 0);
+    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(51)), 0);
+    ReqWorkFileAgentGet get;
+    ASSERT_TRUE(WaitGet(get));
+    EXPECT_EQ(get.beginPosLow.value, 0);
+    EXPECT_EQ(static_cast<unsigned int>(get.getSize.value), 0x80000u);
+    EXPECT_EQ(get.getNum.value, 4);
+    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(51)), 0);
+    usleep(300000);
+    EXPECT_EQ(m_source.Count(Zik::reqWorkFileAgentGetCid), 1);
+}
+
+TEST_F(FileDstSession, ADeleteInMidTransferTakesThePartialFileAndAFinishedFileStays)
+{
+    Begin();
+    std::string strPartial = S().Path("partial");
+    SendCreate(52, strPartial);
+    ASSERT_EQ(CreateRet(52), 0);
+    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(52)), 0);
+    ReqWorkFileAgentGet get;
+    ASSERT_TRUE(WaitGet(get));
+    Answer(52, 0, "first", 100, brel_lib::md5("first"));
+    ASSERT_TRUE(WaitUntil([&] { return ReadFile(strPartial) == "first"; }, 3000));
+    RspWorkFileDstQuery query;
+    EXPECT_EQ((Ask<ReqWorkFileDstQuery, RspWorkFileDstQuery>(52, &query)), 0);
+    EXPECT_EQ(query.status.value, 1);
+    EXPECT_EQ(query.okSizeLow.value, 5);
+    EXPECT_EQ(query.totalSizeLow.value, 100);
+    EXPECT_EQ((Ask<ReqWorkFileDstDelete, RspWorkFileDstDelete>(52)), 0);
+    struct stat st;
+    EXPECT_NE(stat(strPartial.c_str(), &st), 0);
+
+    std::string strDone = S().Path("done");
+    SendCreate(53, strDone);
+    ASSERT_EQ(CreateRet(53), 0);
+    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(53)), 0);
+    ASSERT_TRUE(WaitGet(get, 2));
+    Answer(53, 0, "all", 3, brel_lib::md5("all"));
+    RspWorkFileDstQuery result;
+    ASSERT_TRUE(Result(53, result));
+    EXPECT_EQ((Ask<ReqWorkFileDstDelete, RspWorkFileDstDelete>(53)), 0);
+    EXPECT_EQ(ReadFile(strDone), "all");
+}
+
+TEST_F(FileDstSession, BlocksOutOfOrderAreDroppedAndThePipelineAsksAhead)
+{
+    Begin();
+    std::string strDst = S().Path("order");
+    SendCreate(54, strDst);
+    ASSERT_EQ(CreateRet(54), 0);
+    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(54)), 0);
+    ReqWorkFileAgentGet get;
+    ASSERT_TRUE(WaitGet(get));
+    const unsigned long long lTotal = 10ULL * 0x80000;
+    Answer(54, 0x80000, std::string(0x80000, 'x'), lTotal, brel_lib::md5(std::string(0x80000, 'x')));
+    Answer(54, 0, std::string(0x80000, 'a'), lTotal, brel_lib::md5(std::string(0x80000, 'a')));
+    // The first block brings a look-ahead from behind the first batch, marked as such.
+    ReqWorkFileAgentGet pre;
+    ASSERT_TRUE(WaitGet(pre, 2));
+    EXPECT_EQ(static_cast<unsigned int>(pre.beginPosHigh.value), 0x80000000u);
+    EXPECT_EQ(static_cast<unsigned int>(pre.beginPosLow.value), 4u * 0x80000);
+    RspWorkFileDstQuery query;
+    EXPECT_EQ((Ask<ReqWorkFileDstQuery, RspWorkFileDstQuery>(54, &query)), 0);
+    EXPECT_EQ(query.okSizeLow.value, 0x80000) << "the block out of order was dropped";
+}
+
 } // namespace
