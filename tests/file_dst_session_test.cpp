@@ -397,4 +397,56 @@ TEST_F(FileDstSession, BlocksOutOfOrderAreDroppedAndThePipelineAsksAhead)
     EXPECT_EQ(query.okSizeLow.value, 0x80000) << "the block out of order was dropped";
 }
 
+TEST_F(FileDstSession, ASlaveReportsItsMastersProgressAndTakesOverWhenTheMasterIsDeleted)
+{
+    Begin();
+    std::string strCacheId = S().Path("cache/shared");
+    const unsigned long long lTotal = 3000;
+    SendCreate2(60, strCacheId, 0x400, lTotal, {Loopback()});
+    EXPECT_EQ(CreateRet(60), 331);
+    ReqWorkFileAgentGet get;
+    ASSERT_TRUE(WaitGet(get));
+    SendCreate2(61, strCacheId, 0x400, lTotal, {Loopback()});
+    EXPECT_EQ(CreateRet(61), 331) << "a slave that comes after the connect is answered at once";
+    Answer(60, 0, std::string(1000, 'm'), lTotal, brel_lib::md5(std::string(1000, 'm')));
+    ASSERT_TRUE(WaitUntil([&] { return ReadFile(strCacheId).size() == 1000; }, 3000));
+    RspWorkFileDstQuery query;
+    EXPECT_EQ((Ask<ReqWorkFileDstQuery, RspWorkFileDstQuery>(61, &query)), 0);
+    EXPECT_EQ(query.status.value, 1);
+    EXPECT_EQ(query.okSizeLow.value, 1000) << "the slave shows the master's position";
+
+    // The master goes: the slave connects for itself and goes on from there.
+    size_t nGets = static_cast<size_t>(m_source.Count(Zik::reqWorkFileAgentGetCid));
+    EXPECT_EQ((Ask<ReqWorkFileDstDelete, RspWorkFileDstDelete>(60)), 0);
+    ASSERT_TRUE(WaitGet(get, nGets + 1));
+    EXPECT_EQ(static_cast<unsigned int>(get.dstWorkId.value), 61u);
+    EXPECT_EQ(get.beginPosLow.value, 1000);
+    Answer(61, 1000, std::string(2000, 's'), lTotal, brel_lib::md5(std::string(2000, 's')));
+    RspWorkFileDstQuery result;
+    ASSERT_TRUE(Result(61, result));
+    EXPECT_EQ(result.ret.value, 0);
+    EXPECT_EQ(ReadFile(strCacheId), std::string(1000, 'm') + std::string(2000, 's'));
+    SendCreate2(62, strCacheId, 0x400, lTotal, {Loopback()});
+    EXPECT_EQ(CreateRet(62), 330);
+}
+
+TEST_F(FileDstSession, ALinkAtTheDestinationIsRefusedWhenNoFollowIsOn)
+{
+    Begin("file_trans_client_dst_no_follow = 1\n");
+    std::string strTarget = S().Path("target");
+    WriteFile(strTarget, "keep");
+    std::string strLink = S().Path("link");
+    ASSERT_EQ(symlink(strTarget.c_str(), strLink.c_str()), 0);
+    SendCreate(70, strLink);
+    ASSERT_EQ(CreateRet(70), 0);
+    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(70)), 0);
+    ReqWorkFileAgentGet get;
+    ASSERT_TRUE(WaitGet(get));
+    Answer(70, 0, "evil", 4, brel_lib::md5("evil"));
+    RspWorkFileDstQuery result;
+    ASSERT_TRUE(Result(70, result));
+    EXPECT_EQ(result.ret.value, 320);
+    EXPECT_EQ(ReadFile(strTarget), "keep");
+}
+
 } // namespace
