@@ -276,6 +276,48 @@ TEST_F(FileSource, AnIdleListenerClosesAfterItsKeepTime)
     EXPECT_TRUE(peer.Connect(m_nPort, 2000));
 }
 
+TEST_F(FileSource, TheOptInCheckServesAWorkOnlyItsPathAndItsDestination)
+{
+    Start("file_trans_svr_check_client = 1\n");
+    std::string strPath = File("f", "data");
+    std::string strOther = File("g", "other");
+    unsigned int nElsewhere = 0x0900000A;  // 10.0.0.9, as inet_pton leaves it
+    SendCreate(1, strPath, 0, Loopback());
+    RspWorkFileSrcCreate rsp;
+    ASSERT_TRUE(Session().Next(rsp));
+    SendCreate(2, strPath, 0, nElsewhere);
+    ASSERT_TRUE(Session().Next(rsp));
+
+    FilePeer mine, wrongPath, wrongPeer;
+    ASSERT_TRUE(mine.Connect(m_nPort, 2000));
+    ASSERT_TRUE(mine.Get(1, 5, strPath, 0, 10, 1));
+    FileBlock block;
+    ASSERT_TRUE(mine.Next(block, 3000));
+    EXPECT_EQ(block.strContent, "data");
+    ASSERT_TRUE(wrongPath.Connect(m_nPort, 2000));
+    ASSERT_TRUE(wrongPath.Get(1, 5, strOther, 0, 10, 1));
+    EXPECT_TRUE(wrongPath.WaitClosedBySource(3000));
+    ASSERT_TRUE(wrongPeer.Connect(m_nPort, 2000));
+    ASSERT_TRUE(wrongPeer.Get(2, 5, strPath, 0, 10, 1));
+    EXPECT_TRUE(wrongPeer.WaitClosedBySource(3000));
+}
+
+TEST_F(FileSource, WithoutTheCheckAnyPathIsReadForAKnownWork)
+{
+    Start();
+    std::string strPath = File("f", "data");
+    std::string strOther = File("g", "other");
+    SendCreate(1, strPath, 0, 0x0900000A);
+    RspWorkFileSrcCreate rsp;
+    ASSERT_TRUE(Session().Next(rsp));
+    FilePeer peer;
+    ASSERT_TRUE(peer.Connect(m_nPort, 2000));
+    ASSERT_TRUE(peer.Get(1, 5, strOther, 0, 10, 1));
+    FileBlock block;
+    ASSERT_TRUE(peer.Next(block, 3000));
+    EXPECT_EQ(block.strContent, "other");
+}
+
 // The encrypted create: the session key first, then creates with fileMd5.
 class FileSourceEnc : public FileSource {
 protected:
