@@ -17,8 +17,8 @@
 #include <mutex>
 #include <set>
 
-#include "cmd_execute.h"
-#include "cmd_execute_launch.h"
+#include "cmd_execute/cmd_execute.h"
+#include "cmd_execute/cmd_execute_launch.h"
 #include "install_tree.h"
 #include "log.h"
 #include "network/stream_framing.h"

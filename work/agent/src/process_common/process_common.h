@@ -13,7 +13,7 @@
 #include <string>
 
 #include "asn_parse.h"
-#include "cmd_execute.h"
+#include "cmd_execute/cmd_execute.h"
 #include "common/session_reply.h"
 #include "data_buffer.h"
 #include "network/network_client.h"

@@ -1,4 +1,4 @@
-#include "cmd_execute_launch.h"
+#include "cmd_execute/cmd_execute_launch.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -11,8 +11,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "cmd_execute.h"
-#include "cmd_execute_tree.h"
+#include "cmd_execute/cmd_execute.h"
+#include "cmd_execute/cmd_execute_tree.h"
 #include "log.h"
 #include "util.h"
 

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "cmd_execute_tree.h"
+#include "cmd_execute/cmd_execute_tree.h"
 #include "common/session_reply.h"
 #include "common/work_codes.h"
 #include "thread.h"

@@ -1,4 +1,4 @@
-#include "cmd_execute.h"
+#include "cmd_execute/cmd_execute.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -11,7 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "cmd_execute_launch.h"
+#include "cmd_execute/cmd_execute_launch.h"
 #include "common/agent_clock.h"
 #include "common/agent_globals.h"
 #include "ini_file.h"
