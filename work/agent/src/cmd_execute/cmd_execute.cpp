@@ -180,26 +180,14 @@ int CCmdExecuteManager::AddNewWork(unsigned int nWorkId, const CommonWork& commo
     return 0;
 }
 
-void CCmdExecuteManager::SetWorkAction(unsigned int nWorkId, unsigned int nAction, int nAppend)
-{
-    int ret = SetWorkActionPrivate(nWorkId, nAction, nAppend);
-    if (ret == 0) {
-        m_pProcessCommon->SendCmdToServerSetActionOk(nWorkId);
-    } else {
-        m_pProcessCommon->SendCmdToServerSetActionFailed(ret, nWorkId);
-    }
-}
-
-void CCmdExecuteManager::Query(unsigned int nWorkId, int nAppend)
+int CCmdExecuteManager::Query(unsigned int nWorkId, int nAppend)
 {
     CAutoLock lock(m_lock);
     CommonWork* pWork = GetWork(nWorkId);
-    if (pWork == nullptr) {
-        m_pProcessCommon->SendCmdToServerQueryFailed(RET_NO_SUCH_WORK, nWorkId);
-        return;
-    }
+    if (pWork == nullptr) return RET_NO_SUCH_WORK;
     pWork->nAppend = nAppend;
     m_pProcessCommon->SendCmdToServerQueryOk(*pWork);
+    return 0;
 }
 
 int CCmdExecuteManager::DeleteWork(unsigned int& nFlag, unsigned int nWorkId)
@@ -307,7 +295,9 @@ void CCmdExecuteManager::FreeAllRes()
 
 // ---- launching ----------------------------------------------------------------------
 
-int CCmdExecuteManager::SetWorkActionPrivate(unsigned int nWorkId, unsigned int nAction, int nAppend)
+// Its log lines, and those of the launch, name it SetWorkActionPrivate, as the
+// agent's logs always have.
+int CCmdExecuteManager::SetWorkAction(unsigned int nWorkId, unsigned int nAction, int nAppend)
 {
     CAutoLock lock(m_lock);
     if (nAction != 1) return RET_BAD_ACTION;

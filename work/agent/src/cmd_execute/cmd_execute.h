@@ -59,6 +59,7 @@ public:
 
     // Before Start.
     void SetCfgFile(const std::string& strCfgFile) { m_strCfgFile = strCfgFile; }
+    // Where the works' results are reported; not owned.
     void SetProcessCommon(CSessionReply* pSink) { m_pProcessCommon = pSink; }
     // Tests swap the reaping of children and the finding of cgroups; not owned.
     void SetChildOps(CCmdChildOps* pOps) { m_pChildOps = pOps; }
@@ -68,10 +69,12 @@ public:
     // Main thread, at a reload.
     void ReloadCfg();
 
-    // Session thread.
+    // Session thread. Each returns 0 or a RET_ code, which the session
+    // answers; a found work's query is answered through SendCmdToServerQueryOk.
+    // nAppend is the envelope value of the request, kept for the work's reports.
     int AddNewWork(unsigned int nWorkId, const CommonWork& commonWork);
-    void SetWorkAction(unsigned int nWorkId, unsigned int nAction, int nAppend);
-    void Query(unsigned int nWorkId, int nAppend);
+    int SetWorkAction(unsigned int nWorkId, unsigned int nAction, int nAppend);
+    int Query(unsigned int nWorkId, int nAppend);
     int DeleteWork(unsigned int& nFlag, unsigned int nWorkId);
     unsigned int GetNowWorkSize();
 
@@ -81,7 +84,6 @@ private:
     typedef std::map<unsigned int, CommonWork*> WorkMap;
 
     void LoadCfg();
-    int SetWorkActionPrivate(unsigned int nWorkId, unsigned int nAction, int nAppend);
     int AllocateBuffers(CommonWork& work);
     int LaunchChild(CommonWork& work);
     int FailLaunch(CommonWork& work, int nRet);
