@@ -62,6 +62,14 @@ bool IsQuiet(const CommonWork& work) { return (work.nFlag & WORK_FLAG_QUIET) != 
 
 std::string TimeText(time_t t) { return ConvertUnixTimeToStr(static_cast<long>(t)); }
 
+// A delete of a work whose child has not been reaped, with the child and its time limit.
+void LogDeleteOfRunning(const char* szText, const CommonWork& work)
+{
+    if (IsQuiet(work)) return;
+    Log(LOG_LEVEL_INFO, szText, work.nWorkId, static_cast<int>(work.nPid), static_cast<unsigned int>(work.nTimeoutSecond),
+        work.nAppend);
+}
+
 CCmdChildOps g_childOps;  // the real waitpid and cgroup mount
 
 } // namespace
@@ -214,12 +222,9 @@ int CCmdExecuteManager::DeleteWork(unsigned int& nFlag, unsigned int nWorkId)
     CommonWork& work = *it->second;
     nFlag = work.nFlag;
     if (work.nStatus == WORK_RUNNING) {
-        if (!IsQuiet(work)) {
-            Log(LOG_LEVEL_INFO,
-                "CCmdExecuteManager::DeleteWork(delete running work, and we will wait it, work id: %u, pid: %d, "
-                "timeout: %u, append: %d)",
-                nWorkId, static_cast<int>(work.nPid), static_cast<unsigned int>(work.nTimeoutSecond), work.nAppend);
-        }
+        LogDeleteOfRunning("CCmdExecuteManager::DeleteWork(delete running work, and we will wait it, work id: %u, "
+                           "pid: %d, timeout: %u, append: %d)",
+                           work);
         CloseSelfPipe(-1, work);
         if (work.nBufErrSize >= g_nDeletedLen && work.pStdErr != nullptr) {
             memcpy(work.pStdErr, g_pszDeleted, g_nDeletedLen);
@@ -236,12 +241,9 @@ int CCmdExecuteManager::DeleteWork(unsigned int& nFlag, unsigned int nWorkId)
         return 0;
     }
     if (work.nStatus == WORK_FINISHED) {
-        if (!IsQuiet(work)) {
-            Log(LOG_LEVEL_INFO,
-                "CCmdExecuteManager::DeleteWork(delete running but killed work, and we will wait it again, work id: "
-                "%u, pid: %d, timeout: %u, append: %d)",
-                nWorkId, static_cast<int>(work.nPid), static_cast<unsigned int>(work.nTimeoutSecond), work.nAppend);
-        }
+        LogDeleteOfRunning("CCmdExecuteManager::DeleteWork(delete running but killed work, and we will wait it "
+                           "again, work id: %u, pid: %d, timeout: %u, append: %d)",
+                           work);
         work.nStatus = WORK_DELETED;
         return 0;
     }
