@@ -69,13 +69,14 @@ public:
     // Main thread, at a reload.
     void ReloadCfg();
 
-    // Session thread. Each returns 0 or a RET_ code, which the session
+    // Session thread. The requests return 0 or a RET_ code, which the session
     // answers; a found work's query is answered through SendCmdToServerQueryOk.
     // nAppend is the envelope value of the request, kept for the work's reports.
     int AddNewWork(unsigned int nWorkId, const CommonWork& commonWork);
     int SetWorkAction(unsigned int nWorkId, unsigned int nAction, int nAppend);
     int Query(unsigned int nWorkId, int nAppend);
     int DeleteWork(unsigned int& nFlag, unsigned int nWorkId);
+    // Works in all three stages.
     unsigned int GetNowWorkSize();
 
     void Run() override;
