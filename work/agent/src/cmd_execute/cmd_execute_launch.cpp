@@ -215,6 +215,8 @@ pid_t ForkForPlan(CmdLaunchPlan& plan)
         if (lPid >= 0) return static_cast<pid_t>(lPid);
         plan.bMadeInCgroup = false;  // an older kernel: fork, and the child moves itself
     }
+#else
+    (void)plan;  // the child enters its cgroup itself
 #endif
     return fork();
 }
