@@ -372,19 +372,21 @@ int CCmdExecuteManager::LaunchChild(CommonWork& work)
 {
     // Close-on-exec, so that no other child of the agent inherits a work's
     // pipes; the child's dup2 onto 1 and 2 makes copies without the flag.
-    if (pipe2(work.nFdOut, O_CLOEXEC) != 0) {
-        Log(LOG_LEVEL_ERROR,
-            "CCmdExecuteManager::SetWorkActionPrivate(create pipe 1 is error, work id: %u, errno: %d, append: %d)",
-            work.nWorkId, errno, work.nAppend);
-        work.nFdOut[0] = work.nFdOut[1] = -1;
-        return RET_PIPE_FAILED;
-    }
-    if (pipe2(work.nFdErr, O_CLOEXEC) != 0) {
-        Log(LOG_LEVEL_ERROR,
-            "CCmdExecuteManager::SetWorkActionPrivate(create pipe 2 is error, work id: %u, errno: %d, append: %d)",
-            work.nWorkId, errno, work.nAppend);
-        work.nFdErr[0] = work.nFdErr[1] = -1;
-        return RET_PIPE_FAILED;
+    struct {
+        int* pFds;
+        const char* szText;
+    } streams[] = {
+        {work.nFdOut,
+         "CCmdExecuteManager::SetWorkActionPrivate(create pipe 1 is error, work id: %u, errno: %d, append: %d)"},
+        {work.nFdErr,
+         "CCmdExecuteManager::SetWorkActionPrivate(create pipe 2 is error, work id: %u, errno: %d, append: %d)"},
+    };
+    for (auto& stream : streams) {
+        if (pipe2(stream.pFds, O_CLOEXEC) != 0) {
+            Log(LOG_LEVEL_ERROR, stream.szText, work.nWorkId, errno, work.nAppend);
+            stream.pFds[0] = stream.pFds[1] = -1;
+            return RET_PIPE_FAILED;
+        }
     }
     CmdWorkTree tree;
     if (m_bKillProcessTree) tree = m_processTree.Take();
