@@ -13,6 +13,7 @@
 #include <memory>
 
 #include "file_peer.h"
+#include "file_trans_cache/file_trans_cache.h"
 #include "md5.h"
 #include "server_crypto.h"
 #include "session_harness.h"
@@ -316,6 +317,42 @@ TEST_F(FileSource, WithoutTheCheckAnyPathIsReadForAKnownWork)
     FileBlock block;
     ASSERT_TRUE(peer.Next(block, 3000));
     EXPECT_EQ(block.strContent, "other");
+}
+
+TEST_F(FileSource, AFileOfTheCacheIsRenewedByItsOfferAndItsReaders)
+{
+    Start("cache_max_size = 300\n");
+    std::vector<std::string> vecFiles;
+    for (const char* szName : {"cache/a", "cache/b", "cache/c"}) {
+        vecFiles.push_back(File(szName, std::string(100, 'c')));
+        ASSERT_EQ(g_fileTransCache.AddToCache(vecFiles.back(), 100, 0), vecFiles.back());
+        g_fileTransCache.SetCacheFileFinish(vecFiles.back());
+        Session().AdvanceClock(10);
+    }
+    std::string strId;
+    bool bComplete = false;
+    unsigned int nThread = 0;
+    auto has = [&](const std::string& strPath) {
+        return g_fileTransCache.GetFromCache(strId, bComplete, nThread, strPath);
+    };
+    // The offer of a makes it the youngest: room for one more takes b.
+    ASSERT_EQ(Create(1, vecFiles[0], 0x400), 0);
+    std::string strD = Session().Path("cache/d");
+    ASSERT_EQ(g_fileTransCache.AddToCache(strD, 100, 0), strD);
+    EXPECT_TRUE(has(vecFiles[0]));
+    EXPECT_FALSE(has(vecFiles[1]));
+    // The offer of c makes it younger than a, until a reader of a's work comes.
+    Session().AdvanceClock(10);
+    ASSERT_EQ(Create(2, vecFiles[2], 0x400), 0);
+    Session().AdvanceClock(10);
+    FilePeer peer;
+    ASSERT_TRUE(peer.Connect(m_nPort, 2000));
+    ASSERT_TRUE(peer.Heartbeat(1, 7));
+    ASSERT_TRUE(Logged("UpdateClientInfo(work id: 1, dst work id: 7"));
+    std::string strE = Session().Path("cache/e");
+    ASSERT_EQ(g_fileTransCache.AddToCache(strE, 100, 0), strE);
+    EXPECT_TRUE(has(vecFiles[0]));
+    EXPECT_FALSE(has(vecFiles[2]));
 }
 
 // The encrypted create: the session key first, then creates with fileMd5.
