@@ -17,8 +17,8 @@
 #include <mutex>
 #include <set>
 
-#include "cmd_execute.h"
-#include "cmd_execute_launch.h"
+#include "cmd_execute/cmd_execute.h"
+#include "cmd_execute/cmd_execute_launch.h"
 #include "install_tree.h"
 #include "log.h"
 #include "network/stream_framing.h"
@@ -40,9 +40,6 @@ public:
         std::string strOut, strErr;
     };
 
-    void SendCmdToServerSetActionOk(unsigned int nWorkId) override { Set(m_mapStart, nWorkId, 0); }
-    void SendCmdToServerSetActionFailed(int nRet, unsigned int nWorkId) override { Set(m_mapStart, nWorkId, nRet); }
-    void SendCmdToServerQueryFailed(int, unsigned int) override {}
     void SendCmdToServerQueryOk(const CommonWork& work) override
     {
         Report report;
@@ -55,15 +52,6 @@ public:
         std::lock_guard<std::mutex> lock(m_mutex);
         m_mapLast[work.nWorkId] = report;
         m_cond.notify_all();
-    }
-
-    // The start's result; -1 when none came in time.
-    int StartResult(unsigned int nWorkId, int nTimeoutMs = 3000)
-    {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        bool bOk = m_cond.wait_for(lock, std::chrono::milliseconds(nTimeoutMs),
-                                   [&] { return m_mapStart.count(nWorkId) != 0; });
-        return bOk ? m_mapStart[nWorkId] : -1;
     }
 
     // The last report of the work with a status of at least nStatus.
@@ -79,16 +67,8 @@ public:
     }
 
 private:
-    void Set(std::map<unsigned int, int>& map, unsigned int nWorkId, int nRet)
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        map[nWorkId] = nRet;
-        m_cond.notify_all();
-    }
-
     std::mutex m_mutex;
     std::condition_variable m_cond;
-    std::map<unsigned int, int> m_mapStart;
     std::map<unsigned int, Report> m_mapLast;
 };
 
@@ -164,8 +144,7 @@ protected:
         work.nBufOutSize = work.nBufErrSize = nBufSize;
         int ret = m_manager.AddNewWork(nWorkId, work);
         if (ret != 0) return ret;
-        m_manager.SetWorkAction(nWorkId, 1, 0);
-        return m_sink.StartResult(nWorkId);
+        return m_manager.SetWorkAction(nWorkId, 1, 0);
     }
 
     // The work's processes once one of them runs strMarker; empty on timeout.

@@ -420,4 +420,64 @@ TEST_F(AgentFileSource, APeerThatStopsReadingDoesNotHoldUpAnother)
     EXPECT_LT(lRssAfter - lRssBefore, 64 * 1024) << lRssBefore << " KiB before, " << lRssAfter << " after";
 }
 
+// The source's part in the agent's start and reload.
+class AgentFileSourceStart : public AgentEndToEnd {};
+
+TEST_F(AgentFileSourceStart, NoUsableInterfaceEndsTheAgentAtStartAndAtReload)
+{
+    Tree().Config()["file_trans_svr_bind_eth"] = "nosuch0 | 999.1.1.1";
+    EXPECT_EQ(RunToExit(), 1);
+    EXPECT_TRUE(Tree().WaitForLog("file_trans_svr_bind_eth in cfg file is error: nosuch0 | 999.1.1.1", 1000));
+
+    Tree().Config()["file_trans_svr_bind_eth"] = "nosuch0|127.0.0.1";  // the second piece serves
+    pid_t pid = StartAgent();
+    Tree().Config()["file_trans_svr_bind_eth"] = "nosuch0";
+    Tree().WriteConfig();
+    kill(pid, SIGUSR1);
+    EXPECT_EQ(Tree().WaitExit(pid, 5000), 1);
+}
+
+TEST_F(AgentFileSourceStart, TheStartWipesTheCacheDirectoryAndNothingElse)
+{
+    std::string strCache = Tree().Path("cache");
+    ASSERT_EQ(mkdir((strCache + "/sub").c_str(), 0755), 0);
+    WriteFile(strCache + "/sub/old", "x");
+    WriteFile(strCache + "/old", "x");
+    WriteFile(Tree().Path("beside"), "x");
+    pid_t pid = StartAgent();
+    struct stat st;
+    EXPECT_EQ(stat(strCache.c_str(), &st), 0);
+    EXPECT_NE(stat((strCache + "/old").c_str(), &st), 0);
+    EXPECT_NE(stat((strCache + "/sub").c_str(), &st), 0);
+    EXPECT_EQ(ReadFile(Tree().Path("beside")), "x");
+    Stop(pid);
+}
+
+TEST_F(AgentFileSourceStart, AReloadWithPrintAgentInfoDumpsTheWorks)
+{
+    Server().SetAnswerHeartbeats(true);
+    pid_t pid = StartAgent();
+    std::string strPath = Tree().Path("data");
+    WriteFile(strPath, "x");
+    ReqWorkFileSrcCreate req;
+    req.workId = 61;
+    req.srcFile.Set(strPath.data(), strPath.size());
+    ASSERT_TRUE(Server().Send(req, 3));
+    ASSERT_TRUE(Server().WaitFor(Zik::rspWorkFileSrcCreateCid, 5000));
+    Tree().Config()["print_agent_info"] = "1";
+    Tree().WriteConfig();
+    kill(pid, SIGUSR1);
+    std::string strDump;
+    EXPECT_TRUE(WaitUntil(
+        [&] {
+            strDump = ReadFile(Tree().Path("log/file_svr_info"));
+            return strDump.find("[End] Read Thread") != std::string::npos;
+        },
+        5000));
+    EXPECT_NE(strDump.find("m_mapWork.size: 1\n"), std::string::npos);
+    EXPECT_NE(strDump.find("nWorkId: 61\n"), std::string::npos);
+    EXPECT_NE(strDump.find("strSrcFile: " + strPath + "\n"), std::string::npos);
+    Stop(pid);
+}
+
 } // namespace

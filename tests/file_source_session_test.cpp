@@ -13,6 +13,7 @@
 #include <memory>
 
 #include "file_peer.h"
+#include "file_trans_cache/file_trans_cache.h"
 #include "md5.h"
 #include "server_crypto.h"
 #include "session_harness.h"
@@ -274,6 +275,84 @@ TEST_F(FileSource, AnIdleListenerClosesAfterItsKeepTime)
     ASSERT_EQ(Create(2, strPath, 0, &rsp), 0);
     EXPECT_EQ(rsp.srcServerPort.value, m_nPort);
     EXPECT_TRUE(peer.Connect(m_nPort, 2000));
+}
+
+TEST_F(FileSource, TheOptInCheckServesAWorkOnlyItsPathAndItsDestination)
+{
+    Start("file_trans_svr_check_client = 1\n");
+    std::string strPath = File("f", "data");
+    std::string strOther = File("g", "other");
+    unsigned int nElsewhere = 0x0900000A;  // 10.0.0.9, as inet_pton leaves it
+    SendCreate(1, strPath, 0, Loopback());
+    RspWorkFileSrcCreate rsp;
+    ASSERT_TRUE(Session().Next(rsp));
+    SendCreate(2, strPath, 0, nElsewhere);
+    ASSERT_TRUE(Session().Next(rsp));
+
+    FilePeer mine, wrongPath, wrongPeer;
+    ASSERT_TRUE(mine.Connect(m_nPort, 2000));
+    ASSERT_TRUE(mine.Get(1, 5, strPath, 0, 10, 1));
+    FileBlock block;
+    ASSERT_TRUE(mine.Next(block, 3000));
+    EXPECT_EQ(block.strContent, "data");
+    ASSERT_TRUE(wrongPath.Connect(m_nPort, 2000));
+    ASSERT_TRUE(wrongPath.Get(1, 5, strOther, 0, 10, 1));
+    EXPECT_TRUE(wrongPath.WaitClosedBySource(3000));
+    ASSERT_TRUE(wrongPeer.Connect(m_nPort, 2000));
+    ASSERT_TRUE(wrongPeer.Get(2, 5, strPath, 0, 10, 1));
+    EXPECT_TRUE(wrongPeer.WaitClosedBySource(3000));
+}
+
+TEST_F(FileSource, WithoutTheCheckAnyPathIsReadForAKnownWork)
+{
+    Start();
+    std::string strPath = File("f", "data");
+    std::string strOther = File("g", "other");
+    SendCreate(1, strPath, 0, 0x0900000A);
+    RspWorkFileSrcCreate rsp;
+    ASSERT_TRUE(Session().Next(rsp));
+    FilePeer peer;
+    ASSERT_TRUE(peer.Connect(m_nPort, 2000));
+    ASSERT_TRUE(peer.Get(1, 5, strOther, 0, 10, 1));
+    FileBlock block;
+    ASSERT_TRUE(peer.Next(block, 3000));
+    EXPECT_EQ(block.strContent, "other");
+}
+
+TEST_F(FileSource, AFileOfTheCacheIsRenewedByItsOfferAndItsReaders)
+{
+    Start("cache_max_size = 300\n");
+    std::vector<std::string> vecFiles;
+    for (const char* szName : {"cache/a", "cache/b", "cache/c"}) {
+        vecFiles.push_back(File(szName, std::string(100, 'c')));
+        ASSERT_EQ(g_fileTransCache.AddToCache(vecFiles.back(), 100, 0), vecFiles.back());
+        g_fileTransCache.SetCacheFileFinish(vecFiles.back());
+        Session().AdvanceClock(10);
+    }
+    std::string strId;
+    bool bComplete = false;
+    unsigned int nThread = 0;
+    auto has = [&](const std::string& strPath) {
+        return g_fileTransCache.GetFromCache(strId, bComplete, nThread, strPath);
+    };
+    // The offer of a makes it the youngest: room for one more takes b.
+    ASSERT_EQ(Create(1, vecFiles[0], 0x400), 0);
+    std::string strD = Session().Path("cache/d");
+    ASSERT_EQ(g_fileTransCache.AddToCache(strD, 100, 0), strD);
+    EXPECT_TRUE(has(vecFiles[0]));
+    EXPECT_FALSE(has(vecFiles[1]));
+    // The offer of c makes it younger than a, until a reader of a's work comes.
+    Session().AdvanceClock(10);
+    ASSERT_EQ(Create(2, vecFiles[2], 0x400), 0);
+    Session().AdvanceClock(10);
+    FilePeer peer;
+    ASSERT_TRUE(peer.Connect(m_nPort, 2000));
+    ASSERT_TRUE(peer.Heartbeat(1, 7));
+    ASSERT_TRUE(Logged("UpdateClientInfo(work id: 1, dst work id: 7"));
+    std::string strE = Session().Path("cache/e");
+    ASSERT_EQ(g_fileTransCache.AddToCache(strE, 100, 0), strE);
+    EXPECT_TRUE(has(vecFiles[0]));
+    EXPECT_FALSE(has(vecFiles[2]));
 }
 
 // The encrypted create: the session key first, then creates with fileMd5.

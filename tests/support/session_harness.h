@@ -63,21 +63,23 @@ public:
         m_rev.Push(bytes.data(), static_cast<unsigned int>(bytes.size()), brel_lib::BREL_DATA_NORMAL_PRI);
     }
 
-    // The next packet of the message type T that the predicate accepts
-    // (others are kept for later); false on timeout.
+    // The next packet of the message type T (others are kept for later), and
+    // its envelope's append where pAppend is given; false on timeout.
     template <class T>
-    bool Next(T& out, int nTimeoutMs = 3000)
+    bool Next(T& out, int nTimeoutMs = 3000, int* pAppend = nullptr)
     {
-        return NextWhere(out, [](const T&) { return true; }, nTimeoutMs);
+        return NextWhere(out, [](const T&) { return true; }, nTimeoutMs, pAppend);
     }
 
+    // The same for the next packet of type T that the predicate accepts.
     template <class T, class F>
-    bool NextWhere(T& out, F accept, int nTimeoutMs)
+    bool NextWhere(T& out, F accept, int nTimeoutMs, int* pAppend = nullptr)
     {
         int64_t lDeadline = agent_test::SteadyMs() + nTimeoutMs;
         while (true) {
             for (auto it = m_deqPending.begin(); it != m_deqPending.end(); ++it) {
                 if (agent_test::DecodeBody(*it, out) && accept(out)) {
+                    if (pAppend != nullptr) *pAppend = it->nAppend;
                     m_deqPending.erase(it);
                     return true;
                 }
@@ -87,6 +89,9 @@ public:
             if (p != nullptr) {
                 agent_test::TestWorkServer::Received received;
                 received.bytes.assign(p, p + nSize);
+                ZikPacket packet;
+                unsigned int nUsed = 0;
+                if (brel_lib::ParseFromBuffer(packet, nUsed, p, nSize) == 0) received.nAppend = packet.append;
                 brel_lib::CDataBufferSTLDeque::FreePopData(p);
                 m_deqPending.push_back(received);
                 continue;

@@ -1,6 +1,7 @@
-// The one way back from a manager into the server session: the replies and
-// reports that a manager hands to the session for the server. The session
-// implements it and gives it to each manager before that manager starts.
+// The one way back from a manager into the server session: what a manager
+// reports by itself, unasked. The session implements it and gives it to each
+// manager before that manager starts. Answers to requests are not sent this
+// way: a manager returns its result code and the session answers.
 #pragma once
 
 struct CommonWork;
@@ -9,12 +10,8 @@ class CSessionReply {
 public:
     virtual ~CSessionReply() = default;
 
-    // Command works; the command manager may call these with its lock held.
-    // The SetAction and QueryFailed forms answer the request in hand, so they
-    // run on the session thread; QueryOk takes the work's own route and may
-    // run on any thread.
-    virtual void SendCmdToServerSetActionOk(unsigned int nWorkId) = 0;
-    virtual void SendCmdToServerSetActionFailed(int nRet, unsigned int nWorkId) = 0;
+    // A command work's state, under the work's own route: its result when it
+    // ends and while it waits to be deleted, and the answer to a query. Any
+    // thread; the command manager calls it with its lock held.
     virtual void SendCmdToServerQueryOk(const CommonWork& work) = 0;
-    virtual void SendCmdToServerQueryFailed(int nRet, unsigned int nWorkId) = 0;
 };

@@ -16,7 +16,7 @@ int FileSvrPacketComplete(const void* pData, unsigned int nDataLen)
     // The length as far as it has come: missing length bytes count as 0, so
     // the known high bytes alone may condemn the packet before the rest arrives.
     const unsigned char* p = static_cast<const unsigned char*>(pData);
-    if (nDataLen >= 2) {
+    if (nDataLen >= 2 && p[0] == 0x30) {
         unsigned long long lHeadLen = 2, lContLen = p[1];
         if (p[1] > 0x80) {
             unsigned int nLenLen = p[1] & 0x7f;

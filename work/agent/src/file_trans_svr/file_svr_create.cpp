@@ -258,7 +258,7 @@ void CFileTransSvrManager::Create(CFileSvrReqCreate* pReq)
     if (bCreate2) {
         SendFileSrcToServerCreate2Ok(m_vecBindEth, nPort, pReq->m_tFileModify, pReq->m_lFileSize);
     } else {
-        SendFileSrcToServerCreateOk(m_vecBindEth.front(), nPort);
+        SendFileSrcToServerCreateOk(m_vecBindEth.empty() ? 0 : m_vecBindEth.front(), nPort);
     }
 }
 

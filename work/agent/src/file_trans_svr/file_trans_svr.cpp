@@ -319,51 +319,50 @@ void CFileTransSvrManager::PrintAgentInfo()
 
 // ---- replies to the server ---------------------------------------------------------
 
-void FillFileSrcCreate(RspWorkFileSrcCreate& rsp, const FileSrcReplyTo& to, int ret, unsigned int nIp,
-                       unsigned short nPort)
+void FillFileSrcCreate(RspWorkFileSrcCreate& rsp, unsigned int nWorkId, const ReplyRoute& route, int ret,
+                       unsigned int nIp, unsigned short nPort)
 {
     rsp.ret = ret;
-    rsp.workId = static_cast<int>(to.nWorkId);
+    rsp.workId = static_cast<int>(nWorkId);
     rsp.srcServerIp = static_cast<int>(nIp);
     rsp.srcServerPort = nPort;
-    rsp.routeDstServerIp = static_cast<int>(to.nRouteSrcServerIp);
-    rsp.routeDstServerId = static_cast<int>(to.nRouteSrcServerId);
+    rsp.routeDstServerIp = static_cast<int>(route.nSrcServerIp);
+    rsp.routeDstServerId = static_cast<int>(route.nSrcServerId);
     rsp.routeSrcAgentId = static_cast<int>(g_nAgentId.load());
 }
 
-void FillFileSrcCreate2(RspWorkFileSrcCreate2& rsp, const FileSrcReplyTo& to, int ret,
+void FillFileSrcCreate2(RspWorkFileSrcCreate2& rsp, unsigned int nWorkId, const ReplyRoute& route, int ret,
                         const std::vector<unsigned int>& vecIp, unsigned short nPort, time_t tModify,
                         unsigned long long lFileSize)
 {
     rsp.ret = ret;
-    rsp.workId = static_cast<int>(to.nWorkId);
+    rsp.workId = static_cast<int>(nWorkId);
     for (unsigned int nIp : vecIp) *rsp.srcServerIp.Append() = static_cast<int>(nIp);
     rsp.srcServerPort = nPort;
     rsp.modifyTime = static_cast<int>(tModify);
     rsp.totalSizeHigh = static_cast<int>(lFileSize >> 32);
     rsp.totalSizeLow = static_cast<int>(lFileSize & 0xFFFFFFFFU);
-    rsp.routeDstServerIp = static_cast<int>(to.nRouteSrcServerIp);
-    rsp.routeDstServerId = static_cast<int>(to.nRouteSrcServerId);
+    rsp.routeDstServerIp = static_cast<int>(route.nSrcServerIp);
+    rsp.routeDstServerId = static_cast<int>(route.nSrcServerId);
     rsp.routeSrcAgentId = static_cast<int>(g_nAgentId.load());
 }
 
-void FillFileSrcDelete(RspWorkFileSrcDelete& rsp, const FileSrcReplyTo& to, int ret)
+void FillFileSrcDelete(RspWorkFileSrcDelete& rsp, unsigned int nWorkId, const ReplyRoute& route, int ret)
 {
     rsp.ret = ret;
-    rsp.workId = static_cast<int>(to.nWorkId);
-    rsp.routeDstServerIp = static_cast<int>(to.nRouteSrcServerIp);
-    rsp.routeDstServerId = static_cast<int>(to.nRouteSrcServerId);
+    rsp.workId = static_cast<int>(nWorkId);
+    rsp.routeDstServerIp = static_cast<int>(route.nSrcServerIp);
+    rsp.routeDstServerId = static_cast<int>(route.nSrcServerId);
     rsp.routeSrcAgentId = static_cast<int>(g_nAgentId.load());
 }
 
-FileSrcReplyTo CFileTransSvrManager::NowReplyTo() const
+ReplyRoute CFileTransSvrManager::NowRoute() const
 {
-    FileSrcReplyTo to;
-    to.nWorkId = m_nNowWorkId;
-    to.nAppend = m_nNowAppend;
-    to.nRouteSrcServerIp = m_nNowRouteSrcServerIp;
-    to.nRouteSrcServerId = m_nNowRouteSrcServerId;
-    return to;
+    ReplyRoute route;
+    route.nAppend = m_nNowAppend;
+    route.nSrcServerIp = m_nNowRouteSrcServerIp;
+    route.nSrcServerId = m_nNowRouteSrcServerId;
+    return route;
 }
 
 template <class T>
@@ -379,7 +378,7 @@ void CFileTransSvrManager::SendFileSrcToServerCreateOk(unsigned int nIp, unsigne
     Log(LOG_LEVEL_DEBUG, "CFileTransSvrManager::SendFileSrcToServerCreateOk(work id: %u, append: %d)", m_nNowWorkId,
         m_nNowAppend);
     RspWorkFileSrcCreate rsp;
-    FillFileSrcCreate(rsp, NowReplyTo(), 0, nIp, nPort);
+    FillFileSrcCreate(rsp, m_nNowWorkId, NowRoute(), 0, nIp, nPort);
     SendToServerMain(rsp);
 }
 
@@ -388,7 +387,7 @@ void CFileTransSvrManager::SendFileSrcToServerCreateFailed(int ret)
     Log(LOG_LEVEL_WARNING, "CFileTransSvrManager::SendFileSrcToServerCreateFailed(ret: %d, work id: %u, append: %d)",
         ret, m_nNowWorkId, m_nNowAppend);
     RspWorkFileSrcCreate rsp;
-    FillFileSrcCreate(rsp, NowReplyTo(), ret, 0, 0);
+    FillFileSrcCreate(rsp, m_nNowWorkId, NowRoute(), ret, 0, 0);
     SendToServerMain(rsp);
 }
 
@@ -398,7 +397,7 @@ void CFileTransSvrManager::SendFileSrcToServerCreate2Ok(const std::vector<unsign
     Log(LOG_LEVEL_DEBUG, "CFileTransSvrManager::SendFileSrcToServerCreate2Ok(work id: %u, append: %d)", m_nNowWorkId,
         m_nNowAppend);
     RspWorkFileSrcCreate2 rsp;
-    FillFileSrcCreate2(rsp, NowReplyTo(), 0, vecIp, nPort, tModify, lFileSize);
+    FillFileSrcCreate2(rsp, m_nNowWorkId, NowRoute(), 0, vecIp, nPort, tModify, lFileSize);
     SendToServerMain(rsp);
 }
 
@@ -407,7 +406,7 @@ void CFileTransSvrManager::SendFileSrcToServerCreate2Failed(int ret)
     Log(LOG_LEVEL_WARNING, "CFileTransSvrManager::SendFileSrcToServerCreate2Failed(ret: %d, work id: %u, append: %d)",
         ret, m_nNowWorkId, m_nNowAppend);
     RspWorkFileSrcCreate2 rsp;
-    FillFileSrcCreate2(rsp, NowReplyTo(), ret, std::vector<unsigned int>(), 0, 0, 0);
+    FillFileSrcCreate2(rsp, m_nNowWorkId, NowRoute(), ret, std::vector<unsigned int>(), 0, 0, 0);
     SendToServerMain(rsp);
 }
 
@@ -416,7 +415,7 @@ void CFileTransSvrManager::SendFileSrcToServerDeleteOk()
     Log(LOG_LEVEL_DEBUG, "CFileTransSvrManager::SendFileSrcToServerDeleteOk(work id: %u, append: %d)", m_nNowWorkId,
         m_nNowAppend);
     RspWorkFileSrcDelete rsp;
-    FillFileSrcDelete(rsp, NowReplyTo(), 0);
+    FillFileSrcDelete(rsp, m_nNowWorkId, NowRoute(), 0);
     SendToServerMain(rsp);
 }
 
@@ -425,6 +424,6 @@ void CFileTransSvrManager::SendFileSrcToServerDeleteFailed(int ret)
     Log(LOG_LEVEL_WARNING, "CFileTransSvrManager::SendFileSrcToServerDeleteFailed(ret: %d, work id: %u, append: %d)",
         ret, m_nNowWorkId, m_nNowAppend);
     RspWorkFileSrcDelete rsp;
-    FillFileSrcDelete(rsp, NowReplyTo(), ret);
+    FillFileSrcDelete(rsp, m_nNowWorkId, NowRoute(), ret);
     SendToServerMain(rsp);
 }

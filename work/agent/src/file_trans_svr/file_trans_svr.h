@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "asn_parse.h"
+#include "common/reply_route.h"
 #include "data_buffer.h"
 #include "file_trans_svr/file_read_thread.h"
 #include "file_trans_svr/file_svr_req.h"
@@ -43,22 +44,14 @@ struct FileTransSvr {
     std::string strCacheId;
 };
 
-// Where a reply to the server goes: the request's work, append and route.
-struct FileSrcReplyTo {
-    unsigned int nWorkId = 0;
-    int nAppend = 0;
-    unsigned int nRouteSrcServerIp = 0;
-    unsigned int nRouteSrcServerId = 0;
-};
-
 // The reply records of the source, filled in one place for the manager and
 // for the session's own failure replies; ret 0 carries the listener.
-void FillFileSrcCreate(RspWorkFileSrcCreate& rsp, const FileSrcReplyTo& to, int ret, unsigned int nIp,
-                       unsigned short nPort);
-void FillFileSrcCreate2(RspWorkFileSrcCreate2& rsp, const FileSrcReplyTo& to, int ret,
+void FillFileSrcCreate(RspWorkFileSrcCreate& rsp, unsigned int nWorkId, const ReplyRoute& route, int ret,
+                       unsigned int nIp, unsigned short nPort);
+void FillFileSrcCreate2(RspWorkFileSrcCreate2& rsp, unsigned int nWorkId, const ReplyRoute& route, int ret,
                         const std::vector<unsigned int>& vecIp, unsigned short nPort, time_t tModify,
                         unsigned long long lFileSize);
-void FillFileSrcDelete(RspWorkFileSrcDelete& rsp, const FileSrcReplyTo& to, int ret);
+void FillFileSrcDelete(RspWorkFileSrcDelete& rsp, unsigned int nWorkId, const ReplyRoute& route, int ret);
 
 class CFileTransSvrManager : public brel_lib::CThread {
 public:
@@ -128,7 +121,7 @@ private:
     void SendFileSrcToServerCreate2Failed(int ret);
     void SendFileSrcToServerDeleteOk();
     void SendFileSrcToServerDeleteFailed(int ret);
-    FileSrcReplyTo NowReplyTo() const;
+    ReplyRoute NowRoute() const;
     template <class T>
     void SendToServerMain(T& message);
 

@@ -33,55 +33,55 @@ void CopyDstClearPart(const TEnc& enc, TPlain& plain)
 
 // A known id is answered by silence; only an accepted create or delete is
 // remembered, so that a refused one may be tried again.
-void CProcessCommon::ReqFileDstCreate(ReqWorkFileDstCreate* pReq)
+void CProcessCommon::ReqFileDstCreate(ReqWorkFileDstCreate* pReq, int nAppend)
 {
     unsigned int nWorkId = static_cast<unsigned int>(pReq->workId.value);
     if (m_mapCreatedWorkId.count(nWorkId) != 0) return;
-    int ret = m_fileTransClientManager.CreateTransClient(pReq, m_nNowAppend);
+    int ret = m_fileTransClientManager.CreateTransClient(pReq, nAppend);
     if (ret != 0) {
-        SendFileDstToServerCreateFailed(ret, *pReq);
+        SendFileDstToServerCreateFailed(ret, *pReq, nAppend);
         return;
     }
     m_mapCreatedWorkId[nWorkId] = static_cast<long>(g_timeNow);
 }
 
-void CProcessCommon::ReqFileDstCreate2(ReqWorkFileDstCreate2* pReq)
+void CProcessCommon::ReqFileDstCreate2(ReqWorkFileDstCreate2* pReq, int nAppend)
 {
     unsigned int nWorkId = static_cast<unsigned int>(pReq->workId.value);
     if (m_mapCreatedWorkId.count(nWorkId) != 0) return;
-    int ret = m_fileTransClientManager.CreateTransClient2(pReq, m_nNowAppend);
+    int ret = m_fileTransClientManager.CreateTransClient2(pReq, nAppend);
     if (ret != 0) {
-        SendFileDstToServerCreate2Failed(ret, *pReq);
+        SendFileDstToServerCreate2Failed(ret, *pReq, nAppend);
         return;
     }
     m_mapCreatedWorkId[nWorkId] = static_cast<long>(g_timeNow);
 }
 
-void CProcessCommon::ReqFileDstSetAction(ReqWorkFileDstSetAction* pReq)
+void CProcessCommon::ReqFileDstSetAction(ReqWorkFileDstSetAction* pReq, int nAppend)
 {
-    int ret = m_fileTransClientManager.SetActionWork(pReq, m_nNowAppend);
-    if (ret != 0) SendFileDstToServerSetActionFailed(ret, *pReq);
+    int ret = m_fileTransClientManager.SetActionWork(pReq, nAppend);
+    if (ret != 0) SendFileDstToServerSetActionFailed(ret, *pReq, nAppend);
 }
 
-void CProcessCommon::ReqFileDstQuery(ReqWorkFileDstQuery* pReq)
+void CProcessCommon::ReqFileDstQuery(ReqWorkFileDstQuery* pReq, int nAppend)
 {
-    int ret = m_fileTransClientManager.QueryWork(pReq, m_nNowAppend);
-    if (ret != 0) SendFileDstToServerQueryFailed(ret, *pReq);
+    int ret = m_fileTransClientManager.QueryWork(pReq, nAppend);
+    if (ret != 0) SendFileDstToServerQueryFailed(ret, *pReq, nAppend);
 }
 
-void CProcessCommon::ReqFileDstDelete(ReqWorkFileDstDelete* pReq)
+void CProcessCommon::ReqFileDstDelete(ReqWorkFileDstDelete* pReq, int nAppend)
 {
     unsigned int nWorkId = static_cast<unsigned int>(pReq->workId.value);
     if (m_mapDeletedWorkId.count(nWorkId) != 0) return;
-    int ret = m_fileTransClientManager.DeleteWork(pReq, m_nNowAppend);
+    int ret = m_fileTransClientManager.DeleteWork(pReq, nAppend);
     if (ret != 0) {
-        SendFileDstToServerDeleteFailed(ret, *pReq);
+        SendFileDstToServerDeleteFailed(ret, *pReq, nAppend);
         return;
     }
     m_mapDeletedWorkId[nWorkId] = static_cast<long>(g_timeNow);
 }
 
-void CProcessCommon::ReqFileDstCreateEnc(ReqWorkFileDstCreateEnc* pReq)
+void CProcessCommon::ReqFileDstCreateEnc(ReqWorkFileDstCreateEnc* pReq, int nAppend)
 {
     ReqWorkFileDstCreateEncData data;
     if (!m_sessionKeys.DecryptEncData("ReqFileDstCreateEnc", static_cast<unsigned int>(pReq->keySn.value),
@@ -96,10 +96,10 @@ void CProcessCommon::ReqFileDstCreateEnc(ReqWorkFileDstCreateEnc* pReq)
     plain.srcWorkId = data.srcWorkId;
     plain.flag = data.flag;
     plain.timeout = data.timeout;
-    ReqFileDstCreate(&plain);
+    ReqFileDstCreate(&plain, nAppend);
 }
 
-void CProcessCommon::ReqFileDstCreate2Enc(ReqWorkFileDstCreate2Enc* pReq)
+void CProcessCommon::ReqFileDstCreate2Enc(ReqWorkFileDstCreate2Enc* pReq, int nAppend)
 {
     ReqWorkFileDstCreate2EncData data;
     if (!m_sessionKeys.DecryptEncData("ReqFileDstCreate2Enc", static_cast<unsigned int>(pReq->keySn.value),
@@ -121,10 +121,10 @@ void CProcessCommon::ReqFileDstCreate2Enc(ReqWorkFileDstCreate2Enc* pReq)
     plain.modifyTime = data.modifyTime;
     plain.totalSizeHigh = data.totalSizeHigh;
     plain.totalSizeLow = data.totalSizeLow;
-    ReqFileDstCreate2(&plain);
+    ReqFileDstCreate2(&plain, nAppend);
 }
 
-void CProcessCommon::ReqFileDstSetActionEnc(ReqWorkFileDstSetActionEnc* pReq)
+void CProcessCommon::ReqFileDstSetActionEnc(ReqWorkFileDstSetActionEnc* pReq, int nAppend)
 {
     ReqWorkFileDstSetActionEncData data;
     if (!m_sessionKeys.DecryptEncData("ReqFileDstSetActionEnc", static_cast<unsigned int>(pReq->keySn.value),
@@ -133,51 +133,51 @@ void CProcessCommon::ReqFileDstSetActionEnc(ReqWorkFileDstSetActionEnc* pReq)
     ReqWorkFileDstSetAction plain;
     CopyDstClearPart(*pReq, plain);
     plain.action = data.action;
-    ReqFileDstSetAction(&plain);
+    ReqFileDstSetAction(&plain, nAppend);
 }
 
 // The failure replies of the requests in hand.
 template <class TRsp, class TReq>
-void CProcessCommon::SendFileDstFailed(const char* szFunction, int nRet, const TReq& req, bool bExpected)
+void CProcessCommon::SendFileDstFailed(const char* szFunction, int nRet, const TReq& req, int nAppend, bool bExpected)
 {
     Log(bExpected ? LOG_LEVEL_DEBUG : LOG_LEVEL_WARNING, "CProcessCommon::%s(ret: %d, work id: %u, append: %d)",
-        szFunction, nRet, static_cast<unsigned int>(req.workId.value), m_nNowAppend);
+        szFunction, nRet, static_cast<unsigned int>(req.workId.value), nAppend);
     TRsp rsp;
     FillDstFailed(rsp, nRet, req);
-    SendToServer(rsp, m_nNowAppend);
+    SendToServer(rsp, nAppend);
 }
 
-void CProcessCommon::SendFileDstToServerCreateFailed(int nRet, const ReqWorkFileDstCreate& req)
+void CProcessCommon::SendFileDstToServerCreateFailed(int nRet, const ReqWorkFileDstCreate& req, int nAppend)
 {
-    SendFileDstFailed<RspWorkFileDstCreate>("SendFileDstToServerCreateFailed", nRet, req, false);
+    SendFileDstFailed<RspWorkFileDstCreate>("SendFileDstToServerCreateFailed", nRet, req, nAppend, false);
 }
 
 // 330 and 331 are expected outcomes of a create through the cache.
-void CProcessCommon::SendFileDstToServerCreate2Failed(int nRet, const ReqWorkFileDstCreate2& req)
+void CProcessCommon::SendFileDstToServerCreate2Failed(int nRet, const ReqWorkFileDstCreate2& req, int nAppend)
 {
-    SendFileDstFailed<RspWorkFileDstCreate>("SendFileDstToServerCreate2Failed", nRet, req,
+    SendFileDstFailed<RspWorkFileDstCreate>("SendFileDstToServerCreate2Failed", nRet, req, nAppend,
                                             nRet == RET_IN_CACHE_COMPLETE || nRet == RET_RUNS_BY_ITSELF);
 }
 
-void CProcessCommon::SendFileDstToServerSetActionFailed(int nRet, const ReqWorkFileDstSetAction& req)
+void CProcessCommon::SendFileDstToServerSetActionFailed(int nRet, const ReqWorkFileDstSetAction& req, int nAppend)
 {
-    SendFileDstFailed<RspWorkFileDstSetAction>("SendFileDstToServerSetActionFailed", nRet, req, false);
+    SendFileDstFailed<RspWorkFileDstSetAction>("SendFileDstToServerSetActionFailed", nRet, req, nAppend, false);
 }
 
-void CProcessCommon::SendFileDstToServerQueryFailed(int nRet, const ReqWorkFileDstQuery& req)
+void CProcessCommon::SendFileDstToServerQueryFailed(int nRet, const ReqWorkFileDstQuery& req, int nAppend)
 {
     Log(LOG_LEVEL_WARNING, "CProcessCommon::SendFileDstToServerQueryFailed(ret: %d, work id: %u, append: %d)", nRet,
-        static_cast<unsigned int>(req.workId.value), m_nNowAppend);
+        static_cast<unsigned int>(req.workId.value), nAppend);
     RspWorkFileDstQuery rsp;
     FillDstFailed(rsp, nRet, req);
     rsp.status = WORK_UNKNOWN;
     rsp.beginTime = rsp.endTime = 0;
     rsp.srcFile = "";
     rsp.okSizeHigh = rsp.okSizeLow = rsp.totalSizeHigh = rsp.totalSizeLow = 0;
-    SendToServer(rsp, m_nNowAppend);
+    SendToServer(rsp, nAppend);
 }
 
-void CProcessCommon::SendFileDstToServerDeleteFailed(int nRet, const ReqWorkFileDstDelete& req)
+void CProcessCommon::SendFileDstToServerDeleteFailed(int nRet, const ReqWorkFileDstDelete& req, int nAppend)
 {
-    SendFileDstFailed<RspWorkFileDstDelete>("SendFileDstToServerDeleteFailed", nRet, req, false);
+    SendFileDstFailed<RspWorkFileDstDelete>("SendFileDstToServerDeleteFailed", nRet, req, nAppend, false);
 }

@@ -9,49 +9,51 @@ using namespace brel_lib;
 namespace {
 
 template <class T>
-FileSrcReplyTo ReplyToOf(const T& req, int nAppend)
+ReplyRoute RouteOf(const T& req, int nAppend)
 {
-    FileSrcReplyTo to;
-    to.nWorkId = static_cast<unsigned int>(req.workId.value);
-    to.nAppend = nAppend;
-    to.nRouteSrcServerIp = static_cast<unsigned int>(req.routeSrcServerIp.value);
-    to.nRouteSrcServerId = static_cast<unsigned int>(req.routeSrcServerId.value);
-    return to;
+    ReplyRoute route;
+    route.nAppend = nAppend;
+    route.nSrcServerIp = static_cast<unsigned int>(req.routeSrcServerIp.value);
+    route.nSrcServerId = static_cast<unsigned int>(req.routeSrcServerId.value);
+    return route;
 }
 
 } // namespace
 
-void CProcessCommon::ReqFileSrcCreate(ReqWorkFileSrcCreate* pReq) { ServeFileSrcCreate(pReq, std::string()); }
+void CProcessCommon::ReqFileSrcCreate(ReqWorkFileSrcCreate* pReq, int nAppend)
+{
+    ServeFileSrcCreate(pReq, std::string(), nAppend);
+}
 
 // A known id is answered by silence. A create is remembered even when it
 // failed, so the same id is not tried again until the history forgets it.
-void CProcessCommon::ServeFileSrcCreate(ReqWorkFileSrcCreate* pReq, const std::string& strMd5)
+void CProcessCommon::ServeFileSrcCreate(ReqWorkFileSrcCreate* pReq, const std::string& strMd5, int nAppend)
 {
     unsigned int nWorkId = static_cast<unsigned int>(pReq->workId.value);
     if (m_mapCreatedWorkId.count(nWorkId) != 0) return;
-    int ret = m_fileTransSvrManager.CreateTransSvr(pReq, strMd5, m_nNowAppend);
+    int ret = m_fileTransSvrManager.CreateTransSvr(pReq, strMd5, nAppend);
     m_mapCreatedWorkId[nWorkId] = static_cast<long>(g_timeNow);
     if (ret == 0) return;
     if (static_cast<unsigned int>(pReq->flag.value) & FILE_SVR_FLAG_CREATE2_REPLY) {
-        SendFileSrcToServerCreate2Failed(ret, *pReq);
+        SendFileSrcToServerCreate2Failed(ret, *pReq, nAppend);
     } else {
-        SendFileSrcToServerCreateFailed(ret, *pReq);
+        SendFileSrcToServerCreateFailed(ret, *pReq, nAppend);
     }
 }
 
-void CProcessCommon::ReqFileSrcDelete(ReqWorkFileSrcDelete* pReq)
+void CProcessCommon::ReqFileSrcDelete(ReqWorkFileSrcDelete* pReq, int nAppend)
 {
     unsigned int nWorkId = static_cast<unsigned int>(pReq->workId.value);
     if (m_mapDeletedWorkId.count(nWorkId) != 0) return;
-    int ret = m_fileTransSvrManager.DeleteTransSvr(pReq, m_nNowAppend);
+    int ret = m_fileTransSvrManager.DeleteTransSvr(pReq, nAppend);
     if (ret != 0) {
-        SendFileSrcToServerDeleteFailed(ret, *pReq);
+        SendFileSrcToServerDeleteFailed(ret, *pReq, nAppend);
         return;
     }
     m_mapDeletedWorkId[nWorkId] = static_cast<long>(g_timeNow);
 }
 
-void CProcessCommon::ReqFileSrcCreateEnc(ReqWorkFileSrcCreateEnc* pReq)
+void CProcessCommon::ReqFileSrcCreateEnc(ReqWorkFileSrcCreateEnc* pReq, int nAppend)
 {
     ReqWorkFileSrcCreateEncData data;
     unsigned int nKeySn = static_cast<unsigned int>(pReq->keySn.value);
@@ -66,32 +68,33 @@ void CProcessCommon::ReqFileSrcCreateEnc(ReqWorkFileSrcCreateEnc* pReq)
     plain.flag = data.flag;
     std::string strMd5(data.fileMd5.octs == nullptr ? "" : data.fileMd5.octs, data.fileMd5.octetLen);
     Log(LOG_LEVEL_DEBUG, "CProcessCommon::ReqFileSrcCreateEnc(file md5: %s)", strMd5.c_str());
-    ServeFileSrcCreate(&plain, strMd5);
+    ServeFileSrcCreate(&plain, strMd5, nAppend);
 }
 
-void CProcessCommon::SendFileSrcToServerCreateFailed(int nRet, const ReqWorkFileSrcCreate& req)
+void CProcessCommon::SendFileSrcToServerCreateFailed(int nRet, const ReqWorkFileSrcCreate& req, int nAppend)
 {
     Log(LOG_LEVEL_WARNING, "CProcessCommon::SendFileSrcToServerCreateFailed(ret: %d, work id: %u, append: %d)", nRet,
-        static_cast<unsigned int>(req.workId.value), m_nNowAppend);
+        static_cast<unsigned int>(req.workId.value), nAppend);
     RspWorkFileSrcCreate rsp;
-    FillFileSrcCreate(rsp, ReplyToOf(req, m_nNowAppend), nRet, 0, 0);
-    SendToServer(rsp, m_nNowAppend);
+    FillFileSrcCreate(rsp, static_cast<unsigned int>(req.workId.value), RouteOf(req, nAppend), nRet, 0, 0);
+    SendToServer(rsp, nAppend);
 }
 
-void CProcessCommon::SendFileSrcToServerCreate2Failed(int nRet, const ReqWorkFileSrcCreate& req)
+void CProcessCommon::SendFileSrcToServerCreate2Failed(int nRet, const ReqWorkFileSrcCreate& req, int nAppend)
 {
     Log(LOG_LEVEL_WARNING, "CProcessCommon::SendFileSrcToServerCreate2Failed(ret: %d, work id: %u, append: %d)", nRet,
-        static_cast<unsigned int>(req.workId.value), m_nNowAppend);
+        static_cast<unsigned int>(req.workId.value), nAppend);
     RspWorkFileSrcCreate2 rsp;
-    FillFileSrcCreate2(rsp, ReplyToOf(req, m_nNowAppend), nRet, std::vector<unsigned int>(), 0, 0, 0);
-    SendToServer(rsp, m_nNowAppend);
+    FillFileSrcCreate2(rsp, static_cast<unsigned int>(req.workId.value), RouteOf(req, nAppend), nRet,
+                       std::vector<unsigned int>(), 0, 0, 0);
+    SendToServer(rsp, nAppend);
 }
 
-void CProcessCommon::SendFileSrcToServerDeleteFailed(int nRet, const ReqWorkFileSrcDelete& req)
+void CProcessCommon::SendFileSrcToServerDeleteFailed(int nRet, const ReqWorkFileSrcDelete& req, int nAppend)
 {
     Log(LOG_LEVEL_WARNING, "CProcessCommon::SendFileSrcToServerDeleteFailed(ret: %d, work id: %u, append: %d)", nRet,
-        static_cast<unsigned int>(req.workId.value), m_nNowAppend);
+        static_cast<unsigned int>(req.workId.value), nAppend);
     RspWorkFileSrcDelete rsp;
-    FillFileSrcDelete(rsp, ReplyToOf(req, m_nNowAppend), nRet);
-    SendToServer(rsp, m_nNowAppend);
+    FillFileSrcDelete(rsp, static_cast<unsigned int>(req.workId.value), RouteOf(req, nAppend), nRet);
+    SendToServer(rsp, nAppend);
 }

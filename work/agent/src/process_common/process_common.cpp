@@ -48,6 +48,17 @@ void FillFromEncData(const ReqWorkCmdCreateEncData& data, ReqWorkCmdCreate& plai
 
 void FillFromEncData(const ReqWorkCmdSetActionEncData& data, ReqWorkCmdSetAction& plain) { plain.action = data.action; }
 
+// The route of a command request: its envelope's append and the server that sent it.
+template <class T>
+ReplyRoute RouteOf(const T& req, int nAppend)
+{
+    ReplyRoute route;
+    route.nAppend = nAppend;
+    route.nSrcServerIp = static_cast<unsigned int>(req.routeSrcServerIp.value);
+    route.nSrcServerId = static_cast<unsigned int>(req.routeSrcServerId.value);
+    return route;
+}
+
 } // namespace
 
 void GNetConnected(unsigned int, BREL_NET_CALLBACK_TYPE type, void* pAppend, int)
@@ -159,8 +170,6 @@ int CProcessCommon::Stop()
     }
     CAutoLock lock(m_lock);
     m_packetBuf.Allocate(0);
-    m_nNowAppend = 0;
-    m_nNowSrcServerIp = m_nNowSrcServerId = 0;
     m_nRespondHeartbeatFailedNowCount = 0;
     return 0;
 }
@@ -294,11 +303,10 @@ void CProcessCommon::DealReq(char* pData, unsigned int nLength)
         Log(LOG_LEVEL_WARNING, "CProcessCommon::DealReq(parse from buffer is error)");
         return;
     }
-    m_nNowAppend = packet.append;
     Zik& body = *packet.body;
     for (const Route& route : s_routes) {
         if (route.nChoiceId == body.choiceId) {
-            (this->*route.handler)(body);
+            (this->*route.handler)(body, packet.append);
             return;
         }
     }
@@ -307,7 +315,7 @@ void CProcessCommon::DealReq(char* pData, unsigned int nLength)
     LogAsnObj(LOG_LEVEL_OBJDBG, packet);
 }
 
-void CProcessCommon::NotServedYet(Zik& body)
+void CProcessCommon::NotServedYet(Zik& body, int)
 {
     Log(LOG_LEVEL_WARNING, "CProcessCommon::DealReq(the request is not served yet, the choiceid: %d)",
         static_cast<int>(body.choiceId));
@@ -315,138 +323,144 @@ void CProcessCommon::NotServedYet(Zik& body)
 
 // ---- command requests and replies ------------------------------------------------
 
-template <class T>
-void CProcessCommon::KeepRoute(const T* pReq)
-{
-    m_nNowSrcServerIp = static_cast<unsigned int>(pReq->routeSrcServerIp.value);
-    m_nNowSrcServerId = static_cast<unsigned int>(pReq->routeSrcServerId.value);
-}
-
 // A create or delete the server repeats (after a lost reply, say) is answered
 // as done, and does no harm.
 bool CProcessCommon::AnsweredFromHistory(const std::map<unsigned int, long>& mapHistory, unsigned int nWorkId,
-                                         SendOkFn fnOk)
+                                         const ReplyRoute& route, SendOkFn fnOk)
 {
     if (mapHistory.count(nWorkId) == 0) return false;
-    (this->*fnOk)(nWorkId);
+    (this->*fnOk)(nWorkId, route);
     return true;
 }
 
-// Answers the manager's result; only a success goes into the history.
-void CProcessCommon::AnswerAndRemember(int nRet, unsigned int nWorkId, std::map<unsigned int, long>& mapHistory,
-                                       SendOkFn fnOk, SendFailedFn fnFailed)
+// Answers the manager's result code.
+void CProcessCommon::Answer(int nRet, unsigned int nWorkId, const ReplyRoute& route, SendOkFn fnOk,
+                            SendFailedFn fnFailed)
 {
     if (nRet != 0) {
-        (this->*fnFailed)(nRet, nWorkId);
-        return;
+        (this->*fnFailed)(nRet, nWorkId, route);
+    } else {
+        (this->*fnOk)(nWorkId, route);
     }
-    mapHistory[nWorkId] = static_cast<long>(g_timeNow);
-    (this->*fnOk)(nWorkId);
 }
 
-void CProcessCommon::ReqCmdCreate(ReqWorkCmdCreate* pReq)
+// Answers the manager's result; only a success goes into the history.
+void CProcessCommon::AnswerAndRemember(int nRet, unsigned int nWorkId, const ReplyRoute& route,
+                                       std::map<unsigned int, long>& mapHistory, SendOkFn fnOk, SendFailedFn fnFailed)
 {
-    KeepRoute(pReq);
+    if (nRet == 0) mapHistory[nWorkId] = static_cast<long>(g_timeNow);
+    Answer(nRet, nWorkId, route, fnOk, fnFailed);
+}
+
+void CProcessCommon::ReqCmdCreate(ReqWorkCmdCreate* pReq, int nAppend)
+{
+    const ReplyRoute route = RouteOf(*pReq, nAppend);
     unsigned int nWorkId = static_cast<unsigned int>(pReq->workId.value);
-    if (AnsweredFromHistory(m_mapCreatedWorkId, nWorkId, &CProcessCommon::SendCmdToServerCreateOk)) return;
+    if (AnsweredFromHistory(m_mapCreatedWorkId, nWorkId, route, &CProcessCommon::SendCmdToServerCreateOk)) return;
     CommonWork work;
-    work.nAppend = m_nNowAppend;
-    work.nSrcServerIp = m_nNowSrcServerIp;
-    work.nSrcServerId = m_nNowSrcServerId;
+    work.nAppend = route.nAppend;
+    work.nSrcServerIp = route.nSrcServerIp;
+    work.nSrcServerId = route.nSrcServerId;
     work.nFlag = static_cast<unsigned int>(pReq->flag.value);
     work.nTimeoutSecond = pReq->timeout;
     work.nBufOutSize = work.nBufErrSize = static_cast<unsigned int>(pReq->bufSize.value);
     work.strExecUser.assign(pReq->execUser.octs, pReq->execUser.octetLen);
     work.strCmd.assign(pReq->cmd.octs, pReq->cmd.octetLen);
-    AnswerAndRemember(m_taskManager.AddNewWork(nWorkId, work), nWorkId, m_mapCreatedWorkId,
+    AnswerAndRemember(m_taskManager.AddNewWork(nWorkId, work), nWorkId, route, m_mapCreatedWorkId,
                       &CProcessCommon::SendCmdToServerCreateOk, &CProcessCommon::SendCmdToServerCreateFailed);
 }
 
-void CProcessCommon::ReqCmdSetAction(ReqWorkCmdSetAction* pReq)
+void CProcessCommon::ReqCmdSetAction(ReqWorkCmdSetAction* pReq, int nAppend)
 {
-    KeepRoute(pReq);
-    m_taskManager.SetWorkAction(static_cast<unsigned int>(pReq->workId.value),
-                                static_cast<unsigned int>(pReq->action.value), m_nNowAppend);
-}
-
-void CProcessCommon::ReqCmdQuery(ReqWorkCmdQuery* pReq)
-{
-    KeepRoute(pReq);
-    m_taskManager.Query(static_cast<unsigned int>(pReq->workId.value), m_nNowAppend);
-}
-
-void CProcessCommon::ReqCmdDelete(ReqWorkCmdDelete* pReq)
-{
-    KeepRoute(pReq);
+    const ReplyRoute route = RouteOf(*pReq, nAppend);
     unsigned int nWorkId = static_cast<unsigned int>(pReq->workId.value);
-    if (AnsweredFromHistory(m_mapDeletedWorkId, nWorkId, &CProcessCommon::SendCmdToServerDeleteOk)) return;
+    int ret = m_taskManager.SetWorkAction(nWorkId, static_cast<unsigned int>(pReq->action.value), nAppend);
+    Answer(ret, nWorkId, route, &CProcessCommon::SendCmdToServerSetActionOk,
+           &CProcessCommon::SendCmdToServerSetActionFailed);
+}
+
+void CProcessCommon::ReqCmdQuery(ReqWorkCmdQuery* pReq, int nAppend)
+{
+    unsigned int nWorkId = static_cast<unsigned int>(pReq->workId.value);
+    // A work that is found reports itself, on its own route, from inside the manager.
+    int ret = m_taskManager.Query(nWorkId, nAppend);
+    if (ret != 0) SendCmdToServerQueryFailed(ret, nWorkId, RouteOf(*pReq, nAppend));
+}
+
+void CProcessCommon::ReqCmdDelete(ReqWorkCmdDelete* pReq, int nAppend)
+{
+    const ReplyRoute route = RouteOf(*pReq, nAppend);
+    unsigned int nWorkId = static_cast<unsigned int>(pReq->workId.value);
+    if (AnsweredFromHistory(m_mapDeletedWorkId, nWorkId, route, &CProcessCommon::SendCmdToServerDeleteOk)) return;
     unsigned int nFlag = 0;
     int ret = m_taskManager.DeleteWork(nFlag, nWorkId);
     // A work that asked for it gets no answer to its delete, and is not remembered.
     if (nFlag & WORK_FLAG_NO_DELETE_REPLY) return;
-    AnswerAndRemember(ret, nWorkId, m_mapDeletedWorkId, &CProcessCommon::SendCmdToServerDeleteOk,
+    AnswerAndRemember(ret, nWorkId, route, m_mapDeletedWorkId, &CProcessCommon::SendCmdToServerDeleteOk,
                       &CProcessCommon::SendCmdToServerDeleteFailed);
 }
 
 template <class T>
-void CProcessCommon::SendCmdReply(const char* szFunction, bool bOk, int nRet, unsigned int nWorkId, T& rsp)
+void CProcessCommon::SendCmdReply(const char* szFunction, bool bOk, int nRet, unsigned int nWorkId,
+                                  const ReplyRoute& route, T& rsp)
 {
     if (bOk) {
-        Log(LOG_LEVEL_DEBUG, "CProcessCommon::%s(work id: %u, append: %d)", szFunction, nWorkId, m_nNowAppend);
+        Log(LOG_LEVEL_DEBUG, "CProcessCommon::%s(work id: %u, append: %d)", szFunction, nWorkId, route.nAppend);
     } else {
         Log(LOG_LEVEL_WARNING, "CProcessCommon::%s(ret: %d, work id: %u, append: %d)", szFunction, nRet, nWorkId,
-            m_nNowAppend);
+            route.nAppend);
     }
     rsp.ret = nRet;
     rsp.workId = static_cast<int>(nWorkId);
-    rsp.routeDstServerIp = static_cast<int>(m_nNowSrcServerIp);
-    rsp.routeDstServerId = static_cast<int>(m_nNowSrcServerId);
+    rsp.routeDstServerIp = static_cast<int>(route.nSrcServerIp);
+    rsp.routeDstServerId = static_cast<int>(route.nSrcServerId);
     rsp.routeSrcAgentId = static_cast<int>(g_nAgentId.load());
-    SendToServer(rsp, m_nNowAppend);
+    SendToServer(rsp, route.nAppend);
 }
 
 template <class T>
-void CProcessCommon::SendCmdReply(const char* szFunction, bool bOk, int nRet, unsigned int nWorkId)
+void CProcessCommon::SendCmdReply(const char* szFunction, bool bOk, int nRet, unsigned int nWorkId,
+                                  const ReplyRoute& route)
 {
     T rsp;
-    SendCmdReply(szFunction, bOk, nRet, nWorkId, rsp);
+    SendCmdReply(szFunction, bOk, nRet, nWorkId, route, rsp);
 }
 
-void CProcessCommon::SendCmdToServerCreateOk(unsigned int nWorkId)
+void CProcessCommon::SendCmdToServerCreateOk(unsigned int nWorkId, const ReplyRoute& route)
 {
-    SendCmdReply<RspWorkCmdCreate>("SendCmdToServerCreateOk", true, 0, nWorkId);
+    SendCmdReply<RspWorkCmdCreate>("SendCmdToServerCreateOk", true, 0, nWorkId, route);
 }
 
-void CProcessCommon::SendCmdToServerCreateFailed(int nRet, unsigned int nWorkId)
+void CProcessCommon::SendCmdToServerCreateFailed(int nRet, unsigned int nWorkId, const ReplyRoute& route)
 {
-    SendCmdReply<RspWorkCmdCreate>("SendCmdToServerCreateFailed", false, nRet, nWorkId);
+    SendCmdReply<RspWorkCmdCreate>("SendCmdToServerCreateFailed", false, nRet, nWorkId, route);
 }
 
-void CProcessCommon::SendCmdToServerSetActionOk(unsigned int nWorkId)
+void CProcessCommon::SendCmdToServerSetActionOk(unsigned int nWorkId, const ReplyRoute& route)
 {
-    SendCmdReply<RspWorkCmdSetAction>("SendCmdToServerSetActionOk", true, 0, nWorkId);
+    SendCmdReply<RspWorkCmdSetAction>("SendCmdToServerSetActionOk", true, 0, nWorkId, route);
 }
 
-void CProcessCommon::SendCmdToServerSetActionFailed(int nRet, unsigned int nWorkId)
+void CProcessCommon::SendCmdToServerSetActionFailed(int nRet, unsigned int nWorkId, const ReplyRoute& route)
 {
-    SendCmdReply<RspWorkCmdSetAction>("SendCmdToServerSetActionFailed", false, nRet, nWorkId);
+    SendCmdReply<RspWorkCmdSetAction>("SendCmdToServerSetActionFailed", false, nRet, nWorkId, route);
 }
 
-void CProcessCommon::SendCmdToServerDeleteOk(unsigned int nWorkId)
+void CProcessCommon::SendCmdToServerDeleteOk(unsigned int nWorkId, const ReplyRoute& route)
 {
-    SendCmdReply<RspWorkCmdDelete>("SendCmdToServerDeleteOk", true, 0, nWorkId);
+    SendCmdReply<RspWorkCmdDelete>("SendCmdToServerDeleteOk", true, 0, nWorkId, route);
 }
 
-void CProcessCommon::SendCmdToServerDeleteFailed(int nRet, unsigned int nWorkId)
+void CProcessCommon::SendCmdToServerDeleteFailed(int nRet, unsigned int nWorkId, const ReplyRoute& route)
 {
-    SendCmdReply<RspWorkCmdDelete>("SendCmdToServerDeleteFailed", false, nRet, nWorkId);
+    SendCmdReply<RspWorkCmdDelete>("SendCmdToServerDeleteFailed", false, nRet, nWorkId, route);
 }
 
-void CProcessCommon::SendCmdToServerQueryFailed(int nRet, unsigned int nWorkId)
+void CProcessCommon::SendCmdToServerQueryFailed(int nRet, unsigned int nWorkId, const ReplyRoute& route)
 {
     RspWorkCmdQuery rsp;
     rsp.status = WORK_UNKNOWN;
-    SendCmdReply("SendCmdToServerQueryFailed", false, nRet, nWorkId, rsp);
+    SendCmdReply("SendCmdToServerQueryFailed", false, nRet, nWorkId, route, rsp);
 }
 
 namespace {
@@ -490,36 +504,36 @@ void CProcessCommon::ReqUpdateSessionKey()
     if (m_sessionKeys.MakeRequest(req)) SendToServer(req, 0);
 }
 
-void CProcessCommon::DealRspSessionKey(RspSessionKey* pRsp)
+void CProcessCommon::DealRspSessionKey(RspSessionKey* pRsp, int)
 {
     RspSessionKeyUsed used;
     if (m_sessionKeys.DealResponse(*pRsp, used)) SendToServer(used, 0);
 }
 
-// An encrypted command request keeps its route first of all, before the key is
-// looked up. Its plain form is rebuilt from the clear part and the decrypted
-// EncData record, and served as a plain request from there on.
+// The plain form of an encrypted command request is rebuilt from the clear part
+// (work id and route) and the decrypted EncData record, and served as a plain
+// request from there on. A request whose key is unknown gets no answer.
 template <class TData, class TEnc, class TPlain>
-void CProcessCommon::ServeCmdEnc(const char* szHandler, TEnc* pReq, void (CProcessCommon::*fnServe)(TPlain*))
+void CProcessCommon::ServeCmdEnc(const char* szHandler, TEnc* pReq, int nAppend,
+                                 void (CProcessCommon::*fnServe)(TPlain*, int))
 {
-    KeepRoute(pReq);
     TData data;
     unsigned int nKeySn = static_cast<unsigned int>(pReq->keySn.value);
     if (!m_sessionKeys.DecryptEncData(szHandler, nKeySn, pReq->encData, data)) return;
     TPlain plain;
     CopyClearPart(*pReq, plain);
     FillFromEncData(data, plain);
-    (this->*fnServe)(&plain);
+    (this->*fnServe)(&plain, nAppend);
 }
 
-void CProcessCommon::ReqCmdCreateEnc(ReqWorkCmdCreateEnc* pReq)
+void CProcessCommon::ReqCmdCreateEnc(ReqWorkCmdCreateEnc* pReq, int nAppend)
 {
-    ServeCmdEnc<ReqWorkCmdCreateEncData>("ReqCmdCreateEnc", pReq, &CProcessCommon::ReqCmdCreate);
+    ServeCmdEnc<ReqWorkCmdCreateEncData>("ReqCmdCreateEnc", pReq, nAppend, &CProcessCommon::ReqCmdCreate);
 }
 
-void CProcessCommon::ReqCmdSetActionEnc(ReqWorkCmdSetActionEnc* pReq)
+void CProcessCommon::ReqCmdSetActionEnc(ReqWorkCmdSetActionEnc* pReq, int nAppend)
 {
-    ServeCmdEnc<ReqWorkCmdSetActionEncData>("ReqCmdSetActionEnc", pReq, &CProcessCommon::ReqCmdSetAction);
+    ServeCmdEnc<ReqWorkCmdSetActionEncData>("ReqCmdSetActionEnc", pReq, nAppend, &CProcessCommon::ReqCmdSetAction);
 }
 
 // ---- heartbeat, agent info, exit notice ---------------------------------------------
@@ -534,7 +548,7 @@ void CProcessCommon::ReqHeartbeat()
     m_bHeartbeat = true;
 }
 
-void CProcessCommon::RspHeartbeat(RspWorkAgentHeartbeat*)
+void CProcessCommon::RspHeartbeat(RspWorkAgentHeartbeat*, int)
 {
     // Any answer counts; its ret is not looked at.
     m_bRespondHeartbeatOk = true;
@@ -564,7 +578,7 @@ void CProcessCommon::DealHeartbeatTimeout()
     Log(LOG_LEVEL_DEBUG, "CProcessCommon::DealHeartbeatTimeout(server is respond in we want sec)");
 }
 
-void CProcessCommon::ReqInfo(ReqWorkAgentInfo*)
+void CProcessCommon::ReqInfo(ReqWorkAgentInfo*, int)
 {
     // The request's fill field is not read, and the answer carries append 0.
     Log(LOG_LEVEL_DEBUG, "CProcessCommon::ReqInfo(send agent info to server, version: %s, start time: %u, now time: %u)",

@@ -2,10 +2,12 @@
 // decodes them and hands each request to the part that serves it, and that
 // runs the session's timers (heartbeats, the watch on the server's answers,
 // the buffer shrink, the expiry of the work-id history, the renewal of the
-// session keys). It is also the gateway through which command replies go back
-// to the server: the managers see it as their CSessionReply. The session keys
-// are a class of their own (session_keys.h); the moves between servers have
-// a file of their own (server_move.cpp).
+// session keys). It answers each request on that request's own route, passed
+// as a value, with the result code that the manager returned. A work's state,
+// which a manager reports by itself, comes in through CSessionReply, the one
+// interface the managers see of the session. The session keys are a class of
+// their own (session_keys.h); the moves between servers have a file of their
+// own (server_move.cpp).
 #pragma once
 
 #include <atomic>
@@ -13,7 +15,8 @@
 #include <string>
 
 #include "asn_parse.h"
-#include "cmd_execute.h"
+#include "cmd_execute/cmd_execute.h"
+#include "common/reply_route.h"
 #include "common/session_reply.h"
 #include "data_buffer.h"
 #include "file_trans_client/file_trans_client.h"
@@ -43,12 +46,8 @@ public:
     template <class T>
     void SendToServer(T& message, int nAppend);
 
-    // Command replies. The SetAction and Failed forms use the route of the
-    // request in hand (session thread); QueryOk uses the work's own (any thread).
-    void SendCmdToServerSetActionOk(unsigned int nWorkId) override;
-    void SendCmdToServerSetActionFailed(int nRet, unsigned int nWorkId) override;
+    // A command work's state under the work's own route; any thread.
     void SendCmdToServerQueryOk(const CommonWork& work) override;
-    void SendCmdToServerQueryFailed(int nRet, unsigned int nWorkId) override;
 
     // Link thread, after each connect: the next heartbeat leaves in 2 seconds.
     void NetConnected(brel_lib::BREL_NET_CALLBACK_TYPE type);
@@ -56,72 +55,78 @@ public:
     void Run() override;
 
 private:
-    typedef void (CProcessCommon::*Handler)(Zik& body);
+    // Every handler gets the request and the append of its envelope.
+    typedef void (CProcessCommon::*Handler)(Zik& body, int nAppend);
     struct Route {
         int nChoiceId;
         Handler handler;
     };
     static const Route s_routes[];
 
-    template <class T, void (CProcessCommon::*Fn)(T*)>
-    void Dispatch(Zik& body)
+    template <class T, void (CProcessCommon::*Fn)(T*, int)>
+    void Dispatch(Zik& body, int nAppend)
     {
-        (this->*Fn)(static_cast<T*>(body.Alternative()));
+        (this->*Fn)(static_cast<T*>(body.Alternative()), nAppend);
     }
 
     void LoadCfg();
     void DealReq(char* pData, unsigned int nLength);
 
     // Command requests; create and delete consult the history of ids first.
-    typedef void (CProcessCommon::*SendOkFn)(unsigned int nWorkId);
-    typedef void (CProcessCommon::*SendFailedFn)(int nRet, unsigned int nWorkId);
-    bool AnsweredFromHistory(const std::map<unsigned int, long>& mapHistory, unsigned int nWorkId, SendOkFn fnOk);
-    void AnswerAndRemember(int nRet, unsigned int nWorkId, std::map<unsigned int, long>& mapHistory, SendOkFn fnOk,
-                           SendFailedFn fnFailed);
+    // Each answers on the route of its own request, passed along as a value.
+    typedef void (CProcessCommon::*SendOkFn)(unsigned int nWorkId, const ReplyRoute& route);
+    typedef void (CProcessCommon::*SendFailedFn)(int nRet, unsigned int nWorkId, const ReplyRoute& route);
+    bool AnsweredFromHistory(const std::map<unsigned int, long>& mapHistory, unsigned int nWorkId,
+                             const ReplyRoute& route, SendOkFn fnOk);
+    void Answer(int nRet, unsigned int nWorkId, const ReplyRoute& route, SendOkFn fnOk, SendFailedFn fnFailed);
+    void AnswerAndRemember(int nRet, unsigned int nWorkId, const ReplyRoute& route,
+                           std::map<unsigned int, long>& mapHistory, SendOkFn fnOk, SendFailedFn fnFailed);
+    void ReqCmdCreate(ReqWorkCmdCreate* pReq, int nAppend);
+    void ReqCmdSetAction(ReqWorkCmdSetAction* pReq, int nAppend);
+    void ReqCmdQuery(ReqWorkCmdQuery* pReq, int nAppend);
+    void ReqCmdDelete(ReqWorkCmdDelete* pReq, int nAppend);
+    // The one shape of the command replies that answer a request.
     template <class T>
-    void KeepRoute(const T* pReq);
-    void ReqCmdCreate(ReqWorkCmdCreate* pReq);
-    void ReqCmdSetAction(ReqWorkCmdSetAction* pReq);
-    void ReqCmdQuery(ReqWorkCmdQuery* pReq);
-    void ReqCmdDelete(ReqWorkCmdDelete* pReq);
-    // The one shape of the command replies that answer the request in hand.
+    void SendCmdReply(const char* szFunction, bool bOk, int nRet, unsigned int nWorkId, const ReplyRoute& route,
+                      T& rsp);
     template <class T>
-    void SendCmdReply(const char* szFunction, bool bOk, int nRet, unsigned int nWorkId, T& rsp);
-    template <class T>
-    void SendCmdReply(const char* szFunction, bool bOk, int nRet, unsigned int nWorkId);
-    void SendCmdToServerCreateOk(unsigned int nWorkId);
-    void SendCmdToServerCreateFailed(int nRet, unsigned int nWorkId);
-    void SendCmdToServerDeleteOk(unsigned int nWorkId);
-    void SendCmdToServerDeleteFailed(int nRet, unsigned int nWorkId);
-    void NotServedYet(Zik& body);
+    void SendCmdReply(const char* szFunction, bool bOk, int nRet, unsigned int nWorkId, const ReplyRoute& route);
+    void SendCmdToServerCreateOk(unsigned int nWorkId, const ReplyRoute& route);
+    void SendCmdToServerCreateFailed(int nRet, unsigned int nWorkId, const ReplyRoute& route);
+    void SendCmdToServerSetActionOk(unsigned int nWorkId, const ReplyRoute& route);
+    void SendCmdToServerSetActionFailed(int nRet, unsigned int nWorkId, const ReplyRoute& route);
+    void SendCmdToServerQueryFailed(int nRet, unsigned int nWorkId, const ReplyRoute& route);
+    void SendCmdToServerDeleteOk(unsigned int nWorkId, const ReplyRoute& route);
+    void SendCmdToServerDeleteFailed(int nRet, unsigned int nWorkId, const ReplyRoute& route);
+    void NotServedYet(Zik& body, int nAppend);
 
     // File source requests (file_src_requests.cpp): a repeated create or
     // delete is answered by silence; the manager answers the rest itself.
-    void ReqFileSrcCreate(ReqWorkFileSrcCreate* pReq);
-    void ReqFileSrcDelete(ReqWorkFileSrcDelete* pReq);
-    void ReqFileSrcCreateEnc(ReqWorkFileSrcCreateEnc* pReq);
-    void ServeFileSrcCreate(ReqWorkFileSrcCreate* pReq, const std::string& strMd5);
-    void SendFileSrcToServerCreateFailed(int nRet, const ReqWorkFileSrcCreate& req);
-    void SendFileSrcToServerCreate2Failed(int nRet, const ReqWorkFileSrcCreate& req);
-    void SendFileSrcToServerDeleteFailed(int nRet, const ReqWorkFileSrcDelete& req);
+    void ReqFileSrcCreate(ReqWorkFileSrcCreate* pReq, int nAppend);
+    void ReqFileSrcDelete(ReqWorkFileSrcDelete* pReq, int nAppend);
+    void ReqFileSrcCreateEnc(ReqWorkFileSrcCreateEnc* pReq, int nAppend);
+    void ServeFileSrcCreate(ReqWorkFileSrcCreate* pReq, const std::string& strMd5, int nAppend);
+    void SendFileSrcToServerCreateFailed(int nRet, const ReqWorkFileSrcCreate& req, int nAppend);
+    void SendFileSrcToServerCreate2Failed(int nRet, const ReqWorkFileSrcCreate& req, int nAppend);
+    void SendFileSrcToServerDeleteFailed(int nRet, const ReqWorkFileSrcDelete& req, int nAppend);
 
     // File destination requests (file_dst_requests.cpp): a repeated create or
     // delete is answered by silence; the write threads answer the rest.
-    void ReqFileDstCreate(ReqWorkFileDstCreate* pReq);
-    void ReqFileDstCreate2(ReqWorkFileDstCreate2* pReq);
-    void ReqFileDstSetAction(ReqWorkFileDstSetAction* pReq);
-    void ReqFileDstQuery(ReqWorkFileDstQuery* pReq);
-    void ReqFileDstDelete(ReqWorkFileDstDelete* pReq);
-    void ReqFileDstCreateEnc(ReqWorkFileDstCreateEnc* pReq);
-    void ReqFileDstCreate2Enc(ReqWorkFileDstCreate2Enc* pReq);
-    void ReqFileDstSetActionEnc(ReqWorkFileDstSetActionEnc* pReq);
+    void ReqFileDstCreate(ReqWorkFileDstCreate* pReq, int nAppend);
+    void ReqFileDstCreate2(ReqWorkFileDstCreate2* pReq, int nAppend);
+    void ReqFileDstSetAction(ReqWorkFileDstSetAction* pReq, int nAppend);
+    void ReqFileDstQuery(ReqWorkFileDstQuery* pReq, int nAppend);
+    void ReqFileDstDelete(ReqWorkFileDstDelete* pReq, int nAppend);
+    void ReqFileDstCreateEnc(ReqWorkFileDstCreateEnc* pReq, int nAppend);
+    void ReqFileDstCreate2Enc(ReqWorkFileDstCreate2Enc* pReq, int nAppend);
+    void ReqFileDstSetActionEnc(ReqWorkFileDstSetActionEnc* pReq, int nAppend);
     template <class TRsp, class TReq>
-    void SendFileDstFailed(const char* szFunction, int nRet, const TReq& req, bool bExpected);
-    void SendFileDstToServerCreateFailed(int nRet, const ReqWorkFileDstCreate& req);
-    void SendFileDstToServerCreate2Failed(int nRet, const ReqWorkFileDstCreate2& req);
-    void SendFileDstToServerSetActionFailed(int nRet, const ReqWorkFileDstSetAction& req);
-    void SendFileDstToServerQueryFailed(int nRet, const ReqWorkFileDstQuery& req);
-    void SendFileDstToServerDeleteFailed(int nRet, const ReqWorkFileDstDelete& req);
+    void SendFileDstFailed(const char* szFunction, int nRet, const TReq& req, int nAppend, bool bExpected);
+    void SendFileDstToServerCreateFailed(int nRet, const ReqWorkFileDstCreate& req, int nAppend);
+    void SendFileDstToServerCreate2Failed(int nRet, const ReqWorkFileDstCreate2& req, int nAppend);
+    void SendFileDstToServerSetActionFailed(int nRet, const ReqWorkFileDstSetAction& req, int nAppend);
+    void SendFileDstToServerQueryFailed(int nRet, const ReqWorkFileDstQuery& req, int nAppend);
+    void SendFileDstToServerDeleteFailed(int nRet, const ReqWorkFileDstDelete& req, int nAppend);
 
     // Timers of one pass, and the history sweep.
     void DealTimers(int& nGetNewWsLeft);
@@ -129,28 +134,28 @@ private:
 
     // Heartbeat, agent info, exit notice and buffer shrink.
     void ReqHeartbeat();
-    void RspHeartbeat(RspWorkAgentHeartbeat* pRsp);
+    void RspHeartbeat(RspWorkAgentHeartbeat* pRsp, int nAppend);
     void DealHeartbeatTimeout();
-    void ReqInfo(ReqWorkAgentInfo* pReq);
+    void ReqInfo(ReqWorkAgentInfo* pReq, int nAppend);
     void ReqExit();
     void SendExitNotice();
     void DealAutoAdjustAsnBufSize();
 
     // Session keys and the encrypted requests.
     void ReqUpdateSessionKey();
-    void DealRspSessionKey(RspSessionKey* pRsp);
+    void DealRspSessionKey(RspSessionKey* pRsp, int nAppend);
     // The one line of the encrypted command requests; TData is the EncData record.
     template <class TData, class TEnc, class TPlain>
-    void ServeCmdEnc(const char* szHandler, TEnc* pReq, void (CProcessCommon::*fnServe)(TPlain*));
-    void ReqCmdCreateEnc(ReqWorkCmdCreateEnc* pReq);
-    void ReqCmdSetActionEnc(ReqWorkCmdSetActionEnc* pReq);
+    void ServeCmdEnc(const char* szHandler, TEnc* pReq, int nAppend, void (CProcessCommon::*fnServe)(TPlain*, int));
+    void ReqCmdCreateEnc(ReqWorkCmdCreateEnc* pReq, int nAppend);
+    void ReqCmdSetActionEnc(ReqWorkCmdSetActionEnc* pReq, int nAppend);
 
     // Moving to a new server (server_move.cpp).
     void ReqGetNewWs();
-    void RspGetNewWs(RspWorkAgentGetNewWs* pRsp);
-    void ReqConnectNewServer(ReqWorkAgentConnectNewServer* pReq);
+    void RspGetNewWs(RspWorkAgentGetNewWs* pRsp, int nAppend);
+    void ReqConnectNewServer(ReqWorkAgentConnectNewServer* pReq, int nAppend);
     void DealConnectToNewServer(unsigned int nNewServerIp, unsigned short nNewServerPort,
-                                unsigned int nNewServerSlaveIp, unsigned short nNewServerSlavePort);
+                                unsigned int nNewServerSlaveIp, unsigned short nNewServerSlavePort, int nAppend);
     void SendConnectNewServerRefused(int nAppend);
     bool WaitLinkUp(int nTries);
 
@@ -185,9 +190,6 @@ private:
     std::atomic<time_t> m_timePreSendHeartbeat{0};
 
     // Session thread only.
-    int m_nNowAppend = 0;
-    unsigned int m_nNowSrcServerIp = 0;
-    unsigned int m_nNowSrcServerId = 0;
     bool m_bRespondHeartbeatOk = false;
     unsigned int m_nRespondHeartbeatFailedNowCount = 0;
     time_t m_timePreRespondHeartbeat = 0;

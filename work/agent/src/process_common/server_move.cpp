@@ -25,7 +25,7 @@ void CProcessCommon::ReqGetNewWs()
     SendToServer(req, 0);
 }
 
-void CProcessCommon::RspGetNewWs(RspWorkAgentGetNewWs* pRsp)
+void CProcessCommon::RspGetNewWs(RspWorkAgentGetNewWs* pRsp, int nAppend)
 {
     if (g_bNeedGetNewWs) {
         g_bNeedGetNewWs = false;
@@ -45,18 +45,18 @@ void CProcessCommon::RspGetNewWs(RspWorkAgentGetNewWs* pRsp)
     if (nIp != 0 && nPort != 0) {
         Log(LOG_LEVEL_INFO, "CProcessCommon::RspGetNewWs(need connect to new server)");
         DealConnectToNewServer(nIp, nPort, static_cast<unsigned int>(pRsp->newServerSlaveIp.value),
-                               static_cast<unsigned short>(pRsp->newServerSlavePort.value));
+                               static_cast<unsigned short>(pRsp->newServerSlavePort.value), nAppend);
     } else {
         Log(LOG_LEVEL_INFO, "CProcessCommon::RspGetNewWs(not need connect to new server)");
     }
 }
 
-void CProcessCommon::ReqConnectNewServer(ReqWorkAgentConnectNewServer* pReq)
+void CProcessCommon::ReqConnectNewServer(ReqWorkAgentConnectNewServer* pReq, int nAppend)
 {
     DealConnectToNewServer(static_cast<unsigned int>(pReq->newServerIp.value),
                            static_cast<unsigned short>(pReq->newServerPort.value),
                            static_cast<unsigned int>(pReq->newServerSlaveIp.value),
-                           static_cast<unsigned short>(pReq->newServerSlavePort.value));
+                           static_cast<unsigned short>(pReq->newServerSlavePort.value), nAppend);
 }
 
 void CProcessCommon::SendConnectNewServerRefused(int nAppend)
@@ -76,11 +76,12 @@ bool CProcessCommon::WaitLinkUp(int nTries)
     return m_pNetwork->IsConnected();
 }
 
+// nAppend is that of the request or answer that named the new server; a refusal carries it.
 void CProcessCommon::DealConnectToNewServer(unsigned int nNewServerIp, unsigned short nNewServerPort,
-                                            unsigned int nNewServerSlaveIp, unsigned short nNewServerSlavePort)
+                                            unsigned int nNewServerSlaveIp, unsigned short nNewServerSlavePort,
+                                            int nAppend)
 {
     m_timePreRespondHeartbeat = g_timeNow;  // the heartbeat check starts a fresh period
-    const int nAppend = m_nNowAppend;
     std::string strNewServerIp, strNewServerSlaveIp;
     if (IpIntToString(strNewServerIp, nNewServerIp) != 0) {
         Log(LOG_LEVEL_WARNING,

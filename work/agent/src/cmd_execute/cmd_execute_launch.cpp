@@ -1,4 +1,4 @@
-#include "cmd_execute_launch.h"
+#include "cmd_execute/cmd_execute_launch.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -11,8 +11,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "cmd_execute.h"
-#include "cmd_execute_tree.h"
+#include "cmd_execute/cmd_execute.h"
+#include "cmd_execute/cmd_execute_tree.h"
 #include "log.h"
 #include "util.h"
 
@@ -215,6 +215,8 @@ pid_t ForkForPlan(CmdLaunchPlan& plan)
         if (lPid >= 0) return static_cast<pid_t>(lPid);
         plan.bMadeInCgroup = false;  // an older kernel: fork, and the child moves itself
     }
+#else
+    (void)plan;  // the child enters its cgroup itself
 #endif
     return fork();
 }

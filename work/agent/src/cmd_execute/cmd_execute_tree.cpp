@@ -1,4 +1,4 @@
-#include "cmd_execute_tree.h"
+#include "cmd_execute/cmd_execute_tree.h"
 
 #include <dirent.h>
 #include <errno.h>

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "cmd_execute_tree.h"
+#include "cmd_execute/cmd_execute_tree.h"
 #include "common/session_reply.h"
 #include "common/work_codes.h"
 #include "thread.h"
@@ -59,6 +59,7 @@ public:
 
     // Before Start.
     void SetCfgFile(const std::string& strCfgFile) { m_strCfgFile = strCfgFile; }
+    // Where the works' results are reported; not owned.
     void SetProcessCommon(CSessionReply* pSink) { m_pProcessCommon = pSink; }
     // Tests swap the reaping of children and the finding of cgroups; not owned.
     void SetChildOps(CCmdChildOps* pOps) { m_pChildOps = pOps; }
@@ -68,11 +69,14 @@ public:
     // Main thread, at a reload.
     void ReloadCfg();
 
-    // Session thread.
+    // Session thread. The requests return 0 or a RET_ code, which the session
+    // answers; a found work's query is answered through SendCmdToServerQueryOk.
+    // nAppend is the envelope value of the request, kept for the work's reports.
     int AddNewWork(unsigned int nWorkId, const CommonWork& commonWork);
-    void SetWorkAction(unsigned int nWorkId, unsigned int nAction, int nAppend);
-    void Query(unsigned int nWorkId, int nAppend);
+    int SetWorkAction(unsigned int nWorkId, unsigned int nAction, int nAppend);
+    int Query(unsigned int nWorkId, int nAppend);
     int DeleteWork(unsigned int& nFlag, unsigned int nWorkId);
+    // Works in all three stages.
     unsigned int GetNowWorkSize();
 
     void Run() override;
@@ -81,7 +85,6 @@ private:
     typedef std::map<unsigned int, CommonWork*> WorkMap;
 
     void LoadCfg();
-    int SetWorkActionPrivate(unsigned int nWorkId, unsigned int nAction, int nAppend);
     int AllocateBuffers(CommonWork& work);
     int LaunchChild(CommonWork& work);
     int FailLaunch(CommonWork& work, int nRet);

@@ -1,4 +1,4 @@
-#include "cmd_execute.h"
+#include "cmd_execute/cmd_execute.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -11,7 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "cmd_execute_launch.h"
+#include "cmd_execute/cmd_execute_launch.h"
 #include "common/agent_clock.h"
 #include "common/agent_globals.h"
 #include "ini_file.h"
@@ -61,6 +61,14 @@ const unsigned int nErrStringSize = sizeof(pszErr) - 1;
 bool IsQuiet(const CommonWork& work) { return (work.nFlag & WORK_FLAG_QUIET) != 0; }
 
 std::string TimeText(time_t t) { return ConvertUnixTimeToStr(static_cast<long>(t)); }
+
+// A delete of a work whose child has not been reaped, with the child and its time limit.
+void LogDeleteOfRunning(const char* szText, const CommonWork& work)
+{
+    if (IsQuiet(work)) return;
+    Log(LOG_LEVEL_INFO, szText, work.nWorkId, static_cast<int>(work.nPid), static_cast<unsigned int>(work.nTimeoutSecond),
+        work.nAppend);
+}
 
 CCmdChildOps g_childOps;  // the real waitpid and cgroup mount
 
@@ -180,26 +188,14 @@ int CCmdExecuteManager::AddNewWork(unsigned int nWorkId, const CommonWork& commo
     return 0;
 }
 
-void CCmdExecuteManager::SetWorkAction(unsigned int nWorkId, unsigned int nAction, int nAppend)
-{
-    int ret = SetWorkActionPrivate(nWorkId, nAction, nAppend);
-    if (ret == 0) {
-        m_pProcessCommon->SendCmdToServerSetActionOk(nWorkId);
-    } else {
-        m_pProcessCommon->SendCmdToServerSetActionFailed(ret, nWorkId);
-    }
-}
-
-void CCmdExecuteManager::Query(unsigned int nWorkId, int nAppend)
+int CCmdExecuteManager::Query(unsigned int nWorkId, int nAppend)
 {
     CAutoLock lock(m_lock);
     CommonWork* pWork = GetWork(nWorkId);
-    if (pWork == nullptr) {
-        m_pProcessCommon->SendCmdToServerQueryFailed(RET_NO_SUCH_WORK, nWorkId);
-        return;
-    }
+    if (pWork == nullptr) return RET_NO_SUCH_WORK;
     pWork->nAppend = nAppend;
     m_pProcessCommon->SendCmdToServerQueryOk(*pWork);
+    return 0;
 }
 
 int CCmdExecuteManager::DeleteWork(unsigned int& nFlag, unsigned int nWorkId)
@@ -226,12 +222,9 @@ int CCmdExecuteManager::DeleteWork(unsigned int& nFlag, unsigned int nWorkId)
     CommonWork& work = *it->second;
     nFlag = work.nFlag;
     if (work.nStatus == WORK_RUNNING) {
-        if (!IsQuiet(work)) {
-            Log(LOG_LEVEL_INFO,
-                "CCmdExecuteManager::DeleteWork(delete running work, and we will wait it, work id: %u, pid: %d, "
-                "timeout: %u, append: %d)",
-                nWorkId, static_cast<int>(work.nPid), static_cast<unsigned int>(work.nTimeoutSecond), work.nAppend);
-        }
+        LogDeleteOfRunning("CCmdExecuteManager::DeleteWork(delete running work, and we will wait it, work id: %u, "
+                           "pid: %d, timeout: %u, append: %d)",
+                           work);
         CloseSelfPipe(-1, work);
         if (work.nBufErrSize >= g_nDeletedLen && work.pStdErr != nullptr) {
             memcpy(work.pStdErr, g_pszDeleted, g_nDeletedLen);
@@ -248,12 +241,9 @@ int CCmdExecuteManager::DeleteWork(unsigned int& nFlag, unsigned int nWorkId)
         return 0;
     }
     if (work.nStatus == WORK_FINISHED) {
-        if (!IsQuiet(work)) {
-            Log(LOG_LEVEL_INFO,
-                "CCmdExecuteManager::DeleteWork(delete running but killed work, and we will wait it again, work id: "
-                "%u, pid: %d, timeout: %u, append: %d)",
-                nWorkId, static_cast<int>(work.nPid), static_cast<unsigned int>(work.nTimeoutSecond), work.nAppend);
-        }
+        LogDeleteOfRunning("CCmdExecuteManager::DeleteWork(delete running but killed work, and we will wait it "
+                           "again, work id: %u, pid: %d, timeout: %u, append: %d)",
+                           work);
         work.nStatus = WORK_DELETED;
         return 0;
     }
@@ -307,7 +297,9 @@ void CCmdExecuteManager::FreeAllRes()
 
 // ---- launching ----------------------------------------------------------------------
 
-int CCmdExecuteManager::SetWorkActionPrivate(unsigned int nWorkId, unsigned int nAction, int nAppend)
+// Its log lines, and those of the launch, name it SetWorkActionPrivate, as the
+// agent's logs always have.
+int CCmdExecuteManager::SetWorkAction(unsigned int nWorkId, unsigned int nAction, int nAppend)
 {
     CAutoLock lock(m_lock);
     if (nAction != 1) return RET_BAD_ACTION;
@@ -380,19 +372,21 @@ int CCmdExecuteManager::LaunchChild(CommonWork& work)
 {
     // Close-on-exec, so that no other child of the agent inherits a work's
     // pipes; the child's dup2 onto 1 and 2 makes copies without the flag.
-    if (pipe2(work.nFdOut, O_CLOEXEC) != 0) {
-        Log(LOG_LEVEL_ERROR,
-            "CCmdExecuteManager::SetWorkActionPrivate(create pipe 1 is error, work id: %u, errno: %d, append: %d)",
-            work.nWorkId, errno, work.nAppend);
-        work.nFdOut[0] = work.nFdOut[1] = -1;
-        return RET_PIPE_FAILED;
-    }
-    if (pipe2(work.nFdErr, O_CLOEXEC) != 0) {
-        Log(LOG_LEVEL_ERROR,
-            "CCmdExecuteManager::SetWorkActionPrivate(create pipe 2 is error, work id: %u, errno: %d, append: %d)",
-            work.nWorkId, errno, work.nAppend);
-        work.nFdErr[0] = work.nFdErr[1] = -1;
-        return RET_PIPE_FAILED;
+    struct {
+        int* pFds;
+        const char* szText;
+    } streams[] = {
+        {work.nFdOut,
+         "CCmdExecuteManager::SetWorkActionPrivate(create pipe 1 is error, work id: %u, errno: %d, append: %d)"},
+        {work.nFdErr,
+         "CCmdExecuteManager::SetWorkActionPrivate(create pipe 2 is error, work id: %u, errno: %d, append: %d)"},
+    };
+    for (auto& stream : streams) {
+        if (pipe2(stream.pFds, O_CLOEXEC) != 0) {
+            Log(LOG_LEVEL_ERROR, stream.szText, work.nWorkId, errno, work.nAppend);
+            stream.pFds[0] = stream.pFds[1] = -1;
+            return RET_PIPE_FAILED;
+        }
     }
     CmdWorkTree tree;
     if (m_bKillProcessTree) tree = m_processTree.Take();
