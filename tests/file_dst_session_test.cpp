@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "md5.h"
+#include "server_crypto.h"
 #include "session_harness.h"
 
 using namespace agent_test;
@@ -23,11 +24,50 @@ unsigned int Loopback()
 // The session with the destination, and a peer listening where the source would.
 class FileDstSession : public ::testing::Test {
 protected:
-    void Begin(const std::string& strConfig = "")
+    void Begin(const std::string& strConfig = "", bool bKeys = false)
     {
         m_pSession = std::make_unique<SessionHarness>("work_history_keep_second = 10\n" + strConfig);
+        if (bKeys) ASSERT_TRUE(MakeRsaKeyPair(S().Path("private.pem"), S().Path("etc/publickey.pem")));
         m_pSession->Start();
     }
+
+    // Answers the session's first key request with m_strKey.
+    void EstablishKey()
+    {
+        ReqSessionKey req;
+        ASSERT_TRUE(S().Next(req, 5000));
+        ReqSessionKeyEncData data;
+        ASSERT_TRUE(DecodeRecord(
+            RsaPrivateDecrypt(S().Path("private.pem"), std::string(req.encData.octs, req.encData.octetLen)), data));
+        RspSessionKeyEncData answer;
+        answer.keyData.ReSet(m_strKey.data(), m_strKey.size());
+        answer.keyId = 77;
+        answer.keySn = data.keySn;
+        answer.validSecond = 1000000;
+        std::string strEnc = AesEncrypt(std::string(data.oldKeyData.octs, data.oldKeyData.octetLen), EncodeRecord(answer));
+        RspSessionKey rsp;
+        rsp.moduleType = 2;
+        rsp.keyId = 77;
+        rsp.encData.ReSet(strEnc.data(), strEnc.size());
+        S().Send(rsp);
+        RspSessionKeyUsed used;
+        ASSERT_TRUE(S().Next(used, 3000));
+        m_nKeySn = static_cast<unsigned int>(data.keySn.value);
+    }
+    template <class TEnc, class TData>
+    void SendEnc(TData& data, unsigned int nWorkId)
+    {
+        std::string strEnc = AesEncrypt(m_strKey, EncodeRecord(data));
+        TEnc req;
+        req.encData.ReSet(strEnc.data(), strEnc.size());
+        req.keySn = static_cast<int>(m_nKeySn);
+        req.workId = static_cast<int>(nWorkId);
+        req.routeSrcServerIp = 31;
+        req.routeSrcServerId = 32;
+        S().Send(req, 44);
+    }
+    std::string m_strKey = "0123456789abcdef";
+    unsigned int m_nKeySn = 0;
     SessionHarness& S() { return *m_pSession; }
 
     void SendCreate(unsigned int nWorkId, const std::string& strDstPath, int nFlag = 0, unsigned int nIp = Loopback(),
@@ -447,6 +487,58 @@ TEST_F(FileDstSession, ALinkAtTheDestinationIsRefusedWhenNoFollowIsOn)
     ASSERT_TRUE(Result(70, result));
     EXPECT_EQ(result.ret.value, 320);
     EXPECT_EQ(ReadFile(strTarget), "keep");
+}
+
+TEST_F(FileDstSession, EncryptedCreatesAndSetActionServeAsThePlainOnes)
+{
+    Begin("heartbeat_second = 100000\nsession_key_update_second = 100000\n", true);
+    EstablishKey();
+    std::string strDst = S().Path("secret");
+    ReqWorkFileDstCreateEncData create;
+    create.srcFile = "/src/file";
+    create.dstPath.Set(strDst.data(), strDst.size());
+    create.srcServerIp = static_cast<int>(Loopback());
+    create.srcServerPort = m_source.Port();
+    create.srcWorkId = 9;
+    SendEnc<ReqWorkFileDstCreateEnc>(create, 80);
+    RspWorkFileDstCreate created;
+    ASSERT_EQ(RetFor<RspWorkFileDstCreate>(80, 3000, &created), 0);
+    EXPECT_EQ(created.routeDstServerIp.value, 31) << "the route comes from the clear part";
+    ReqWorkFileDstSetActionEncData action;
+    action.action = 1;
+    SendEnc<ReqWorkFileDstSetActionEnc>(action, 80);
+    EXPECT_EQ(RetFor<RspWorkFileDstSetAction>(80), 0);
+    ReqWorkFileAgentGet get;
+    ASSERT_TRUE(WaitGet(get));
+    EXPECT_EQ(get.srcWorkId.value, 9);
+    Answer(80, 0, "hidden", 6, brel_lib::md5("hidden"));
+    RspWorkFileDstQuery result;
+    ASSERT_TRUE(Result(80, result));
+    EXPECT_EQ(result.ret.value, 0);
+    EXPECT_EQ(ReadFile(strDst), "hidden");
+
+    // The list of addresses is copied element by element: the first refuses.
+    unsigned short nClosed = 0;
+    {
+        TestWorkServer gone;
+        nClosed = gone.Port();
+    }
+    std::string strDst2 = S().Path("secret2");
+    ReqWorkFileDstCreate2EncData create2;
+    create2.srcFile = "/src/file";
+    create2.dstPath.Set(strDst2.data(), strDst2.size());
+    *create2.srcServerIp.Append() = static_cast<int>(Loopback());
+    *create2.srcServerIp.Append() = 0;
+    create2.srcServerPort = nClosed;
+    SendEnc<ReqWorkFileDstCreate2Enc>(create2, 81);
+    EXPECT_EQ(RetFor<RspWorkFileDstCreate>(81), 1000) << "a 0 in the list";
+    ReqWorkFileDstCreate2EncData create3;
+    create3.srcFile = "/src/file";
+    create3.dstPath.Set(strDst2.data(), strDst2.size());
+    *create3.srcServerIp.Append() = static_cast<int>(Loopback());
+    create3.srcServerPort = m_source.Port();
+    SendEnc<ReqWorkFileDstCreate2Enc>(create3, 82);
+    EXPECT_EQ(RetFor<RspWorkFileDstCreate>(82), 0);
 }
 
 } // namespace
