@@ -294,9 +294,9 @@ TEST_F(FileDstSession, ASourceFailureBecomesTheWorksResult)
     EXPECT_EQ(result.ret.value, 314);
 }
 
-TEST_F(FileDstSession, ACompleteCacheFileIs330AndNoRoomIs333)
+TEST_F(FileDstSession, AFileCompleteInTheCacheIs330)
 {
-    Begin("cache_max_size = 1000\n");
+    Begin();
     std::string strCacheId = S().Path("cache/one");
     SendCreate2(20, strCacheId, 0x400, 5, {Loopback()});
     EXPECT_EQ(CreateRet(20), 331);
@@ -308,12 +308,19 @@ TEST_F(FileDstSession, ACompleteCacheFileIs330AndNoRoomIs333)
     EXPECT_EQ(result.ret.value, 0);
     SendCreate2(21, strCacheId, 0x400, 5, {Loopback()});
     EXPECT_EQ(CreateRet(21), 330);
-    // Only the finished entry may make room, and 5000 bytes don't fit anyway.
-    SendCreate2(22, S().Path("cache/two"), 0x400, 5000, {Loopback()});
-    EXPECT_EQ(CreateRet(22), 333);
+    EXPECT_EQ((Ask<ReqWorkFileDstQuery, RspWorkFileDstQuery>(21)), 300) << "330 makes no work";
 }
 
-TEST_F(FileDstSession, TheUserDaemonMayNotModifyOrCreate339And340)
+TEST_F(FileDstSession, NoRoomInTheCacheIs333)
+{
+    Begin("cache_max_size = 1000\n");
+    SendCreate2(22, S().Path("cache/big"), 0x400, 5000, {Loopback()});
+    EXPECT_EQ(CreateRet(22), 333);
+    SendCreate2(23, S().Path("cache/small"), 0x400, 500, {Loopback()});
+    EXPECT_EQ(CreateRet(23), 331);
+}
+
+TEST_F(FileDstSession, TheUserDaemonMayNotModifyTheFile339)
 {
     Begin();
     std::string strExisting = S().Path("rootfile");
@@ -321,16 +328,24 @@ TEST_F(FileDstSession, TheUserDaemonMayNotModifyOrCreate339And340)
     chmod(strExisting.c_str(), 0644);
     SendCreate(30, strExisting, 0x8000);
     EXPECT_EQ(CreateRet(30), 339);
+    // A file others may write passes by the world bit.
+    chmod(strExisting.c_str(), 0666);
+    SendCreate(33, strExisting, 0x8000);
+    EXPECT_EQ(CreateRet(33), 0);
+}
+
+TEST_F(FileDstSession, TheUserDaemonMayNotCreateTheFile340)
+{
+    Begin();
     SendCreate(31, S().Path("missing_dir/file"), 0x8000);
     EXPECT_EQ(CreateRet(31), 340);
     std::string strClosedDir = S().Path("closed");
     mkdir(strClosedDir.c_str(), 0755);
     SendCreate(32, strClosedDir + "/file", 0x8000);
     EXPECT_EQ(CreateRet(32), 340);
-    // A file others may write passes by the world bit.
-    chmod(strExisting.c_str(), 0666);
-    SendCreate(33, strExisting, 0x8000);
-    EXPECT_EQ(CreateRet(33), 0);
+    // Through the cache path there is no such check.
+    SendCreate2(34, strClosedDir + "/cached", 0x8000 | 0x400, 10, {Loopback()});
+    EXPECT_EQ(CreateRet(34), 331);
 }
 
 TEST_F(FileDstSession, AnExistingFileIsTruncatedAndKeepsOwnerAndMode)

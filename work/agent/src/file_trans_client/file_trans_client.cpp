@@ -90,7 +90,16 @@ CFileTransClientManager::CFileTransClientManager(CDataBufferSTLDeque& sendDataBu
     m_networkMultiClient.SetNetClientCallback(FileTransClientNetCallback, this);
 }
 
-CFileTransClientManager::~CFileTransClientManager() { Stop(); }
+CFileTransClientManager::~CFileTransClientManager()
+{
+    Stop();
+    // Threads built by a Start whose own thread never ran.
+    for (CFileWriteThread* pThread : m_vecFileWriteThread) {
+        pThread->Stop();
+        delete pThread;
+    }
+    m_vecFileWriteThread.clear();
+}
 
 void CFileTransClientManager::ReloadCfg()
 {
