@@ -103,3 +103,59 @@ TEST_F(WorkServerTool, ErrorsAreClear)
 }
 
 } // namespace
+
+// Copies between two agents of the tool's server: the first agent is the
+// source, a second one in a tree of its own the destination.
+class WorkServerCopy : public WorkServerTool {
+protected:
+    void SetUp() override
+    {
+        WorkServerTool::SetUp();
+        if (IsSkipped()) return;
+        m_pDst = std::make_unique<InstallTree>();
+        m_pDst->Config()["server_port"] = std::to_string(m_nPort);
+        m_pDst->Config()["agent_id"] = "127.0.0.2";
+        m_pDst->WriteConfig();
+        m_pidDst = m_pDst->StartForeground();
+        std::string strOut;
+        ASSERT_TRUE(WaitUntil([&] { return Shell(Tool("list"), strOut) == 0 && strOut.find("127.0.0.2") != std::string::npos &&
+                                           strOut.find("127.0.0.1 ") != std::string::npos; },
+                              10000));
+    }
+
+    std::unique_ptr<InstallTree> m_pDst;
+    pid_t m_pidDst = -1;
+};
+
+TEST_F(WorkServerCopy, CopiesAFileAndDeletesItsWorksOnBothAgents)
+{
+    std::string strSrc = Tree().Path("copy_src");
+    std::string strData(3 * 1048576 + 5, '\0');
+    for (size_t i = 0; i < strData.size(); ++i) strData[i] = static_cast<char>(i * 7 + i / 999);
+    WriteFile(strSrc, strData);
+    std::string strDst = m_pDst->Path("copy_dst");
+    std::string strOut;
+    EXPECT_EQ(Shell(Tool("copy --from 127.0.0.1:" + strSrc + " --to 127.0.0.2:" + strDst), strOut), 0) << strOut;
+    EXPECT_NE(strOut.find("copied 3.0 MiB"), std::string::npos) << strOut;
+    EXPECT_EQ(strOut.find('\r'), std::string::npos) << "plain lines when the output is no terminal";
+    EXPECT_EQ(ReadFile(strDst), strData);
+    EXPECT_TRUE(m_pDst->WaitForLog("CFileWriteThread::DeleteWork(work id:", 3000));
+    EXPECT_TRUE(Tree().WaitForLog("CFileTransSvrManager::Delete(work id:", 3000));
+}
+
+TEST_F(WorkServerCopy, EachFailureHasItsOwnMessage)
+{
+    std::string strOut;
+    EXPECT_EQ(Shell(Tool("copy --from 127.0.0.1:" + Tree().Path("missing") + " --to 127.0.0.2:" + m_pDst->Path("x")),
+                    strOut),
+              1);
+    EXPECT_NE(strOut.find("at the source with ret 329: the source file does not exist"), std::string::npos) << strOut;
+
+    std::string strSrc = Tree().Path("small");
+    WriteFile(strSrc, "abc");
+    EXPECT_EQ(Shell(Tool("copy --from 127.0.0.1:" + strSrc + " --to 127.0.0.2:" + m_pDst->Path("no/dir/file")), strOut), 1);
+    EXPECT_NE(strOut.find("at the destination with ret 320"), std::string::npos) << strOut;
+
+    EXPECT_EQ(Shell(Tool("copy --from 127.0.0.1:" + strSrc + " --to 127.0.0.9:/tmp/x --wait 1"), strOut), 2);
+    EXPECT_NE(strOut.find("no such agent is connected: 127.0.0.9"), std::string::npos) << strOut;
+}

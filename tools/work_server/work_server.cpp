@@ -6,8 +6,11 @@
 //   work_server list  [--control PATH]
 //   work_server run   [--control PATH] --agent ID [--user USER] [--timeout SEC]
 //                     [--buf-size BYTES] [--wait SEC] -- COMMAND...
+//   work_server copy  [--control PATH] --from AGENT:PATH --to AGENT:PATH
 //   work_server stop  [--control PATH]
 //
+// `copy` moves a file from one agent to another (the data goes between the
+// agents) and shows the destination's progress.
 // `run` prints the command's standard output and error and exits with its
 // exit code. The control protocol is one line of text each way, with the
 // strings in hexadecimal.
@@ -44,6 +47,7 @@ void Usage()
             "usage:\n"
             "  work_server serve [--listen IP:PORT] [--control PATH]\n"
             "  work_server list  [--control PATH]\n"
+            "  work_server copy  [--control PATH] --from AGENT:PATH --to AGENT:PATH\n"
             "  work_server run   [--control PATH] --agent ID [--user USER] [--timeout SEC]\n"
             "                    [--buf-size BYTES] [--wait SEC] -- COMMAND...\n"
             "  work_server stop  [--control PATH]\n"
@@ -113,6 +117,17 @@ struct Job {
     int fdAgent = -1;
 };
 
+// A file copy: a source work on one agent, a destination work on the other.
+struct Copy {
+    int fdControl = -1;
+    int fdSrcAgent = -1;
+    int fdDstAgent = -1;
+    unsigned int nSrcWorkId = 0;
+    std::string strSrcPath;
+    std::string strDstPath;
+    bool bStarted = false;  // the destination's set-action went out
+};
+
 class Server {
 public:
     int Serve(const std::string& strListen, const std::string& strControl);
@@ -124,6 +139,11 @@ private:
     void DealPacket(Agent& agent, char* pData, unsigned int nSize);
     void DealControl(int fd);
     void FinishJob(unsigned int nWorkId, const std::string& strLine);
+    int AgentFd(const std::string& strAgent);
+    void StartCopy(int fd, std::istringstream& in);
+    bool DealCopyPacket(Zik& body);
+    void FinishCopy(unsigned int nDstWorkId, const std::string& strLine);
+    void QueryCopies();
     void DropAgent(int fd);
     template <class T>
     bool SendTo(int fd, T& msg, int nAppend = 0);
@@ -133,6 +153,9 @@ private:
     std::string m_strControlPath;
     std::map<int, std::unique_ptr<Agent>> m_mapAgents;  // by descriptor
     std::map<unsigned int, Job> m_mapJobs;  // by work id
+    std::map<unsigned int, Copy> m_mapCopies;  // by the destination's work id
+    std::map<unsigned int, unsigned int> m_mapCopySrc;  // source work id to destination work id
+    time_t m_tLastQuery = 0;
     unsigned int m_nNextWorkId = static_cast<unsigned int>(time(nullptr)) & 0x7fffffff;
     bool m_bStop = false;
 };
@@ -178,7 +201,9 @@ int Server::Serve(const std::string& strListen, const std::string& strControl)
     while (!m_bStop) {
         std::vector<pollfd> fds = {{m_listener.GetSocket(), POLLIN, 0}, {m_fdControl, POLLIN, 0}};
         for (const auto& pair : m_mapAgents) fds.push_back({pair.first, POLLIN, 0});
-        if (poll(fds.data(), fds.size(), 1000) <= 0) continue;
+        int nReady = poll(fds.data(), fds.size(), 200);
+        QueryCopies();
+        if (nReady <= 0) continue;
         if (fds[0].revents & POLLIN) AcceptAgent();
         if (fds[1].revents & POLLIN) {
             int fd = accept4(m_fdControl, nullptr, nullptr, SOCK_CLOEXEC);
@@ -212,6 +237,16 @@ void Server::DropAgent(int fd)
     printf("work_server: agent %s at %s is gone\n", it->second->bKnown ? AgentName(it->second->nId).c_str() : "?",
            it->second->strAddr.c_str());
     fflush(stdout);
+    for (auto copy = m_mapCopies.begin(); copy != m_mapCopies.end();) {
+        if (copy->second.fdSrcAgent == fd || copy->second.fdDstAgent == fd) {
+            WriteAll(copy->second.fdControl, "ERROR an agent was lost during the copy\n");
+            close(copy->second.fdControl);
+            m_mapCopySrc.erase(copy->second.nSrcWorkId);
+            copy = m_mapCopies.erase(copy);
+        } else {
+            ++copy;
+        }
+    }
     for (auto job = m_mapJobs.begin(); job != m_mapJobs.end();) {
         if (job->second.fdAgent == fd) {
             WriteAll(job->second.fdControl, "ERROR the agent was lost while the command ran\n");
@@ -244,6 +279,7 @@ void Server::DealPacket(Agent& agent, char* pData, unsigned int nSize)
     unsigned int nUsed = 0;
     if (brel_lib::ParseFromBuffer(packet, nUsed, pData, nSize) != 0 || packet.body.get() == nullptr) return;
     Zik& body = *packet.body;
+    if (DealCopyPacket(body)) return;
     switch (body.choiceId) {
     case Zik::reqWorkAgentHeartbeatCid: {
         agent.bKnown = true;
@@ -327,17 +363,14 @@ void Server::DealControl(int fd)
     } else if (strVerb == "STOP") {
         WriteAll(fd, "OK\n");
         m_bStop = true;
+    } else if (strVerb == "COPY") {
+        StartCopy(fd, in);
+        return;
     } else if (strVerb == "RUN") {
         std::string strAgent, strUser, strCmd;
         int nTimeout = 0, nBufSize = 0;
         in >> strAgent >> nTimeout >> nBufSize >> strUser >> strCmd;
-        unsigned int nId = 0;
-        int fdAgent = -1;
-        if (ParseAgent(strAgent, nId)) {
-            for (const auto& pair : m_mapAgents) {
-                if (pair.second->bKnown && pair.second->nId == nId) fdAgent = pair.first;
-            }
-        }
+        int fdAgent = AgentFd(strAgent);
         if (fdAgent < 0) {
             WriteAll(fd, "ERROR no such agent is connected: " + strAgent + "\n");
         } else {
@@ -358,6 +391,145 @@ void Server::DealControl(int fd)
         WriteAll(fd, "ERROR unknown request\n");
     }
     close(fd);
+}
+
+// ---- copies ---------------------------------------------------------------------
+
+int Server::AgentFd(const std::string& strAgent)
+{
+    unsigned int nId = 0;
+    if (!ParseAgent(strAgent, nId)) return -1;
+    for (const auto& pair : m_mapAgents) {
+        if (pair.second->bKnown && pair.second->nId == nId) return pair.first;
+    }
+    return -1;
+}
+
+// The source is asked first; its answer brings the address and port that the
+// destination then pulls from.
+void Server::StartCopy(int fd, std::istringstream& in)
+{
+    std::string strSrcAgent, strSrcPath, strDstAgent, strDstPath;
+    in >> strSrcAgent >> strSrcPath >> strDstAgent >> strDstPath;
+    int fdSrc = AgentFd(strSrcAgent);
+    int fdDst = AgentFd(strDstAgent);
+    if (fdSrc < 0 || fdDst < 0) {
+        WriteAll(fd, "ERROR no such agent is connected: " + (fdSrc < 0 ? strSrcAgent : strDstAgent) + "\n");
+        close(fd);
+        return;
+    }
+    Copy copy;
+    copy.fdControl = fd;
+    copy.fdSrcAgent = fdSrc;
+    copy.fdDstAgent = fdDst;
+    copy.nSrcWorkId = ++m_nNextWorkId;
+    copy.strSrcPath = FromHex(strSrcPath);
+    copy.strDstPath = FromHex(strDstPath);
+    unsigned int nDstWorkId = ++m_nNextWorkId;
+    ReqWorkFileSrcCreate create;
+    create.workId = static_cast<int>(copy.nSrcWorkId);
+    create.srcFile.ReSet(copy.strSrcPath.data(), copy.strSrcPath.size());
+    m_mapCopySrc[copy.nSrcWorkId] = nDstWorkId;
+    m_mapCopies[nDstWorkId] = copy;
+    SendTo(fdSrc, create);
+}
+
+bool Server::DealCopyPacket(Zik& body)
+{
+    switch (body.choiceId) {
+    case Zik::rspWorkFileSrcCreateCid: {
+        RspWorkFileSrcCreate& rsp = *body.rspWorkFileSrcCreate;
+        auto itSrc = m_mapCopySrc.find(static_cast<unsigned int>(rsp.workId.value));
+        if (itSrc == m_mapCopySrc.end()) return true;
+        unsigned int nDstWorkId = itSrc->second;
+        Copy& copy = m_mapCopies[nDstWorkId];
+        if (rsp.ret != 0) {
+            FinishCopy(nDstWorkId, "FAILED source " + std::to_string(rsp.ret.value) + "\n");
+            return true;
+        }
+        ReqWorkFileDstCreate create;
+        create.workId = static_cast<int>(nDstWorkId);
+        create.srcFile.ReSet(copy.strSrcPath.data(), copy.strSrcPath.size());
+        create.dstPath.ReSet(copy.strDstPath.data(), copy.strDstPath.size());
+        create.srcServerIp = rsp.srcServerIp;
+        create.srcServerPort = rsp.srcServerPort;
+        create.srcWorkId = static_cast<int>(copy.nSrcWorkId);
+        SendTo(copy.fdDstAgent, create);
+        return true;
+    }
+    case Zik::rspWorkFileDstCreateCid: {
+        RspWorkFileDstCreate& rsp = *body.rspWorkFileDstCreate;
+        unsigned int nDstWorkId = static_cast<unsigned int>(rsp.workId.value);
+        auto it = m_mapCopies.find(nDstWorkId);
+        if (it == m_mapCopies.end()) return true;
+        if (rsp.ret != 0) {
+            FinishCopy(nDstWorkId, "FAILED destination " + std::to_string(rsp.ret.value) + "\n");
+            return true;
+        }
+        ReqWorkFileDstSetAction start;
+        start.workId = rsp.workId;
+        start.action = 1;
+        SendTo(it->second.fdDstAgent, start);
+        it->second.bStarted = true;
+        return true;
+    }
+    case Zik::rspWorkFileDstQueryCid: {
+        RspWorkFileDstQuery& rsp = *body.rspWorkFileDstQuery;
+        unsigned int nDstWorkId = static_cast<unsigned int>(rsp.workId.value);
+        auto it = m_mapCopies.find(nDstWorkId);
+        if (it == m_mapCopies.end()) return true;
+        unsigned long long lOk = (static_cast<unsigned long long>(static_cast<unsigned int>(rsp.okSizeHigh.value)) << 32) |
+                                 static_cast<unsigned int>(rsp.okSizeLow.value);
+        unsigned long long lTotal =
+            (static_cast<unsigned long long>(static_cast<unsigned int>(rsp.totalSizeHigh.value)) << 32) |
+            static_cast<unsigned int>(rsp.totalSizeLow.value);
+        if (rsp.status.value == 2) {
+            FinishCopy(nDstWorkId, (rsp.ret.value == 0 ? "DONE " : "FAILED destination " + std::to_string(rsp.ret.value) + " ") +
+                                       std::to_string(lOk) + " " + std::to_string(lTotal) + "\n");
+        } else if (rsp.status.value == 1) {
+            WriteAll(it->second.fdControl, "PROGRESS " + std::to_string(lOk) + " " + std::to_string(lTotal) + "\n");
+        }
+        return true;
+    }
+    case Zik::rspWorkFileSrcDeleteCid:
+    case Zik::rspWorkFileDstDeleteCid:
+    case Zik::rspWorkFileDstSetActionCid:
+        return true;
+    default:
+        return false;
+    }
+}
+
+// Like run, a copy deletes its works on both agents once it has the result.
+void Server::FinishCopy(unsigned int nDstWorkId, const std::string& strLine)
+{
+    auto it = m_mapCopies.find(nDstWorkId);
+    if (it == m_mapCopies.end()) return;
+    Copy& copy = it->second;
+    ReqWorkFileDstDelete delDst;
+    delDst.workId = static_cast<int>(nDstWorkId);
+    SendTo(copy.fdDstAgent, delDst);
+    ReqWorkFileSrcDelete delSrc;
+    delSrc.workId = static_cast<int>(copy.nSrcWorkId);
+    SendTo(copy.fdSrcAgent, delSrc);
+    WriteAll(copy.fdControl, strLine);
+    close(copy.fdControl);
+    m_mapCopySrc.erase(copy.nSrcWorkId);
+    m_mapCopies.erase(it);
+}
+
+// The destination reports by itself only at the end: progress is asked for.
+void Server::QueryCopies()
+{
+    time_t tNow = time(nullptr);
+    if (tNow == m_tLastQuery) return;
+    m_tLastQuery = tNow;
+    for (const auto& pair : m_mapCopies) {
+        if (!pair.second.bStarted) continue;
+        ReqWorkFileDstQuery query;
+        query.workId = static_cast<int>(pair.first);
+        SendTo(pair.second.fdDstAgent, query);
+    }
 }
 
 // ---- the client ------------------------------------------------------------------
@@ -433,6 +605,141 @@ int Run(const std::string& strControl, const std::string& strAgent, const std::s
     return nExit;
 }
 
+// What each failure code of a copy means to the person who asked for it.
+const char* CopyErrorText(int nRet)
+{
+    switch (nRet) {
+    case 300: return "no such work (it was deleted meanwhile)";
+    case 302: return "the agent runs as many transfers as it may";
+    case 313: return "the source agent could not open a listening port";
+    case 314: return "the source file can't be opened or read, or is no regular file";
+    case 316: return "the source file shrank during the copy";
+    case 317: return "the destination could not connect to the source";
+    case 318: return "the source stopped answering";
+    case 320: return "the destination file can't be created (missing directory, read-only, or not a file)";
+    case 321: return "no space left on the destination";
+    case 322: return "writing the destination file failed, or it was changed during the copy";
+    case 323: return "the work id is in use";
+    case 324: return "the copy took longer than its time limit";
+    case 329: return "the source file does not exist";
+    case 334: return "the source agent could not allocate a read buffer";
+    case 339: case 340: return "the user daemon may not write there";
+    case 341: return "the user daemon is unknown on the destination";
+    case 342: return "a block arrived damaged (MD5 mismatch)";
+    case 1000: return "the source address is bad";
+    default: return "unexplained failure";
+    }
+}
+
+std::string Bytes(double d)
+{
+    const char* szUnit[] = {"B", "KiB", "MiB", "GiB", "TiB"};
+    int i = 0;
+    while (d >= 1024 && i < 4) {
+        d /= 1024;
+        ++i;
+    }
+    char sz[32];
+    snprintf(sz, sizeof(sz), i == 0 ? "%.0f %s" : "%.1f %s", d, szUnit[i]);
+    return sz;
+}
+
+// One progress report: a bar that redraws itself on a terminal, plain lines elsewhere.
+void ShowProgress(unsigned long long lOk, unsigned long long lTotal, double dSeconds, bool bTty)
+{
+    double dRate = dSeconds > 0 ? lOk / dSeconds : 0;
+    double dPart = lTotal == 0 ? 1.0 : static_cast<double>(lOk) / lTotal;
+    std::string strLeft = dRate > 0 ? std::to_string(static_cast<long>((lTotal - lOk) / dRate)) + "s" : "?";
+    if (!bTty) {
+        printf("%s of %s, %s/s, %s left\n", Bytes(lOk).c_str(), Bytes(lTotal).c_str(), Bytes(dRate).c_str(),
+               strLeft.c_str());
+        fflush(stdout);
+        return;
+    }
+    const int WIDTH = 30;
+    int nFull = static_cast<int>(dPart * WIDTH);
+    std::string strBar = std::string(nFull, '#') + std::string(WIDTH - nFull, '-');
+    printf("\r[%s] %3d%% %s of %s, %s/s, %s left   ", strBar.c_str(), static_cast<int>(dPart * 100), Bytes(lOk).c_str(),
+           Bytes(lTotal).c_str(), Bytes(dRate).c_str(), strLeft.c_str());
+    fflush(stdout);
+}
+
+// AGENT:PATH; the path may hold colons of its own.
+bool SplitTarget(const std::string& str, std::string& strAgent, std::string& strPath)
+{
+    size_t n = str.find(':');
+    if (n == std::string::npos || n == 0 || n + 1 >= str.size()) return false;
+    strAgent = str.substr(0, n);
+    strPath = str.substr(n + 1);
+    return true;
+}
+
+int CopyFile(const std::string& strControl, const std::string& strFrom, const std::string& strTo, int nWait)
+{
+    std::string strSrcAgent, strSrcPath, strDstAgent, strDstPath;
+    if (!SplitTarget(strFrom, strSrcAgent, strSrcPath) || !SplitTarget(strTo, strDstAgent, strDstPath)) {
+        fprintf(stderr, "work_server: --from and --to are AGENT:PATH\n");
+        return 2;
+    }
+    for (int i = 0; i < nWait * 5 && !(AgentListed(strControl, strSrcAgent) && AgentListed(strControl, strDstAgent)); ++i)
+        usleep(200000);
+    int fd = ConnectControl(strControl);
+    if (fd < 0) {
+        fprintf(stderr, "work_server: no server at %s (start one with: work_server serve)\n", strControl.c_str());
+        return 2;
+    }
+    WriteAll(fd, "COPY " + strSrcAgent + " " + ToHex(strSrcPath) + " " + strDstAgent + " " + ToHex(strDstPath) + "\n");
+    bool bTty = isatty(STDOUT_FILENO) != 0;
+    int64_t lBegin = static_cast<int64_t>(brel_lib::GetNowMilliSecond());
+    std::string strBuf, strLast;
+    bool bShown = false;
+    char buf[4096];
+    ssize_t n;
+    while ((n = read(fd, buf, sizeof(buf))) > 0) {
+        strBuf.append(buf, static_cast<size_t>(n));
+        size_t nEnd;
+        while ((nEnd = strBuf.find('\n')) != std::string::npos) {
+            std::string strLine = strBuf.substr(0, nEnd);
+            strBuf.erase(0, nEnd + 1);
+            std::istringstream in(strLine);
+            std::string strVerb;
+            in >> strVerb;
+            if (strVerb == "PROGRESS") {
+                unsigned long long lOk = 0, lTotal = 0;
+                in >> lOk >> lTotal;
+                ShowProgress(lOk, lTotal, (static_cast<int64_t>(brel_lib::GetNowMilliSecond()) - lBegin) / 1000.0, bTty);
+                bShown = true;
+            } else {
+                strLast = strLine;
+            }
+        }
+    }
+    close(fd);
+    if (bShown && bTty) printf("\n");
+    std::istringstream in(strLast);
+    std::string strVerb;
+    in >> strVerb;
+    double dSeconds = (static_cast<int64_t>(brel_lib::GetNowMilliSecond()) - lBegin) / 1000.0;
+    if (strVerb == "DONE") {
+        unsigned long long lOk = 0, lTotal = 0;
+        in >> lOk >> lTotal;
+        printf("copied %s in %.1fs (%s/s)\n", Bytes(lOk).c_str(), dSeconds,
+               Bytes(dSeconds > 0 ? lOk / dSeconds : 0).c_str());
+        return 0;
+    }
+    if (strVerb == "FAILED") {
+        std::string strSide;
+        int nRet = 0;
+        in >> strSide >> nRet;
+        fprintf(stderr, "work_server: the copy failed at the %s with ret %d: %s\n", strSide.c_str(), nRet,
+                CopyErrorText(nRet));
+        return 1;
+    }
+    fprintf(stderr, "work_server: %s\n",
+            strLast.empty() ? "no answer from the server" : strLast.substr(strLast.find(' ') + 1).c_str());
+    return 2;
+}
+
 } // namespace
 
 int main(int argc, char* argv[])
@@ -443,7 +750,7 @@ int main(int argc, char* argv[])
         return 2;
     }
     std::string strVerb = argv[1];
-    std::string strListen = DEFAULT_LISTEN, strControl = DEFAULT_CONTROL, strAgent, strUser;
+    std::string strListen = DEFAULT_LISTEN, strControl = DEFAULT_CONTROL, strAgent, strUser, strFrom, strTo;
     int nTimeout = 0, nBufSize = 0, nWait = 10;
     std::string strCmd;
     for (int i = 2; i < argc; ++i) {
@@ -469,6 +776,10 @@ int main(int argc, char* argv[])
             nTimeout = atoi(strValue.c_str());
         } else if (strArg == "--buf-size") {
             nBufSize = atoi(strValue.c_str());
+        } else if (strArg == "--from") {
+            strFrom = strValue;
+        } else if (strArg == "--to") {
+            strTo = strValue;
         } else if (strArg == "--wait") {
             nWait = atoi(strValue.c_str());
         } else {
@@ -495,6 +806,13 @@ int main(int argc, char* argv[])
             return 2;
         }
         return Run(strControl, strAgent, strUser, nTimeout, nBufSize, nWait, strCmd);
+    }
+    if (strVerb == "copy") {
+        if (strFrom.empty() || strTo.empty()) {
+            Usage();
+            return 2;
+        }
+        return CopyFile(strControl, strFrom, strTo, nWait);
     }
     if (strVerb == "stop") {
         std::string strAnswer;
