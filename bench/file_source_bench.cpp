@@ -96,8 +96,10 @@ double SourceSeconds(const std::string& strDir, const std::string& strFile)
     unsigned short nPort = FreePort();
     std::string strCfg = strDir + "/config";
     FILE* pCfg = fopen(strCfg.c_str(), "w");
-    fprintf(pCfg, "file_trans_svr_bind_eth = 127.0.0.1\nfile_trans_svr_bind_ip = 127.0.0.1\n"
-                  "file_trans_svr_begin_bind_port = %hu\n", nPort);
+    fprintf(pCfg,
+            "file_trans_svr_bind_eth = 127.0.0.1\nfile_trans_svr_bind_ip = 127.0.0.1\n"
+            "file_trans_svr_begin_bind_port = %hu\n",
+            nPort);
     fclose(pCfg);
     brel_lib::CDataBufferSTLDeque sessionSend(true, 0);
     CFileTransSvrManager manager(sessionSend);
@@ -163,7 +165,7 @@ double BareSeconds(const std::string& strFile)
     });
 }
 
-} // namespace
+}  // namespace
 
 int main()
 {
@@ -183,8 +185,8 @@ int main()
     double dBare = BareSeconds(strFile);
     double dSource = SourceSeconds(szDir, strFile);
     double dMiB = static_cast<double>(TOTAL) / (1 << 20);
-    bench::Report("file source, 512 MiB in 512 KiB blocks", "MiB/s", dMiB / dSource,
-                  "read + MD5 + socket copy", dMiB / dBare);
+    bench::Report("file source, 512 MiB in 512 KiB blocks", "MiB/s", dMiB / dSource, "read + MD5 + socket copy",
+                  dMiB / dBare);
     std::string strCommand = std::string("rm -rf ") + szDir;
     return system(strCommand.c_str()) == 0 ? 0 : 1;
 }

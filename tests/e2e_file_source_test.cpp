@@ -218,8 +218,8 @@ TEST_F(AgentFileSource, TheRefusalsOfAGetLeaveTheConnectionServing)
     };
     // The path read is the get's own, whatever the work offered.
     std::vector<Case> vecCases = {
-        {Tree().Path("missing"), 0, 100, 314}, {strDir, 0, 100, 314},       {strFifo, 0, 100, 314},
-        {strPath, 1001, 100, 316},             {strPath, 0, 0x8000001, 334}, {strPath, 0, 100, 0},
+        {Tree().Path("missing"), 0, 100, 314}, {strDir, 0, 100, 314}, {strFifo, 0, 100, 314}, {strPath, 1001, 100, 316},
+        {strPath, 0, 0x8000001, 334},          {strPath, 0, 100, 0},
     };
     for (const Case& c : vecCases) {
         ASSERT_TRUE(peer.Get(3, 9, c.strPath, c.lPos, c.nGetSize, 1));
@@ -293,7 +293,8 @@ TEST_F(AgentFileSource, HostilePeersAreClosedWhileAnotherIsServed)
     GoodPeer good(nPort, 5, strPath, strData);
 
     // A packet announced larger than any request: closed on its header alone.
-    for (const std::string& strHead : {std::string("\x30\x83\x01\x00\x01", 5), std::string("\x30\x84\x07\xff\xff\xf0", 6)}) {
+    for (const std::string& strHead :
+         {std::string("\x30\x83\x01\x00\x01", 5), std::string("\x30\x84\x07\xff\xff\xf0", 6)}) {
         FilePeer peer;
         ASSERT_TRUE(peer.Connect(nPort, 3000));
         ASSERT_TRUE(peer.WriteRaw(std::vector<unsigned char>(strHead.begin(), strHead.end())));
@@ -350,10 +351,10 @@ TEST_F(AgentFileSource, HostilePeersAreClosedWhileAnotherIsServed)
     {
         std::string strList;
         for (int i = 0; i < 20000; ++i) strList += Int(i & 0x7f);
-        std::vector<unsigned char> bomb = Packet(
-            "\xbf\x84\x5c", Int(1) + Tlv("\x04", "a") + Tlv("\x04", "b") + Tlv("\x30", strList) + Int(0) + Int(0) +
-                                Int(0) + Int(0) + Int(0) + Tlv("\x04", "") + Int(0) + Int(0) + Int(0) + Int(0) + Int(0) +
-                                Int(0));
+        std::vector<unsigned char> bomb =
+            Packet("\xbf\x84\x5c", Int(1) + Tlv("\x04", "a") + Tlv("\x04", "b") + Tlv("\x30", strList) + Int(0) +
+                                       Int(0) + Int(0) + Int(0) + Int(0) + Tlv("\x04", "") + Int(0) + Int(0) + Int(0) +
+                                       Int(0) + Int(0) + Int(0));
         ASSERT_LT(bomb.size(), 65536u);
         FilePeer peer;
         ASSERT_TRUE(peer.Connect(nPort, 3000));
@@ -480,4 +481,4 @@ TEST_F(AgentFileSourceStart, AReloadWithPrintAgentInfoDumpsTheWorks)
     Stop(pid);
 }
 
-} // namespace
+}  // namespace

@@ -219,7 +219,8 @@ TEST_F(ReadThreadTest, PositionsBeyond4GiBTravelInTwoWords)
     ASSERT_GE(fd, 0);
     const unsigned long long lPos = (5ULL << 30) + 12345;  // 5 GiB and a bit, a hole below
     std::string strTail = Pattern(3000);
-    ASSERT_EQ(pwrite(fd, strTail.data(), strTail.size(), static_cast<off_t>(lPos)), static_cast<ssize_t>(strTail.size()));
+    ASSERT_EQ(pwrite(fd, strTail.data(), strTail.size(), static_cast<off_t>(lPos)),
+              static_cast<ssize_t>(strTail.size()));
     close(fd);
     Get(strPath, lPos + 1000, 1500, 2);
     Answer a;
@@ -259,7 +260,7 @@ TEST_F(ReadThreadTest, ALookAheadBeyondTheEndIsNotAnswered)
 TEST_F(ReadThreadTest, HeartbeatsAndEmptyCountsGetNoAnswer)
 {
     std::string strPath = File("f", Pattern(100));
-    Get(strPath, 0, 0, 5);   // a transfer heartbeat
+    Get(strPath, 0, 0, 5);  // a transfer heartbeat
     Get(strPath, 0, 10, 0);  // no block wanted
     Get(strPath, 0, 10, -3);
     EXPECT_TRUE(NothingMore());
@@ -375,4 +376,4 @@ TEST_F(ReadThreadTest, AGoneConnectionDropsItsWaitingRequests)
     EXPECT_TRUE(NothingMore());
 }
 
-} // namespace
+}  // namespace

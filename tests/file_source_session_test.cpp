@@ -174,7 +174,7 @@ TEST_F(FileSource, TheUserDaemonMustReadWhatAskedFor)
     std::string strOpen = File("open", "x", 0604);
     EXPECT_EQ(Create(1, strPrivate, 0x8000), 338);
     EXPECT_EQ(Create(2, strOpen, 0x8000), 0);
-    EXPECT_EQ(Create(3, strPrivate, 0), 0);       // no check asked
+    EXPECT_EQ(Create(3, strPrivate, 0), 0);  // no check asked
     EXPECT_EQ(Create(4, strPrivate, 0x8400), 0);  // a file of the cache: no check
 }
 
@@ -365,13 +365,15 @@ protected:
         ReqSessionKey req;
         ASSERT_TRUE(Session().Next(req, 5000));
         ReqSessionKeyEncData data;
-        ASSERT_TRUE(DecodeRecord(RsaPrivateDecrypt(strPrivate, std::string(req.encData.octs, req.encData.octetLen)), data));
+        ASSERT_TRUE(
+            DecodeRecord(RsaPrivateDecrypt(strPrivate, std::string(req.encData.octs, req.encData.octetLen)), data));
         RspSessionKeyEncData answer;
         answer.keyData.ReSet(m_strKey.data(), m_strKey.size());
         answer.keyId = 77;
         answer.keySn = data.keySn;
         answer.validSecond = 1000000;
-        std::string strEnc = AesEncrypt(std::string(data.oldKeyData.octs, data.oldKeyData.octetLen), EncodeRecord(answer));
+        std::string strEnc =
+            AesEncrypt(std::string(data.oldKeyData.octs, data.oldKeyData.octetLen), EncodeRecord(answer));
         RspSessionKey rsp;
         rsp.moduleType = 2;
         rsp.keyId = 77;
@@ -443,7 +445,8 @@ TEST_F(FileSourceEnc, AChangedFileFails335UntilItsSumIsForgotten)
     EXPECT_EQ(CreateEnc(3, strPath, brel_lib::md5("second")), 335);
     // An hour after the sum was taken, at the next clean-up, it is taken anew.
     Session().AdvanceClock(1900);
-    EXPECT_TRUE(WaitUntil([&] { return CreateEnc(100 + rand() % 100000, strPath, brel_lib::md5("second"), 0, 1000) == 0; }, 5000));
+    EXPECT_TRUE(WaitUntil(
+        [&] { return CreateEnc(100 + rand() % 100000, strPath, brel_lib::md5("second"), 0, 1000) == 0; }, 5000));
 }
 
 TEST_F(FileSourceEnc, AFileAboveTheCheckLimitPassesUnchecked)
@@ -455,4 +458,4 @@ TEST_F(FileSourceEnc, AFileAboveTheCheckLimitPassesUnchecked)
     EXPECT_EQ(CreateEnc(2, strSmall, brel_lib::md5("wrong")), 335);
 }
 
-} // namespace
+}  // namespace

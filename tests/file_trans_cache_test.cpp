@@ -184,9 +184,9 @@ TEST_F(CacheTest, ClockSetBackPullsFutureUseToNow)
     cache.AddToCache(strFile, 1, 0);
     cache.SetCacheFileFinish(strFile);
     g_timeNow = g_timeNow - 100000;  // the clock goes back a day
-    Advance(cache, 1801);            // the sweep pulls the future use back to now
+    Advance(cache, 1801);  // the sweep pulls the future use back to now
     EXPECT_TRUE(Has(cache, strFile));
-    Advance(cache, 1801);            // and from there it ages as usual
+    Advance(cache, 1801);  // and from there it ages as usual
     EXPECT_FALSE(Has(cache, strFile));
 }
 
@@ -305,9 +305,9 @@ TEST_F(CacheTest, TheRootIsNeverWipedHoweverItIsSpelt)
     for (int i = 0; i < 40; ++i) strUp += "../";
     // The test alone for the spellings, so that a fault here can't reach the
     // root; the wipe itself for the links, which it would only unlink.
-    for (const std::string& strRoot : {std::string("/"), std::string("//"), std::string("/./"), std::string("///."),
-                                       std::string("/tmp/.."), std::string("/tmp/../.."), strUp, strUp + ".",
-                                       strLinkToRoot + "/", std::string("")}) {
+    for (const std::string& strRoot :
+         {std::string("/"), std::string("//"), std::string("/./"), std::string("///."), std::string("/tmp/.."),
+          std::string("/tmp/../.."), strUp, strUp + ".", strLinkToRoot + "/", std::string("")}) {
         EXPECT_TRUE(CacheDirIsRoot(strRoot)) << strRoot;
     }
     EXPECT_FALSE(CacheDirIsRoot("/tmp"));
@@ -320,4 +320,4 @@ TEST_F(CacheTest, TheRootIsNeverWipedHoweverItIsSpelt)
     EXPECT_TRUE(Exists(m_strCacheDir));
 }
 
-} // namespace
+}  // namespace

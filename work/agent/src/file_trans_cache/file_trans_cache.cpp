@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-
 #include "common/agent_clock.h"
 #include "common/agent_globals.h"
 #include "ini_file.h"
@@ -22,12 +21,9 @@ const time_t ACCESS_SWEEP_SECOND = 1799;
 const time_t NOT_FINISH_SWEEP_SECOND = 59;
 
 // A size key read as 64 bits; anything unreadable is 0.
-unsigned long long StringToULongLong(const std::string& str)
-{
-    return strtoull(str.c_str(), nullptr, 10);
-}
+unsigned long long StringToULongLong(const std::string& str) { return strtoull(str.c_str(), nullptr, 10); }
 
-} // namespace
+}  // namespace
 
 CFileTransCache::CFileTransCache()
 {
@@ -127,7 +123,8 @@ bool CFileTransCache::GetFromCache(std::string& strCacheId, bool& bComplete, uns
         bool bGone = stat(entry.strLocalFile.c_str(), &st) != 0;
         if (bGone) {
             Log(LOG_LEVEL_WARNING,
-                "CFileTransCache::GetFromCache(stat the file is error, we delete the cache file, errno: %d, last access "
+                "CFileTransCache::GetFromCache(stat the file is error, we delete the cache file, errno: %d, last "
+                "access "
                 "time: %s, the cache file size: %llu, file path: %s)",
                 errno, ConvertUnixTimeToStr(entry.tLastAccess).c_str(), entry.lFileSize, entry.strLocalFile.c_str());
         } else if (static_cast<unsigned long long>(st.st_size) != entry.lFileSize) {

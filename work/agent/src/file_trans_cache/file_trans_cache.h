@@ -17,8 +17,8 @@
 struct TransitFileCache {
     std::string strLocalFile;
     time_t tLastAccess = 0;
-    bool bTransitOk = false;    // the transfer into the cache has finished well
-    unsigned int nThreadId = 0; // write thread that pulls or pulled it
+    bool bTransitOk = false;  // the transfer into the cache has finished well
+    unsigned int nThreadId = 0;  // write thread that pulls or pulled it
     unsigned long long lFileSize = 0;  // as the server announced it
 };
 
@@ -53,8 +53,7 @@ public:
     void SetCacheFileFinish(const std::string& strCacheId);
     // False: not there (a finished file that changed on disk is dropped here).
     // True: strCacheId, bComplete and nThreadId are filled.
-    bool GetFromCache(std::string& strCacheId, bool& bComplete, unsigned int& nThreadId,
-                      const std::string& strDstPath);
+    bool GetFromCache(std::string& strCacheId, bool& bComplete, unsigned int& nThreadId, const std::string& strDstPath);
     void UpdateCacheAccessTime(const std::string& strCacheId);
     // The periodic sweeps; session thread, each pass.
     void DealAutoDelete(time_t now);
@@ -80,7 +79,7 @@ private:
     brel_lib::CLock m_lock;
     std::map<std::string, TransitFileCache> m_mapCache;
     std::list<TransitFileCache*> m_listCache;  // entries in order of addition or of the last sort
-    unsigned long long m_lCacheNowSize = 0;    // sum of lFileSize of all entries
+    unsigned long long m_lCacheNowSize = 0;  // sum of lFileSize of all entries
     int m_nCacheExpireSecond = DEFAULT_EXPIRE_SECOND;
     unsigned long long m_lCacheMaxSize = DEFAULT_MAX_SIZE;
     std::string m_strCacheDir = DEFAULT_DIR;

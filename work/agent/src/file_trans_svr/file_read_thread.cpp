@@ -72,7 +72,7 @@ ssize_t ReadBlock(int fd, char* pBuf, unsigned int nSize, unsigned long long lOf
     return static_cast<ssize_t>(nDone);
 }
 
-} // namespace
+}  // namespace
 
 bool CFileReadThreadReqRead::DoReq(CFileReadThread* pThread) { return pThread->ReqFileAgentGet(this); }
 
@@ -227,7 +227,8 @@ int CFileReadThread::ServeTurn(ConnectQueue& conn, CFileReadThreadReqRead* pReq)
     if (!pReq->m_bStarted && PeerIsBehind(conn)) return TURN_WAIT_PEER;
     if (pReq->m_nGetSize == 0) {
         // A transfer heartbeat: the manager has renewed the work already.
-        Log(LOG_LEVEL_DEBUG, "CFileReadThread::ReqFileAgentGet(file transit heartbeat, work id: %u, dst work id: %u, file: %s)",
+        Log(LOG_LEVEL_DEBUG,
+            "CFileReadThread::ReqFileAgentGet(file transit heartbeat, work id: %u, dst work id: %u, file: %s)",
             pReq->m_nSrcWorkId, pReq->m_nDstWorkId, pReq->m_strSrcFile.c_str());
         return TURN_DONE;
     }
@@ -249,7 +250,8 @@ int CFileReadThread::ServeTurn(ConnectQueue& conn, CFileReadThreadReqRead* pReq)
         }
     }
     if (fd < 0) {
-        Log(LOG_LEVEL_WARNING, "CFileReadThread::ReqFileAgentGet(open src file is error, work id: %u, dst work id: %u, errno: %d)",
+        Log(LOG_LEVEL_WARNING,
+            "CFileReadThread::ReqFileAgentGet(open src file is error, work id: %u, dst work id: %u, errno: %d)",
             pReq->m_nSrcWorkId, pReq->m_nDstWorkId, errno);
         SendFileAgentGetFailed(RET_SRC_FILE_UNREADABLE, pReq->m_nDstWorkId, pReq->m_nSrcWorkId, 0);
         return TURN_DONE;
@@ -274,7 +276,9 @@ int CFileReadThread::ServeTurn(ConnectQueue& conn, CFileReadThreadReqRead* pReq)
             m_pReadFileBuf = static_cast<char*>(malloc(nGetSize));
             m_nReadFileBufSize = m_pReadFileBuf == nullptr ? 0 : nGetSize;
             if (m_pReadFileBuf == nullptr) {
-                Log(LOG_LEVEL_WARNING, "CFileReadThread::ReqFileAgentGet(malloc read buf is error, work id: %u, dst work id: %u, buf size: %d, get num: %d)",
+                Log(LOG_LEVEL_WARNING,
+                    "CFileReadThread::ReqFileAgentGet(malloc read buf is error, work id: %u, dst work id: %u, buf "
+                    "size: %d, get num: %d)",
                     pReq->m_nSrcWorkId, pReq->m_nDstWorkId, pReq->m_nGetSize, pReq->m_nGetNum);
                 SendFileAgentGetFailed(RET_READ_BUF_FAILED, pReq->m_nDstWorkId, pReq->m_nSrcWorkId, 0);
                 nTurn = TURN_DONE;
@@ -283,21 +287,29 @@ int CFileReadThread::ServeTurn(ConnectQueue& conn, CFileReadThreadReqRead* pReq)
         }
         ++pReq->m_nCount;
         ++nBlocks;
-        Log(LOG_LEVEL_LOWEST, "CFileReadThread::ReqFileAgentGet(begin read, work id: %u, size: %u)", pReq->m_nSrcWorkId, nGetSize);
+        Log(LOG_LEVEL_LOWEST, "CFileReadThread::ReqFileAgentGet(begin read, work id: %u, size: %u)", pReq->m_nSrcWorkId,
+            nGetSize);
         ssize_t nRead = ReadBlock(fd, m_pReadFileBuf, nGetSize, pReq->m_lOffset);
-        Log(LOG_LEVEL_LOWEST, "CFileReadThread::ReqFileAgentGet(end read, work id: %u, size: %u)", pReq->m_nSrcWorkId, nGetSize);
+        Log(LOG_LEVEL_LOWEST, "CFileReadThread::ReqFileAgentGet(end read, work id: %u, size: %u)", pReq->m_nSrcWorkId,
+            nGetSize);
         if (nRead < 0) {
-            Log(LOG_LEVEL_WARNING, "CFileReadThread::ReqFileAgentGet(read src file is error, work id: %u, dst work id: %u, errno: %d, begin pos: %llu, read size: %d, get num: %d)",
+            Log(LOG_LEVEL_WARNING,
+                "CFileReadThread::ReqFileAgentGet(read src file is error, work id: %u, dst work id: %u, errno: %d, "
+                "begin pos: %llu, read size: %d, get num: %d)",
                 pReq->m_nSrcWorkId, pReq->m_nDstWorkId, errno, pReq->m_lOffset, pReq->m_nGetSize, pReq->m_nGetNum);
-                SendFileAgentGetFailed(RET_SRC_FILE_UNREADABLE, pReq->m_nDstWorkId, pReq->m_nSrcWorkId, pReq->m_nFileAccessBit);
+            SendFileAgentGetFailed(RET_SRC_FILE_UNREADABLE, pReq->m_nDstWorkId, pReq->m_nSrcWorkId,
+                                   pReq->m_nFileAccessBit);
             close(fd);
             return TURN_DONE;
         }
         if (nRead == 0) {
             if (pReq->m_nCount == 1) {
                 // At the end of the file: an empty answer with ret 0 says so.
-                Log(LOG_LEVEL_DEBUG, "CFileReadThread::ReqFileAgentGet(src file is empty, work id: %u, dst work id: %u, begin pos: %llu, file size: %llu, need read size: %d, get num: %d, connect id: %u)",
-                    pReq->m_nSrcWorkId, pReq->m_nDstWorkId, pReq->m_lOffset, lFileSize, pReq->m_nGetSize, pReq->m_nGetNum, m_nNowConnectId);
+                Log(LOG_LEVEL_DEBUG,
+                    "CFileReadThread::ReqFileAgentGet(src file is empty, work id: %u, dst work id: %u, begin pos: "
+                    "%llu, file size: %llu, need read size: %d, get num: %d, connect id: %u)",
+                    pReq->m_nSrcWorkId, pReq->m_nDstWorkId, pReq->m_lOffset, lFileSize, pReq->m_nGetSize,
+                    pReq->m_nGetNum, m_nNowConnectId);
                 SendFileAgentGetFailed(0, pReq->m_nDstWorkId, pReq->m_nSrcWorkId, pReq->m_nFileAccessBit);
                 close(fd);
                 return TURN_DONE;
@@ -314,7 +326,9 @@ int CFileReadThread::ServeTurn(ConnectQueue& conn, CFileReadThreadReqRead* pReq)
     }
     close(fd);
     if (nTurn == TURN_DONE && pReq->m_bStarted) {
-        Log(LOG_LEVEL_DEBUG, "CFileReadThread::ReqFileAgentGet(work id: %u, dst work id: %u, begin pos: %llu, file size: %llu, need read size: %d, get num: %d, real read size: %llu, connect id: %u)",
+        Log(LOG_LEVEL_DEBUG,
+            "CFileReadThread::ReqFileAgentGet(work id: %u, dst work id: %u, begin pos: %llu, file size: %llu, need "
+            "read size: %d, get num: %d, real read size: %llu, connect id: %u)",
             pReq->m_nSrcWorkId, pReq->m_nDstWorkId, pReq->m_lBeginOffset, lFileSize, pReq->m_nGetSize, pReq->m_nGetNum,
             pReq->m_lReadSize, m_nNowConnectId);
     }
@@ -332,10 +346,14 @@ int CFileReadThread::StartRead(CFileReadThreadReqRead* pReq, int fd)
     if (lFileSize < lOffset) {
         if (bPreGet) {
             // A look-ahead beyond the end is no error: it gets no answer.
-            Log(LOG_LEVEL_WARNING, "CFileReadThread::ReqFileAgentGet(pre get, over file size, work id: %u, dst work id: %u, begin pos: %llu, file size: %llu, file: %s)",
+            Log(LOG_LEVEL_WARNING,
+                "CFileReadThread::ReqFileAgentGet(pre get, over file size, work id: %u, dst work id: %u, begin pos: "
+                "%llu, file size: %llu, file: %s)",
                 pReq->m_nSrcWorkId, pReq->m_nDstWorkId, lOffset, lFileSize, pReq->m_strSrcFile.c_str());
         } else {
-            Log(LOG_LEVEL_WARNING, "CFileReadThread::ReqFileAgentGet(begin pos is error, work id: %u, dst work id: %u, begin pos: %llu, file size: %llu)",
+            Log(LOG_LEVEL_WARNING,
+                "CFileReadThread::ReqFileAgentGet(begin pos is error, work id: %u, dst work id: %u, begin pos: %llu, "
+                "file size: %llu)",
                 pReq->m_nSrcWorkId, pReq->m_nDstWorkId, lOffset, lFileSize);
             SendFileAgentGetFailed(RET_BEGIN_POS_BEYOND_END, pReq->m_nDstWorkId, pReq->m_nSrcWorkId, 0);
         }
@@ -343,7 +361,9 @@ int CFileReadThread::StartRead(CFileReadThreadReqRead* pReq, int fd)
     }
     // A block larger than a packet may carry is refused, as one that can't be allocated.
     if (pReq->m_nGetSize < 0 || pReq->m_nGetSize > MAX_GET_SIZE) {
-        Log(LOG_LEVEL_WARNING, "CFileReadThread::ReqFileAgentGet(malloc read buf is error, work id: %u, dst work id: %u, buf size: %d, get num: %d)",
+        Log(LOG_LEVEL_WARNING,
+            "CFileReadThread::ReqFileAgentGet(malloc read buf is error, work id: %u, dst work id: %u, buf size: %d, "
+            "get num: %d)",
             pReq->m_nSrcWorkId, pReq->m_nDstWorkId, pReq->m_nGetSize, pReq->m_nGetNum);
         SendFileAgentGetFailed(RET_READ_BUF_FAILED, pReq->m_nDstWorkId, pReq->m_nSrcWorkId, 0);
         return TURN_DONE;
@@ -395,8 +415,8 @@ void CFileReadThread::SendFileAgentGetOk(unsigned int nDstWorkId, unsigned int n
 void CFileReadThread::SendFileAgentGetFailed(int ret, unsigned int nDstWorkId, unsigned int nSrcWorkId,
                                              unsigned int nFileAccessBit)
 {
-    Log(ret != 0 ? LOG_LEVEL_WARNING : LOG_LEVEL_DEBUG, "CFileReadThread::SendFileAgentGetFailed(ret: %d, work id: %u, append: %d)",
-        ret, nSrcWorkId, m_nNowAppend);
+    Log(ret != 0 ? LOG_LEVEL_WARNING : LOG_LEVEL_DEBUG,
+        "CFileReadThread::SendFileAgentGetFailed(ret: %d, work id: %u, append: %d)", ret, nSrcWorkId, m_nNowAppend);
     RspWorkFileAgentGet rsp;
     rsp.ret = ret;
     rsp.dstWorkId = static_cast<int>(nDstWorkId);

@@ -53,11 +53,11 @@ public:
 
     // Progress, kept while the request waits for its peer.
     bool m_bStarted = false;
-    unsigned long long m_lOffset = 0;      // next block's position
-    unsigned long long m_lBeginOffset = 0; // position asked for
-    int m_nCount = 0;                      // blocks answered
+    unsigned long long m_lOffset = 0;  // next block's position
+    unsigned long long m_lBeginOffset = 0;  // position asked for
+    int m_nCount = 0;  // blocks answered
     unsigned int m_nFileAccessBit = 0;
-    unsigned long long m_lReadSize = 0;    // bytes answered
+    unsigned long long m_lReadSize = 0;  // bytes answered
 };
 
 // The connection is gone: its waiting requests are dropped.
@@ -116,8 +116,7 @@ private:
     void SendFileAgentGetOk(unsigned int nDstWorkId, unsigned int nSrcWorkId, unsigned long long lBeginPos,
                             unsigned long long lTotalSize, char* pBuf, unsigned int nBufSize,
                             unsigned int nFileAccessBit);
-    void SendFileAgentGetFailed(int ret, unsigned int nDstWorkId, unsigned int nSrcWorkId,
-                                unsigned int nFileAccessBit);
+    void SendFileAgentGetFailed(int ret, unsigned int nDstWorkId, unsigned int nSrcWorkId, unsigned int nFileAccessBit);
     template <class T>
     void SendToServer(T& message);
 
@@ -133,7 +132,7 @@ private:
     int m_nNowAppend = 0;
     unsigned int m_nNowConnectId = 0;
     std::map<unsigned int, ConnectQueue> m_mapConnect;  // connections with requests held
-    std::deque<unsigned int> m_deqTurn;                 // their ids, in turn order
+    std::deque<unsigned int> m_deqTurn;  // their ids, in turn order
     std::atomic<size_t> m_nHeld{0};
     time_t m_tLastWork = 0;
 };

@@ -135,7 +135,8 @@ int CFileTransSvrManager::UpdateClientInfo(unsigned int nWorkId, unsigned int nD
     auto it = m_mapWork.find(nWorkId);
     if (it == m_mapWork.end()) {
         Log(LOG_LEVEL_WARNING,
-            "CFileTransSvrManager::UpdateClientInfo(can not find src work id, work id: %u, connect id: %u, we close it)",
+            "CFileTransSvrManager::UpdateClientInfo(can not find src work id, work id: %u, connect id: %u, we close "
+            "it)",
             nWorkId, nConnectId);
         CloseClientOf(nConnectId);
         return -1;
@@ -205,7 +206,8 @@ void CFileTransSvrManager::DealAutoDelete()
     if (mapNoGetData.empty()) return;
     std::map<std::string, int> mapHadGetData;
     for (const auto& pair : m_mapWork) {
-        if (pair.second.nLastGetTime != pair.second.nBeginTime) mapHadGetData[pair.second.strSrcFile + pair.second.strDstIp] = 1;
+        if (pair.second.nLastGetTime != pair.second.nBeginTime)
+            mapHadGetData[pair.second.strSrcFile + pair.second.strDstIp] = 1;
     }
     for (const auto& pair : mapNoGetData) {
         if (mapHadGetData.count(pair.first) != 0) continue;

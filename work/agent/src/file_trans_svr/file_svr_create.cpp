@@ -25,7 +25,7 @@ const size_t MD5_READ_BUF_SIZE = 1048576;
 // Ports below the search's end belong to the system.
 const unsigned short LOWEST_PORT = 1025;
 
-} // namespace
+}  // namespace
 
 void CFileSvrReqCreate::DoReq() { m_pSvrManager->Create(this); }
 void CFileSvrReqDelete::DoReq() { m_pSvrManager->Delete(this); }
@@ -50,8 +50,9 @@ int CFileTransSvrManager::CreateTransSvr(ReqWorkFileSrcCreate* pPacket, const st
     if ((nFlag & FILE_SVR_FLAG_CHECK_DAEMON) && !(nFlag & FILE_SVR_FLAG_CACHE_FILE)) {
         int ret = CheckDaemonMayRead(st, nWorkId);
         if (ret != 0) {
-            Log(LOG_LEVEL_WARNING, "CFileTransSvrManager::CreateTransSvr(denied to open src file, work id: %u, src file: %s)",
-                nWorkId, strSrcFile.c_str());
+            Log(LOG_LEVEL_WARNING,
+                "CFileTransSvrManager::CreateTransSvr(denied to open src file, work id: %u, src file: %s)", nWorkId,
+                strSrcFile.c_str());
             return ret;
         }
     }
@@ -124,8 +125,8 @@ int CFileTransSvrManager::CheckFileMd5(const std::string& strSrcFile, time_t tFi
             errno = EINVAL;
         }
         if (fd < 0) {
-            Log(LOG_LEVEL_WARNING, "CFileTransSvrManager::CreateTransSvr(open src file is error, work id: %u, errno: %d)",
-                nWorkId, errno);
+            Log(LOG_LEVEL_WARNING,
+                "CFileTransSvrManager::CreateTransSvr(open src file is error, work id: %u, errno: %d)", nWorkId, errno);
             return RET_SRC_FILE_UNREADABLE;
         }
         char* pBuf = static_cast<char*>(malloc(MD5_READ_BUF_SIZE));
@@ -144,8 +145,8 @@ int CFileTransSvrManager::CheckFileMd5(const std::string& strSrcFile, time_t tFi
         free(pBuf);
         close(fd);
         if (r < 0) {
-            Log(LOG_LEVEL_WARNING, "CFileTransSvrManager::CreateTransSvr(read src file is error, work id: %u, errno: %d)",
-                nWorkId, nErr);
+            Log(LOG_LEVEL_WARNING,
+                "CFileTransSvrManager::CreateTransSvr(read src file is error, work id: %u, errno: %d)", nWorkId, nErr);
             return RET_SRC_FILE_UNREADABLE;
         }
         md5.finalize();

@@ -24,22 +24,22 @@
 
 // Bits of a source work's flag.
 enum {
-    FILE_SVR_FLAG_QUIET = 0x1,            // no info line at create
+    FILE_SVR_FLAG_QUIET = 0x1,  // no info line at create
     FILE_SVR_FLAG_NO_DELETE_REPLY = 0x40,
     FILE_SVR_FLAG_CREATE2_REPLY = 0x200,  // answer with RspWorkFileSrcCreate2
-    FILE_SVR_FLAG_CACHE_FILE = 0x400,     // a file of the cache: renewed, no permission check
+    FILE_SVR_FLAG_CACHE_FILE = 0x400,  // a file of the cache: renewed, no permission check
     FILE_SVR_FLAG_CHECK_DAEMON = 0x8000,  // the user daemon must be able to read it
 };
 
 // One source work.
 struct FileTransSvr {
     std::string strSrcFile;
-    std::string strDstIp;     // empty if the request gave 0
+    std::string strDstIp;  // empty if the request gave 0
     unsigned int nFlag = 0;
     unsigned int nWorkId = 0;
     unsigned int nDstWorkId = 0;  // learnt from the client's first request
     unsigned int nConnectId = 0;  // the connection that last spoke for it
-    time_t nLastGetTime = 0;      // equal to nBeginTime while no client came
+    time_t nLastGetTime = 0;  // equal to nBeginTime while no client came
     time_t nBeginTime = 0;
     std::string strCacheId;
 };
@@ -85,7 +85,7 @@ public:
 
 private:
     struct FileMd5 {
-        time_t timeModify = 0;    // the file's modification time when it was summed
+        time_t timeModify = 0;  // the file's modification time when it was summed
         time_t timeLastUsed = 0;  // when the entry was made
         std::string strMd5;
     };
