@@ -80,12 +80,11 @@ struct Connection : ConnectInfo {
         sockFd = fd;
         strIp = "peer";
         nPort = 1;
-        pReceiveBuf = static_cast<char*>(malloc(nSize));
-        nReceiveBufLen = nReceiveBufUnusedLen = nSize;
+        AllocReceiveBuf(nSize);
     }
     ~Connection()
     {
-        free(pReceiveBuf);
+        FreeReceiveBuf();
         FreeSendData();
     }
     int Receive(CDataBufferSTLDeque& rev, CNetflowTokenBucket* pBucket = nullptr)

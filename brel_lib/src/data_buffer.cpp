@@ -285,7 +285,47 @@ int CDataBufferSTLDeque::Push3(const void* pBuffer, unsigned int nSize, unsigned
     pData->nAppend = nAppend;
     pData->nClass = nClass;
     memcpy(pData->Payload(), pBuffer, nSize);
+    PushPrivate(pData, nPriority);
+    return 0;
+}
 
+void* CDataBufferSTLDeque::AllocBlock(unsigned int nCapacity)
+{
+    if (nCapacity == 0) return nullptr;
+    unsigned int nClass = 0;
+    BufferData* pData = static_cast<BufferData*>(SparePool().Acquire(sizeof(BufferData) + size_t(nCapacity), nClass));
+    if (pData == nullptr) {
+        Log(LOG_LEVEL_WARNING, "CDataBufferSTLDeque::AllocBlock(malloc buf is error, malloc size: %u)", nCapacity);
+        return nullptr;
+    }
+    // Until the push, the size field holds what was asked for: a block too big
+    // for the pool has no class that would tell its capacity.
+    pData->nSize = nCapacity;
+    pData->nSpeed = 0;
+    pData->nAppend = 0;
+    pData->nClass = nClass;
+    return pData->Payload();
+}
+
+int CDataBufferSTLDeque::PushBlock(void* pBlock, unsigned int nSize, unsigned int nSpeed, int nAppend, int nPriority)
+{
+    if (pBlock == nullptr || nSize == 0) return -1;
+    BufferData* pData = BufferData::FromPayload(pBlock);
+    size_t nCapacity = pData->nClass != 0 ? CSparePool::ClassBytes(pData->nClass) - sizeof(BufferData) : pData->nSize;
+    if (nSize > nCapacity) {
+        Log(LOG_LEVEL_WARNING, "CDataBufferSTLDeque::PushBlock(size is over the block, size: %u, block size: %u)",
+            nSize, static_cast<unsigned int>(nCapacity));
+        return -1;
+    }
+    pData->nSize = nSize;
+    pData->nSpeed = nSpeed;
+    pData->nAppend = nAppend;
+    PushPrivate(pData, nPriority);
+    return 0;
+}
+
+void CDataBufferSTLDeque::PushPrivate(BufferData* pData, int nPriority)
+{
     bool bWake, bRaise = false;
     {
         CAutoLock lock(m_lock);
@@ -299,7 +339,7 @@ int CDataBufferSTLDeque::Push3(const void* pBuffer, unsigned int nSize, unsigned
             RemovePrivate(0, 1);
         }
         (bNormal ? m_deDataBuffer : m_deDataBufferHiPri).push_back(pData);
-        m_lPacketAllSize += nSize;
+        m_lPacketAllSize += pData->nSize;
         // Only the push that finds the event down pays for raising it.
         if (m_bEventWatched && !m_bEventRaised) {
             m_bEventRaised = true;
@@ -309,7 +349,6 @@ int CDataBufferSTLDeque::Push3(const void* pBuffer, unsigned int nSize, unsigned
     }
     if (bWake) pthread_cond_signal(&m_condData);
     if (bRaise) RaiseEventUnlocked();
-    return 0;
 }
 
 // The byte goes in after the lock is released, so that the consumer it wakes
