@@ -79,8 +79,10 @@ void LoopTransfer(unsigned int nBlock)
             if (nSize != nBlock) exit(2);
             CDataBufferSTLDeque::FreePopData(p);
             ++n;
-            std::lock_guard<std::mutex> lock(mutex);
-            lTaken = n;
+            {
+                std::lock_guard<std::mutex> lock(mutex);
+                lTaken = n;
+            }
             cond.notify_one();
         }
     });

@@ -51,6 +51,16 @@ public:
     // queue owns it from then on. On -1 (null, 0 bytes, more than the block
     // holds) the block stays the caller's.
     int PushBlock(void* pBlock, unsigned int nSize, unsigned int nSpeed, int nAppend, int nPriority);
+    // Several blocks from AllocBlock at once, in order, under one lock and
+    // with one wake-up of a waiting taker. Every block must be valid (a
+    // payload of 1 to its capacity bytes); the queue owns them all after.
+    struct BlockItem {
+        void* pBlock;
+        unsigned int nSize;
+        unsigned int nSpeed;
+        int nAppend;
+    };
+    void PushBlocks(const BlockItem* pItems, unsigned int nCount, int nPriority);
 
     // Peek at the first block (owned by the queue until Pop); null if none.
     void* GetFront(unsigned int& nSize, unsigned int nTimeoutMilliSecond);
@@ -107,6 +117,8 @@ private:
                           unsigned int nTimeoutMilliSecond, bool bPop);
     bool WaitForData(unsigned int nTimeoutMilliSecond);
     void PushPrivate(BufferData* pData, int nPriority);
+    void QueuePrivate(BufferData* pData, bool bNormal);
+    void WakeAfterPush(bool bWake, bool bRaise);
     int RemovePrivate(unsigned int nBeginPos, unsigned int nEndPos);
     bool EmptyPrivate() const { return m_deDataBufferHiPri.empty() && m_deDataBuffer.empty(); }
     void RaiseEventPrivate();

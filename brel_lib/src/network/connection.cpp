@@ -105,28 +105,59 @@ bool IsHandedOver(unsigned int nPacketSize, unsigned int nBufLen)
     return nPacketSize >= HAND_OVER_MIN_SIZE && 2ULL * nPacketSize >= nBufLen;
 }
 
-// The receive buffer, holding exactly one packet, becomes the queue's block;
+// The packets of one receive step, queued together when it ends, so that a
+// waiting consumer wakes once for them rather than once for each.
+class CDeliveryBatch {
+public:
+    explicit CDeliveryBatch(CDataBufferSTLDeque& revBuffer) : m_revBuffer(revBuffer) {}
+    ~CDeliveryBatch() { Flush(); }
+    CDeliveryBatch(const CDeliveryBatch&) = delete;
+    CDeliveryBatch& operator=(const CDeliveryBatch&) = delete;
+
+    void Add(void* pBlock, unsigned int nSize, unsigned int nSpeed, int nAppend)
+    {
+        if (m_nCount == MAX_ITEMS) Flush();
+        m_items[m_nCount++] = CDataBufferSTLDeque::BlockItem{pBlock, nSize, nSpeed, nAppend};
+    }
+    void Flush()
+    {
+        m_revBuffer.PushBlocks(m_items, m_nCount, BREL_DATA_NORMAL_PRI);
+        m_nCount = 0;
+    }
+
+private:
+    static const unsigned int MAX_ITEMS = 64;
+    CDataBufferSTLDeque& m_revBuffer;
+    CDataBufferSTLDeque::BlockItem m_items[MAX_ITEMS];
+    unsigned int m_nCount = 0;
+};
+
+// The receive buffer, holding exactly one packet, becomes the packet's block;
 // a fresh one of the same size takes its place. False when no memory is left
 // for it, and the caller copies instead.
-bool HandOverReceiveBuf(ConnectInfo& info, CDataBufferSTLDeque& revBuffer, unsigned int nPacketSize,
-                        unsigned int nSpeed)
+bool HandOverReceiveBuf(ConnectInfo& info, CDeliveryBatch& batch, unsigned int nPacketSize, unsigned int nSpeed)
 {
     char* pNew = static_cast<char*>(CDataBufferSTLDeque::AllocBlock(info.nReceiveBufLen));
     if (pNew == nullptr) return false;
-    if (revBuffer.PushBlock(info.pReceiveBuf, nPacketSize, nSpeed, static_cast<int>(info.nConnectId),
-                            BREL_DATA_NORMAL_PRI) != 0) {
-        CDataBufferSTLDeque::FreePopData(pNew);
-        return false;
-    }
+    batch.Add(info.pReceiveBuf, nPacketSize, nSpeed, static_cast<int>(info.nConnectId));
     info.pReceiveBuf = pNew;
     info.nReceiveBufUnusedLen = info.nReceiveBufLen;
     return true;
 }
 
+// A copy of a packet that shares the receive buffer with others.
+void CopyPacket(const ConnectInfo& info, CDeliveryBatch& batch, const char* pPacket, unsigned int nPacketSize,
+                unsigned int nSpeed)
+{
+    void* pBlock = CDataBufferSTLDeque::AllocBlock(nPacketSize);
+    if (pBlock == nullptr) return;  // logged there; the packet is lost, as a failed push loses it
+    memcpy(pBlock, pPacket, nPacketSize);
+    batch.Add(pBlock, nPacketSize, nSpeed, static_cast<int>(info.nConnectId));
+}
+
 // Takes every whole packet off the front of the receive buffer; what is left
 // of the last one moves to the front once, whatever the number of packets.
-int DeliverPackets(ConnectInfo& info, BrelNetPacketCompleteFun pFunComplete, CDataBufferSTLDeque& revBuffer,
-                   int& nCount)
+int DeliverPackets(ConnectInfo& info, BrelNetPacketCompleteFun pFunComplete, CDeliveryBatch& batch, int& nCount)
 {
     const char* szIp = info.strIp.c_str();
     const unsigned int nTotal = info.nReceiveBufLen - info.nReceiveBufUnusedLen;
@@ -166,10 +197,10 @@ int DeliverPackets(ConnectInfo& info, BrelNetPacketCompleteFun pFunComplete, CDa
         info.lNowPacketBeginRecvTime = lNow;
         info.nLastPacketSize = nSize;
         if (nBegin == 0 && nSize == nTotal && IsHandedOver(nSize, info.nReceiveBufLen) &&
-            HandOverReceiveBuf(info, revBuffer, nSize, nSpeed)) {
+            HandOverReceiveBuf(info, batch, nSize, nSpeed)) {
             return BREL_STEP_OK;
         }
-        revBuffer.Push3(pPacket, nSize, nSpeed, static_cast<int>(info.nConnectId), BREL_DATA_NORMAL_PRI);
+        CopyPacket(info, batch, pPacket, nSize, nSpeed);
         nBegin += nSize;
         if (nBegin < nTotal) {
             Log(LOG_LEVEL_LOWEST,
@@ -230,6 +261,7 @@ int ReceiveAsnBufData(const std::atomic<unsigned int>& nContinue, ConnectInfo& i
     const char* szIp = info.strIp.c_str();
     if (info.ReceiveBufEmpty()) info.lNowPacketBeginRecvTime = GetNowMilliSecond();
     int nCount = 50;  // the budget of packets of this step
+    CDeliveryBatch batch(revBuffer);
     while (nContinue != 0 && nCount >= 0) {
         if (info.nReceiveBufUnusedLen == 0) GrowReceiveBuf(info);
         const unsigned int nWant = ReadSize(info, pFunBrelNetPacketComplete);
@@ -264,7 +296,7 @@ int ReceiveAsnBufData(const std::atomic<unsigned int>& nContinue, ConnectInfo& i
         }
         unsigned int nRead = static_cast<unsigned int>(r);
         info.nReceiveBufUnusedLen -= nRead;
-        int ret = DeliverPackets(info, pFunBrelNetPacketComplete, revBuffer, nCount);
+        int ret = DeliverPackets(info, pFunBrelNetPacketComplete, batch, nCount);
         if (ret != BREL_STEP_OK) return ret;
         if (nRead == nTokenSize && nTokenSize < nWant) {
             Log(LOG_LEVEL_LOWEST,
