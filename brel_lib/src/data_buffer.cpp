@@ -1,7 +1,6 @@
 #include "data_buffer.h"
 
 #include <errno.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
@@ -13,11 +12,9 @@
 #include <sanitizer/asan_interface.h>
 #define SPARE_POISON(p, n) ASAN_POISON_MEMORY_REGION(p, n)
 #define SPARE_UNPOISON(p, n) ASAN_UNPOISON_MEMORY_REGION(p, n)
-#define SPARE_IS_POISONED(p) __asan_address_is_poisoned(p)
 #else
 #define SPARE_POISON(p, n) ((void)(p), (void)(n))
 #define SPARE_UNPOISON(p, n) ((void)(p), (void)(n))
-#define SPARE_IS_POISONED(p) ((void)(p), false)
 #endif
 
 namespace brel_lib {
@@ -102,12 +99,6 @@ public:
         }
         size_t nBytes = ClassBytes(nClass);
         SpareNode* pNode = static_cast<SpareNode*>(p);
-        // A spare block is poisoned past its link: one freed a second time
-        // would join the list twice and later go to two owners.
-        if (SPARE_IS_POISONED(reinterpret_cast<char*>(pNode) + sizeof(SpareNode))) {
-            fprintf(stderr, "CDataBufferSTLDeque::FreePopData(block freed twice: %p)\n", p);
-            abort();
-        }
         SpareNode* pTrimmed = nullptr;
         bool bKept = false;
         {
