@@ -100,7 +100,7 @@ namespace {
 // it a copy costs less than the read that stopping at its end may add.
 const unsigned int HAND_OVER_MIN_SIZE = 16 * 1024;
 
-bool IsHandedOver(unsigned int nPacketSize, unsigned int nBufLen)
+bool IsLargePacket(unsigned int nPacketSize, unsigned int nBufLen)
 {
     return nPacketSize >= HAND_OVER_MIN_SIZE && 2ULL * nPacketSize >= nBufLen;
 }
@@ -196,7 +196,7 @@ int DeliverPackets(ConnectInfo& info, BrelNetPacketCompleteFun pFunComplete, CDe
             nSize, static_cast<int>(lElapsed), nPacketSize, nSpeed, szIp, info.nPort, info.nConnectId);
         info.lNowPacketBeginRecvTime = lNow;
         info.nLastPacketSize = nSize;
-        if (nBegin == 0 && nSize == nTotal && IsHandedOver(nSize, info.nReceiveBufLen) &&
+        if (nBegin == 0 && nSize == nTotal && IsLargePacket(nSize, info.nReceiveBufLen) &&
             HandOverReceiveBuf(info, batch, nSize, nSpeed)) {
             return BREL_STEP_OK;
         }
@@ -248,7 +248,7 @@ unsigned int ReadSize(const ConnectInfo& info, BrelNetPacketCompleteFun pFunComp
         int nLength = asn_packet_length(info.pReceiveBuf, nHeld);
         nExpect = nLength > 0 ? static_cast<unsigned int>(nLength) : 0;
     }
-    if (!IsHandedOver(nExpect, info.nReceiveBufLen) || nExpect <= nHeld) return nFree;
+    if (!IsLargePacket(nExpect, info.nReceiveBufLen) || nExpect <= nHeld) return nFree;
     return nExpect - nHeld < nFree ? nExpect - nHeld : nFree;
 }
 
