@@ -27,7 +27,9 @@ protected:
     void Begin(const std::string& strConfig = "", bool bKeys = false)
     {
         m_pSession = std::make_unique<SessionHarness>("work_history_keep_second = 10\n" + strConfig);
-        if (bKeys) ASSERT_TRUE(MakeRsaKeyPair(S().Path("private.pem"), S().Path("etc/publickey.pem")));
+        if (bKeys) {
+            ASSERT_TRUE(MakeRsaKeyPair(S().Path("private.pem"), S().Path("etc/publickey.pem")));
+        }
         m_pSession->Start();
     }
 
