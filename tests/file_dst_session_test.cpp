@@ -558,4 +558,54 @@ TEST_F(FileDstSession, EncryptedCreatesAndSetActionServeAsThePlainOnes)
     EXPECT_EQ(RetFor<RspWorkFileDstCreate>(82), 0);
 }
 
+// The test peer keeps one connection at a time: the works here come one after the other.
+TEST_F(FileDstSession, TheSweepTimesOutRepeatsSilentGetsAndDropsUnstartedWorks)
+{
+    Begin();
+    // A work whose time runs out: 324.
+    {
+        ReqWorkFileDstCreate req;
+        req.workId = 90;
+        req.srcFile = "/src/file";
+        std::string strDst = S().Path("timed");
+        req.dstPath.Set(strDst.data(), strDst.size());
+        req.srcServerIp = static_cast<int>(Loopback());
+        req.srcServerPort = m_source.Port();
+        req.timeout = 20;
+        S().Send(req, 90);
+    }
+    ASSERT_EQ(CreateRet(90), 0);
+    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(90)), 0);
+    ReqWorkFileAgentGet get;
+    ASSERT_TRUE(WaitGet(get, 1));
+    S().AdvanceClock(25);
+    RspWorkFileDstQuery result;
+    ASSERT_TRUE(Result(90, result));
+    EXPECT_EQ(result.ret.value, 324);
+
+    // A work whose source says nothing: its get is repeated with 5 packets of
+    // 51200 bytes, and after 95 seconds without an answer it fails with 318.
+    SendCreate(91, S().Path("silent"));
+    ASSERT_EQ(CreateRet(91), 0);
+    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(91)), 0);
+    ASSERT_TRUE(WaitGet(get, 2));
+    S().AdvanceClock(35);
+    ASSERT_TRUE(WaitGet(get, 3));
+    EXPECT_EQ(static_cast<unsigned int>(get.dstWorkId.value), 91u);
+    EXPECT_EQ(get.getSize.value, 51200);
+    EXPECT_EQ(get.getNum.value, 5);
+    for (int i = 0; i < 4; ++i) S().AdvanceClock(30);
+    ASSERT_TRUE(Result(91, result));
+    EXPECT_EQ(result.ret.value, 318);
+
+    // A work never started goes after 600 seconds, without a word.
+    SendCreate(92, S().Path("unstarted"));
+    ASSERT_EQ(CreateRet(92), 0);
+    S().AdvanceClock(601);
+    EXPECT_EQ((Ask<ReqWorkFileDstQuery, RspWorkFileDstQuery>(92)), 300);
+    // Meanwhile the finished work has repeated its report for the period.
+    ASSERT_TRUE(Result(90, result, 3000));
+    EXPECT_EQ(result.ret.value, 324);
+}
+
 } // namespace
