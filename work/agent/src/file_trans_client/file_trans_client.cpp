@@ -494,12 +494,6 @@ void CFileTransClientManager::BuildMapConnectIdAndThreadId(unsigned int nWorkId,
     if (it != m_mapWorkIdThreadId.end()) m_mapConnectIdThreadId[nConnectId] = it->second;
 }
 
-size_t CFileTransClientManager::WorkCount()
-{
-    CAutoLock lock(m_lock);
-    return m_mapWorkIdThreadId.size();
-}
-
 void CFileTransClientManager::NetCallback(unsigned int nConnectId, BREL_NET_CALLBACK_TYPE nType, int fd)
 {
     CFileWriteThread* pThread = nullptr;

@@ -52,9 +52,6 @@ public:
     // Network thread of the connecting loop.
     void NetCallback(unsigned int nConnectId, brel_lib::BREL_NET_CALLBACK_TYPE nType, int fd);
 
-    // For tests: works known to the routing map.
-    size_t WorkCount();
-
 private:
     void LoadCfg(bool bFirst);
     void PrintAgentInfo();

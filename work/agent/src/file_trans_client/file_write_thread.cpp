@@ -95,8 +95,6 @@ void CFileWriteThread::AddReq(CFileWriteReqBase* pReq)
     Log(LOG_LEVEL_LOWEST, "CFileWriteThread::AddReq(req deq size: %u, thread id: %d)", m_deqReq.size(), m_nThreadId);
 }
 
-size_t CFileWriteThread::WorkCount() { return m_nWorkCount; }
-
 void CFileWriteThread::Run()
 {
     time_t timePreTestNeedReGetAndAutoDelete = g_timeNow;
@@ -116,7 +114,6 @@ void CFileWriteThread::Run()
                 Log(LOG_LEVEL_LOWEST, "CFileWriteThread::Run(req deq size: %u, thread id: %d)", nLeft, m_nThreadId);
                 pReq->DoReq();
                 delete pReq;
-                m_nWorkCount = m_mapWork.size();
             }
         }
         time_t tNow = g_timeNow;
@@ -124,14 +121,12 @@ void CFileWriteThread::Run()
         if (tNow - timePreTestNeedReGetAndAutoDelete >= SWEEP_SECOND) {
             timePreTestNeedReGetAndAutoDelete = tNow;
             DealReGetAndAutoDelete();
-            m_nWorkCount = m_mapWork.size();
         }
     }
     for (auto& item : m_mapWork)
         if (item.second.nConnectId != 0) m_networkMultiClient.CloseClient(item.second.nConnectId);
     m_mapWork.clear();
     m_mapWorkMasterSlave.clear();
-    m_nWorkCount = 0;
     m_packetBuf.Allocate(0);
     CAutoLock lock(m_lock);
     while (!m_deqReq.empty()) {
@@ -206,7 +201,6 @@ FileTransClient& CFileWriteThread::MakeWork(const CFileWriteReqCreate& req)
     task.nNowAllGetNum = task.nNowInGetNum = g_nGetNumPerReq;
     task.nNowGetSize = g_nGetSizePerReq;
     task.nBeginTime = task.nEndTime = g_timeNow;
-    m_nWorkCount = m_mapWork.size();
     return task;
 }
 

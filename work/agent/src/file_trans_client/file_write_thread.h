@@ -56,9 +56,6 @@ public:
     void FinishWork(FileTransClient& task, int nRet);
     void DealReGetAndAutoDelete();
 
-    // For tests: the works of this thread.
-    size_t WorkCount();
-
 private:
     void SetNowFrom(const FileWriteReqRoute& req);
     void SetNowFrom(const FileTransClient& task);
@@ -117,7 +114,6 @@ private:
     unsigned int m_nWorkFailedCount = 0;
     unsigned long long m_lAllGetSize = 0;
     time_t m_timeLastTaskEnd = 0;
-    std::atomic<size_t> m_nWorkCount{0};
 };
 
 extern const char* const g_strFileTransClientInfo;
