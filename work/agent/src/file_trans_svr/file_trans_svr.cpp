@@ -155,7 +155,7 @@ void CFileTransSvrManager::Run()
     LoadCfg(true);
     m_bPrintAgentInfo = false;
     for (unsigned int i = 0; i < m_nMaxFileReadThread; ++i) {
-        auto* pThread = new CFileReadThread(m_sendDataBuffer);
+        auto* pThread = new CFileReadThread(m_sendDataBuffer, &m_networkServer);
         int ret = pThread->Start();
         if (ret != 0) {
             Log(LOG_LEVEL_ERROR, "CFileTransSvrManager::Run(start read thread is error, ret: %d)", ret);
