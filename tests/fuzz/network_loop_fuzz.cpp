@@ -3,6 +3,7 @@
 // connection after the peer's half-close (or earlier, on a broken stream),
 // within a bound, without crashing or leaking, and keep serving afterwards.
 #include <arpa/inet.h>
+#include <errno.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <stddef.h>
@@ -87,7 +88,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t nSize)
     char buf[65536];
     while (true) {
         pollfd p{fd, POLLIN, 0};
-        if (poll(&p, 1, 10000) != 1) __builtin_trap();
+        int nReady = poll(&p, 1, 10000);
+        if (nReady < 0 && errno == EINTR) continue;  // libFuzzer's timer signal
+        if (nReady != 1) __builtin_trap();
         ssize_t n = read(fd, buf, sizeof(buf));
         if (n <= 0) break;
     }
