@@ -3,7 +3,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "data_buffer.h"
@@ -80,12 +82,11 @@ struct Connection : ConnectInfo {
         sockFd = fd;
         strIp = "peer";
         nPort = 1;
-        pReceiveBuf = static_cast<char*>(malloc(nSize));
-        nReceiveBufLen = nReceiveBufUnusedLen = nSize;
+        AllocReceiveBuf(nSize);
     }
     ~Connection()
     {
-        free(pReceiveBuf);
+        FreeReceiveBuf();
         FreeSendData();
     }
     int Receive(CDataBufferSTLDeque& rev, CNetflowTokenBucket* pBucket = nullptr)
@@ -203,6 +204,217 @@ TEST(ReceiveStep, BadStreamLimitAndClose)
         EXPECT_EQ(conn.Receive(rev), BREL_STEP_PEER_CLOSED);
         EXPECT_EQ(conn.nReceiveBufLen - conn.nReceiveBufUnusedLen, 3u);  // the rest stays in the buffer
     }
+}
+
+// The length as soon as the head is in, for a reader that stops at a packet's end.
+TEST(Framing, LengthFromTheHead)
+{
+    auto Length = [](const std::vector<unsigned char>& v) {
+        return asn_packet_length(v.data(), static_cast<unsigned int>(v.size()));
+    };
+    EXPECT_EQ(Length({}), 0);
+    EXPECT_EQ(Length({0x30}), 0);
+    EXPECT_EQ(Length({0x31, 0x00}), -1);
+    EXPECT_EQ(Length({0x30, 0x05}), 7);
+    EXPECT_EQ(Length({0x30, 0x80}), 130);
+    EXPECT_EQ(Length({0x30, 0x84, 0x00, 0x01}), 0);  // head incomplete
+    EXPECT_EQ(Length({0x30, 0x84, 0x00, 0x01, 0x00, 0x00}), 6 + 65536);
+    EXPECT_EQ(Length({0x30, 0x85, 0, 0, 0, 0, 1}), -1);
+    EXPECT_EQ(Length({0x30, 0x84, 0x08, 0x00, 0x00, 0x00}), -1);  // above the largest packet
+    EXPECT_EQ(Length({0x30, 0x84, 0x07, 0xff, 0xff, 0xfa}), static_cast<int>(MAX_LEN));
+}
+
+// A packet of nTotal bytes in all whose content tells where it sits.
+std::vector<unsigned char> PatternPacket(unsigned int nTotal, unsigned int nSeed)
+{
+    std::vector<unsigned char> p(nTotal);
+    unsigned int nContent = nTotal - 6;
+    p[0] = 0x30;
+    p[1] = 0x84;
+    for (int i = 0; i < 4; ++i) p[2 + i] = static_cast<unsigned char>(nContent >> (24 - 8 * i));
+    for (unsigned int i = 6; i < nTotal; ++i) p[i] = static_cast<unsigned char>(i * 31 + nSeed);
+    return p;
+}
+
+// Takes one packet; its block's address in pBlock.
+std::vector<unsigned char> TakeOne(CDataBufferSTLDeque& rev, const void** pBlock = nullptr)
+{
+    unsigned int nSize = 0;
+    char* p = static_cast<char*>(rev.GetFrontAndPop(nSize, 0));
+    if (pBlock != nullptr) *pBlock = p;
+    std::vector<unsigned char> v;
+    if (p != nullptr) v.assign(p, p + nSize);
+    CDataBufferSTLDeque::FreePopData(p);
+    return v;
+}
+
+// Receives until nPackets have arrived from a writer thread, or 20 s have passed.
+std::vector<std::vector<unsigned char>> ReceiveFromWriter(Connection& conn, int fdWrite,
+                                                          const std::vector<unsigned char>& stream, size_t nPackets)
+{
+    CDataBufferSTLDeque rev(false, 0);
+    std::thread writer([&] {
+        for (size_t nDone = 0; nDone < stream.size();) {
+            ssize_t n = write(fdWrite, stream.data() + nDone, stream.size() - nDone);
+            if (n > 0) nDone += static_cast<size_t>(n);
+            else if (n < 0 && errno != EAGAIN) return;
+            else usleep(200);
+        }
+    });
+    std::vector<std::vector<unsigned char>> got;
+    for (int i = 0; i < 100000 && got.size() < nPackets; ++i) {
+        int ret = conn.Receive(rev);
+        EXPECT_TRUE(ret == 0 || ret == BREL_STEP_BUDGET) << ret;
+        if (ret != 0 && ret != BREL_STEP_BUDGET) break;
+        for (auto& p : TakeAll(rev)) got.push_back(std::move(p));
+        if (got.size() < nPackets) usleep(200);
+    }
+    writer.join();
+    return got;
+}
+
+TEST(ReceiveStep, PacketFillingTheBufferIsHandedOverInIt)
+{
+    SocketPair sp;
+    CDataBufferSTLDeque rev(false, 0);
+    const unsigned int nBuf = 64 * 1024;
+    Connection conn(sp.fd[0], nBuf);
+    std::vector<unsigned char> big = PatternPacket(nBuf, 1);
+    ASSERT_TRUE(WriteAll(sp.fd[1], big));
+    const char* pBefore = conn.pReceiveBuf;
+    EXPECT_EQ(conn.Receive(rev), 0);
+    const void* pBlock = nullptr;
+    EXPECT_EQ(TakeOne(rev, &pBlock), big);
+    EXPECT_EQ(pBlock, pBefore);  // no copy: the buffer itself
+    EXPECT_NE(conn.pReceiveBuf, pBefore);
+    EXPECT_EQ(conn.nReceiveBufLen, nBuf);
+    EXPECT_TRUE(conn.ReceiveBufEmpty());
+}
+
+TEST(ReceiveStep, ReadStopsAtTheEndOfALargePacketOnceItsLengthIsKnown)
+{
+    SocketPair sp;
+    CDataBufferSTLDeque rev(false, 0);
+    Connection conn(sp.fd[0], 64 * 1024);
+    // The first read takes the first packet and the head of the second: the
+    // first is copied out; the second's length is known from then on.
+    std::vector<unsigned char> a = PatternPacket(40000, 3), b = PatternPacket(40000, 4);
+    std::vector<unsigned char> ab = a;
+    ab.insert(ab.end(), b.begin(), b.begin() + 30000);
+    ASSERT_TRUE(WriteAll(sp.fd[1], ab));
+    EXPECT_EQ(conn.Receive(rev), 0);
+    EXPECT_EQ(TakeOne(rev), a);
+    EXPECT_EQ(conn.nReceiveBufLen - conn.nReceiveBufUnusedLen, 30000u);  // all of b that came
+    // The rest of b and a third packet: the read ends with b, which goes over in the buffer.
+    std::vector<unsigned char> c = PatternPacket(20000, 5);
+    ASSERT_TRUE(WriteAll(sp.fd[1], std::vector<unsigned char>(b.begin() + 30000, b.end())));
+    const char* pBefore = conn.pReceiveBuf;
+    ASSERT_TRUE(WriteAll(sp.fd[1], c));
+    EXPECT_EQ(conn.Receive(rev), 0);
+    const void* pBlock = nullptr;
+    EXPECT_EQ(TakeOne(rev, &pBlock), b);
+    EXPECT_EQ(pBlock, pBefore);
+    EXPECT_EQ(TakeOne(rev), c);
+    EXPECT_TRUE(rev.Empty());
+
+    // At a packet's start the read stops where a packet as large as the last
+    // large one would end: a small packet behind it in the same write does not
+    // keep it from going over in the buffer.
+    std::vector<unsigned char> d = PatternPacket(40000, 6), e = PatternPacket(40000, 7), small = FramedPacket(10, 's');
+    ASSERT_TRUE(WriteAll(sp.fd[1], d));
+    EXPECT_EQ(conn.Receive(rev), 0);
+    EXPECT_EQ(TakeOne(rev), d);
+    std::vector<unsigned char> both = e;
+    both.insert(both.end(), small.begin(), small.end());
+    ASSERT_TRUE(WriteAll(sp.fd[1], both));
+    pBefore = conn.pReceiveBuf;
+    EXPECT_EQ(conn.Receive(rev), 0);
+    EXPECT_EQ(TakeOne(rev, &pBlock), e);
+    EXPECT_EQ(pBlock, pBefore);
+    EXPECT_EQ(TakeOne(rev), small);
+    EXPECT_TRUE(conn.ReceiveBufEmpty());
+}
+
+TEST(ReceiveStep, PacketLargerThanTheBufferGrowsItAndArrivesWhole)
+{
+    {
+        SocketPair sp;
+        Connection conn(sp.fd[0], 16 * 1024);
+        std::vector<unsigned char> big = PatternPacket(100000, 6), small = FramedPacket(7, 't');
+        std::vector<unsigned char> stream = big;
+        stream.insert(stream.end(), small.begin(), small.end());
+        std::vector<std::vector<unsigned char>> got = ReceiveFromWriter(conn, sp.fd[1], stream, 2);
+        ASSERT_EQ(got.size(), 2u);
+        EXPECT_EQ(got[0], big);
+        EXPECT_EQ(got[1], small);
+        EXPECT_EQ(conn.nReceiveBufLen, 128u * 1024);  // doubled as far as the packet needed
+        EXPECT_TRUE(conn.ReceiveBufEmpty());
+    }
+    {
+        // Beyond the spare pool's largest size class.
+        SocketPair sp;
+        Connection conn(sp.fd[0], 64 * 1024);
+        std::vector<unsigned char> huge = PatternPacket(5u << 20, 7), after = PatternPacket(30000, 8);
+        std::vector<unsigned char> stream = huge;
+        stream.insert(stream.end(), after.begin(), after.end());
+        std::vector<std::vector<unsigned char>> got = ReceiveFromWriter(conn, sp.fd[1], stream, 2);
+        ASSERT_EQ(got.size(), 2u);
+        EXPECT_TRUE(got[0] == huge);
+        EXPECT_TRUE(got[1] == after);
+        EXPECT_EQ(conn.nReceiveBufLen, 8u << 20);
+    }
+}
+
+// Packets of every kind of size, cut into pieces at random places: each
+// arrives whole and in order, whatever went over in the buffer and whatever was copied.
+TEST(ReceiveStep, MixedSizesInRandomPiecesArriveWholeAndInOrder)
+{
+    std::mt19937 rng(16);
+    std::vector<std::vector<unsigned char>> packets;
+    std::vector<unsigned char> stream;
+    const unsigned int sizes[] = {7, 40000, 40000, 12, 65536, 65536, 65535, 16384, 16383, 100000, 8, 32768, 32769};
+    for (int nRound = 0; nRound < 4; ++nRound) {
+        for (unsigned int nSize : sizes) packets.push_back(PatternPacket(nSize, static_cast<unsigned int>(packets.size())));
+        // A run of small packets, many to a read.
+        for (int i = 0; i < 2000; ++i) packets.push_back(FramedPacket(i % 30, static_cast<unsigned char>(i)));
+    }
+    for (auto& p : packets) stream.insert(stream.end(), p.begin(), p.end());
+
+    SocketPair sp;
+    CDataBufferSTLDeque rev(false, 0);
+    Connection conn(sp.fd[0], 64 * 1024);
+    std::vector<std::vector<unsigned char>> got;
+    for (size_t nDone = 0; nDone < stream.size();) {
+        size_t nPiece = std::min<size_t>(stream.size() - nDone, 1 + rng() % 90000);
+        ASSERT_TRUE(WriteAll(sp.fd[1], std::vector<unsigned char>(stream.begin() + nDone, stream.begin() + nDone + nPiece)));
+        nDone += nPiece;
+        int ret;
+        do {
+            ret = conn.Receive(rev);
+        } while (ret == BREL_STEP_BUDGET);
+        ASSERT_EQ(ret, 0);
+        for (auto& p : TakeAll(rev)) got.push_back(std::move(p));
+    }
+    ASSERT_EQ(got.size(), packets.size());
+    for (size_t i = 0; i < packets.size(); ++i) ASSERT_TRUE(got[i] == packets[i]) << "packet " << i;
+    EXPECT_TRUE(conn.ReceiveBufEmpty());
+}
+
+// A large packet read up to its end is whole and goes; a bad byte behind it
+// still condemns the stream at the next read.
+TEST(ReceiveStep, BadByteAfterALargePacketStillFailsTheStream)
+{
+    SocketPair sp;
+    CDataBufferSTLDeque rev(false, 0);
+    Connection conn(sp.fd[0], 64 * 1024);
+    std::vector<unsigned char> a = PatternPacket(40000, 9);
+    ASSERT_TRUE(WriteAll(sp.fd[1], a));
+    EXPECT_EQ(conn.Receive(rev), 0);
+    EXPECT_EQ(TakeOne(rev), a);
+    std::vector<unsigned char> b = PatternPacket(40000, 10);
+    b.push_back(0x31);
+    ASSERT_TRUE(WriteAll(sp.fd[1], b));
+    EXPECT_EQ(conn.Receive(rev), BREL_STEP_BAD_STREAM);
 }
 
 TEST(SendStep, PartialWritesContinueAtTheRightByte)

@@ -1,6 +1,8 @@
 // The queue of byte blocks between threads: a high-priority line served first
 // and a normal line that may drop its oldest block at a limit. A push copies;
-// a take hands over the block itself, freed later with FreePopData.
+// a take hands over the block itself, freed later with FreePopData. A
+// producer that can build its data in place takes a block with AllocBlock
+// and queues it with PushBlock, which copies nothing.
 //
 // The event's descriptor is readable while the queue holds a block: raised by
 // the push that finds the queue empty, cleared by the take that empties it, so
@@ -40,6 +42,25 @@ public:
     int Push(const void* pBuffer, unsigned int nSize, int nPriority);
     int Push2(const void* pBuffer, unsigned int nSize, int nAppend, int nPriority);
     int Push3(const void* pBuffer, unsigned int nSize, unsigned int nSpeed, int nAppend, int nPriority);
+
+    // A block for at least nCapacity bytes, filled by the caller and then
+    // queued with PushBlock, or given back with FreePopData. Any thread; null
+    // for 0 or no memory.
+    static void* AllocBlock(unsigned int nCapacity);
+    // Queues a block from AllocBlock holding nSize bytes, without a copy; the
+    // queue owns it from then on. On -1 (null, 0 bytes, more than the block
+    // holds) the block stays the caller's.
+    int PushBlock(void* pBlock, unsigned int nSize, unsigned int nSpeed, int nAppend, int nPriority);
+    // Several blocks from AllocBlock at once, in order, under one lock and
+    // with one wake-up of a waiting taker. Every block must be valid (a
+    // payload of 1 to its capacity bytes); the queue owns them all after.
+    struct BlockItem {
+        void* pBlock;
+        unsigned int nSize;
+        unsigned int nSpeed;
+        int nAppend;
+    };
+    void PushBlocks(const BlockItem* pItems, unsigned int nCount, int nPriority);
 
     // Peek at the first block (owned by the queue until Pop); null if none.
     void* GetFront(unsigned int& nSize, unsigned int nTimeoutMilliSecond);
@@ -95,6 +116,9 @@ private:
     void* GetFrontPrivate(unsigned int& nSize, unsigned int& nSpeed, int& nAppend,
                           unsigned int nTimeoutMilliSecond, bool bPop);
     bool WaitForData(unsigned int nTimeoutMilliSecond);
+    void PushPrivate(BufferData* pData, int nPriority);
+    void QueuePrivate(BufferData* pData, bool bNormal);
+    void WakeAfterPush(bool bWake, bool bRaise);
     int RemovePrivate(unsigned int nBeginPos, unsigned int nEndPos);
     bool EmptyPrivate() const { return m_deDataBufferHiPri.empty() && m_deDataBuffer.empty(); }
     void RaiseEventPrivate();

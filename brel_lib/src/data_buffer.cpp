@@ -285,31 +285,102 @@ int CDataBufferSTLDeque::Push3(const void* pBuffer, unsigned int nSize, unsigned
     pData->nAppend = nAppend;
     pData->nClass = nClass;
     memcpy(pData->Payload(), pBuffer, nSize);
+    PushPrivate(pData, nPriority);
+    return 0;
+}
 
-    bool bWake, bRaise = false;
+void* CDataBufferSTLDeque::AllocBlock(unsigned int nCapacity)
+{
+    if (nCapacity == 0) return nullptr;
+    unsigned int nClass = 0;
+    BufferData* pData = static_cast<BufferData*>(SparePool().Acquire(sizeof(BufferData) + size_t(nCapacity), nClass));
+    if (pData == nullptr) {
+        Log(LOG_LEVEL_WARNING, "CDataBufferSTLDeque::AllocBlock(malloc buf is error, malloc size: %u)", nCapacity);
+        return nullptr;
+    }
+    // Until the push, the size field holds what was asked for: a block too big
+    // for the pool has no class that would tell its capacity.
+    pData->nSize = nCapacity;
+    pData->nSpeed = 0;
+    pData->nAppend = 0;
+    pData->nClass = nClass;
+    return pData->Payload();
+}
+
+int CDataBufferSTLDeque::PushBlock(void* pBlock, unsigned int nSize, unsigned int nSpeed, int nAppend, int nPriority)
+{
+    if (pBlock == nullptr || nSize == 0) return -1;
+    BufferData* pData = BufferData::FromPayload(pBlock);
+    size_t nCapacity = pData->nClass != 0 ? CSparePool::ClassBytes(pData->nClass) - sizeof(BufferData) : pData->nSize;
+    if (nSize > nCapacity) {
+        Log(LOG_LEVEL_WARNING, "CDataBufferSTLDeque::PushBlock(size is over the block, size: %u, block size: %u)",
+            nSize, static_cast<unsigned int>(nCapacity));
+        return -1;
+    }
+    pData->nSize = nSize;
+    pData->nSpeed = nSpeed;
+    pData->nAppend = nAppend;
+    PushPrivate(pData, nPriority);
+    return 0;
+}
+
+void CDataBufferSTLDeque::PushPrivate(BufferData* pData, int nPriority)
+{
+    bool bWake, bRaise;
     {
         CAutoLock lock(m_lock);
-        bool bNormal = nPriority == BREL_DATA_NORMAL_PRI;
-        if (bNormal && m_nPacketNumToDel != 0 && m_deDataBuffer.size() >= m_nPacketNumToDel) {
-            // Shed the oldest traffic rather than refuse the newest.
-            Log(LOG_LEVEL_DEBUG,
-                "CDataBufferSTLDeque::Push(now data buf size is over the max size, we remove the first data, now "
-                "data buf size: %u)",
-                static_cast<unsigned int>(m_deDataBuffer.size()));
-            RemovePrivate(0, 1);
-        }
-        (bNormal ? m_deDataBuffer : m_deDataBufferHiPri).push_back(pData);
-        m_lPacketAllSize += nSize;
-        // Only the push that finds the event down pays for raising it.
-        if (m_bEventWatched && !m_bEventRaised) {
-            m_bEventRaised = true;
-            bRaise = true;
-        }
+        QueuePrivate(pData, nPriority == BREL_DATA_NORMAL_PRI);
+        bRaise = m_bEventWatched && !m_bEventRaised;
+        if (bRaise) m_bEventRaised = true;  // only the push that finds the event down pays for raising it
         bWake = m_nWaiters > 0;
     }
+    WakeAfterPush(bWake, bRaise);
+}
+
+void CDataBufferSTLDeque::PushBlocks(const BlockItem* pItems, unsigned int nCount, int nPriority)
+{
+    if (nCount == 0) return;
+    bool bWake, bRaise;
+    {
+        CAutoLock lock(m_lock);
+        for (unsigned int i = 0; i < nCount; ++i) {
+            BufferData* pData = BufferData::FromPayload(pItems[i].pBlock);
+            pData->nSize = pItems[i].nSize;
+            pData->nSpeed = pItems[i].nSpeed;
+            pData->nAppend = pItems[i].nAppend;
+            QueuePrivate(pData, nPriority == BREL_DATA_NORMAL_PRI);
+        }
+        bRaise = m_bEventWatched && !m_bEventRaised;
+        if (bRaise) m_bEventRaised = true;
+        bWake = m_nWaiters > 0;
+    }
+    // Several takers may wait, and there is a block for each of them.
+    if (bWake && nCount > 1) {
+        pthread_cond_broadcast(&m_condData);
+        bWake = false;
+    }
+    WakeAfterPush(bWake, bRaise);
+}
+
+// With the lock held: the block goes to the end of its line.
+void CDataBufferSTLDeque::QueuePrivate(BufferData* pData, bool bNormal)
+{
+    if (bNormal && m_nPacketNumToDel != 0 && m_deDataBuffer.size() >= m_nPacketNumToDel) {
+        // Shed the oldest traffic rather than refuse the newest.
+        Log(LOG_LEVEL_DEBUG,
+            "CDataBufferSTLDeque::Push(now data buf size is over the max size, we remove the first data, now "
+            "data buf size: %u)",
+            static_cast<unsigned int>(m_deDataBuffer.size()));
+        RemovePrivate(0, 1);
+    }
+    (bNormal ? m_deDataBuffer : m_deDataBufferHiPri).push_back(pData);
+    m_lPacketAllSize += pData->nSize;
+}
+
+void CDataBufferSTLDeque::WakeAfterPush(bool bWake, bool bRaise)
+{
     if (bWake) pthread_cond_signal(&m_condData);
     if (bRaise) RaiseEventUnlocked();
-    return 0;
 }
 
 // The byte goes in after the lock is released, so that the consumer it wakes

@@ -1,5 +1,6 @@
 // libFuzzer target: the stream framing on any bytes, whole and cut into the
-// pieces a socket may deliver; packets must tile the stream exactly.
+// pieces a socket may deliver; packets must tile the stream exactly, each as
+// long as its head says.
 #include <stddef.h>
 #include <stdint.h>
 
@@ -16,6 +17,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t nSize)
         int n = brel_lib::asn_packet_complete(input.data() + nPos, nLeft);
         if (n <= 0) break;
         if (static_cast<unsigned int>(n) > nLeft || n < 2) __builtin_trap();
+        // The length a reader stops at is the length the framing finds.
+        if (brel_lib::asn_packet_length(input.data() + nPos, nLeft) != n) __builtin_trap();
         // A packet of four bytes or more is complete on its own too.
         if (n >= 4 && brel_lib::asn_packet_complete(input.data() + nPos, static_cast<unsigned int>(n)) != n) {
             __builtin_trap();

@@ -32,7 +32,9 @@ struct BufDeq {
 
 // The state of one connection, owned by the thread of its loop; no lock. A
 // plain record: the owner allocates the receive buffer and releases what it
-// holds (FreeSendData, free of pReceiveBuf, close of sockFd).
+// holds (FreeSendData, FreeReceiveBuf, close of sockFd). The receive buffer
+// is a block of the queues' pool, so that a large packet that fills it goes
+// to the receive queue as it is and a fresh buffer takes its place.
 struct ConnectInfo {
     unsigned int nConnectId = 0;  // never 0 in the multi-connection loops; the descriptor on the link
     int sockFd = -1;              // non-blocking
@@ -45,6 +47,7 @@ struct ConnectInfo {
     char* pReceiveBuf = nullptr;
     unsigned int nReceiveBufLen = 0;
     unsigned int nReceiveBufUnusedLen = 0;
+    unsigned int nLastPacketSize = 0;  // of the last packet received, the likely size of the next
     // The block being sent, as taken from a send buffer, and how much of it is out.
     char* pSendData = nullptr;
     unsigned int nSendDataLen = 0;
@@ -57,6 +60,10 @@ struct ConnectInfo {
     bool ReceiveBufEmpty() const { return nReceiveBufUnusedLen == nReceiveBufLen; }
     // Drops a partly received packet; the buffer keeps its size.
     void EmptyReceiveBuf() { nReceiveBufUnusedLen = nReceiveBufLen; }
+    // An empty receive buffer of nSize bytes in place of the one held; false
+    // (and the old one kept) when there is no memory.
+    bool AllocReceiveBuf(unsigned int nSize);
+    void FreeReceiveBuf();
     // Gives back the block being sent and every block behind it.
     void FreeSendData();
 };
@@ -78,8 +85,9 @@ int SendAsnBufData(const std::atomic<unsigned int>& nContinue, ConnectInfo& info
                    CNetflowTokenBucket* pTokenBucket);
 
 // Reads what the socket has and pushes each whole packet to revBuffer, with
-// the connection id as append and the measured speed. A positive result is
-// errno of the read.
+// the connection id as append and the measured speed. Under the BER framing
+// a read stops at the end of a large packet, which then goes to revBuffer in
+// the receive buffer itself. A positive result is errno of the read.
 int ReceiveAsnBufData(const std::atomic<unsigned int>& nContinue, ConnectInfo& info,
                       BrelNetPacketCompleteFun pFunBrelNetPacketComplete, CDataBufferSTLDeque& revBuffer,
                       CNetflowTokenBucket* pTokenBucket);

@@ -101,7 +101,7 @@ protected:
     int AddSpecialFdToEpoll(ConnectInfo* pInfo, int fd, int epfd);
     void ModifyInfoEpollFlag(int epfd, ConnectInfo& info, uint32_t nEvent);
     void Notify(unsigned int nConnectId, BREL_NET_CALLBACK_TYPE type, int fd);
-    // A fresh receive buffer of the default size, or null.
+    // A fresh receive buffer of the default size (a block of the queues' pool), or null.
     char* NewReceiveBuf() const;
 
     CDataBufferSTLDeque& m_revBuffer;

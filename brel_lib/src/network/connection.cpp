@@ -21,6 +21,23 @@ void ConnectInfo::FreeSendData()
     deqSend.clear();
 }
 
+bool ConnectInfo::AllocReceiveBuf(unsigned int nSize)
+{
+    char* pNew = static_cast<char*>(CDataBufferSTLDeque::AllocBlock(nSize));
+    if (pNew == nullptr) return false;
+    FreeReceiveBuf();
+    pReceiveBuf = pNew;
+    nReceiveBufLen = nReceiveBufUnusedLen = nSize;
+    return true;
+}
+
+void ConnectInfo::FreeReceiveBuf()
+{
+    CDataBufferSTLDeque::FreePopData(pReceiveBuf);
+    pReceiveBuf = nullptr;
+    nReceiveBufLen = nReceiveBufUnusedLen = 0;
+}
+
 int SendAsnBufData(const std::atomic<unsigned int>& nContinue, ConnectInfo& info, CDataBufferSTLDeque& sendBuffer,
                    CNetflowTokenBucket* pTokenBucket)
 {
@@ -78,18 +95,83 @@ int SendAsnBufData(const std::atomic<unsigned int>& nContinue, ConnectInfo& info
 
 namespace {
 
-// Takes every whole packet off the front of the receive buffer.
-int DeliverPackets(ConnectInfo& info, BrelNetPacketCompleteFun pFunComplete, CDataBufferSTLDeque& revBuffer,
-                   int& nCount)
+// A packet at least this large, and filling at least half of the receive
+// buffer, is read up to its end and handed over in the buffer itself; below
+// it a copy costs less than the read that stopping at its end may add.
+const unsigned int HAND_OVER_MIN_SIZE = 16 * 1024;
+
+bool IsLargePacket(unsigned int nPacketSize, unsigned int nBufLen)
+{
+    return nPacketSize >= HAND_OVER_MIN_SIZE && 2ULL * nPacketSize >= nBufLen;
+}
+
+// The packets of one receive step, queued together when it ends, so that a
+// waiting consumer wakes once for them rather than once for each.
+class CDeliveryBatch {
+public:
+    explicit CDeliveryBatch(CDataBufferSTLDeque& revBuffer) : m_revBuffer(revBuffer) {}
+    ~CDeliveryBatch() { Flush(); }
+    CDeliveryBatch(const CDeliveryBatch&) = delete;
+    CDeliveryBatch& operator=(const CDeliveryBatch&) = delete;
+
+    void Add(void* pBlock, unsigned int nSize, unsigned int nSpeed, int nAppend)
+    {
+        if (m_nCount == MAX_ITEMS) Flush();
+        m_items[m_nCount++] = CDataBufferSTLDeque::BlockItem{pBlock, nSize, nSpeed, nAppend};
+    }
+    void Flush()
+    {
+        m_revBuffer.PushBlocks(m_items, m_nCount, BREL_DATA_NORMAL_PRI);
+        m_nCount = 0;
+    }
+
+private:
+    static const unsigned int MAX_ITEMS = 64;
+    CDataBufferSTLDeque& m_revBuffer;
+    CDataBufferSTLDeque::BlockItem m_items[MAX_ITEMS];
+    unsigned int m_nCount = 0;
+};
+
+// The receive buffer, holding exactly one packet, becomes the packet's block;
+// a fresh one of the same size takes its place. False when no memory is left
+// for it, and the caller copies instead.
+bool HandOverReceiveBuf(ConnectInfo& info, CDeliveryBatch& batch, unsigned int nPacketSize, unsigned int nSpeed)
+{
+    char* pNew = static_cast<char*>(CDataBufferSTLDeque::AllocBlock(info.nReceiveBufLen));
+    if (pNew == nullptr) return false;
+    batch.Add(info.pReceiveBuf, nPacketSize, nSpeed, static_cast<int>(info.nConnectId));
+    info.pReceiveBuf = pNew;
+    info.nReceiveBufUnusedLen = info.nReceiveBufLen;
+    return true;
+}
+
+// A copy of a packet that shares the receive buffer with others.
+void CopyPacket(const ConnectInfo& info, CDeliveryBatch& batch, const char* pPacket, unsigned int nPacketSize,
+                unsigned int nSpeed)
+{
+    void* pBlock = CDataBufferSTLDeque::AllocBlock(nPacketSize);
+    if (pBlock == nullptr) return;  // logged there; the packet is lost, as a failed push loses it
+    memcpy(pBlock, pPacket, nPacketSize);
+    batch.Add(pBlock, nPacketSize, nSpeed, static_cast<int>(info.nConnectId));
+}
+
+// Takes every whole packet off the front of the receive buffer; what is left
+// of the last one moves to the front once, whatever the number of packets.
+int DeliverPackets(ConnectInfo& info, BrelNetPacketCompleteFun pFunComplete, CDeliveryBatch& batch, int& nCount)
 {
     const char* szIp = info.strIp.c_str();
-    while (true) {
-        unsigned int nHeld = info.nReceiveBufLen - info.nReceiveBufUnusedLen;
-        int nPacketSize = pFunComplete != nullptr ? pFunComplete(info.pReceiveBuf, nHeld) : static_cast<int>(nHeld);
-        if (nPacketSize < 0) {
+    const unsigned int nTotal = info.nReceiveBufLen - info.nReceiveBufUnusedLen;
+    unsigned int nBegin = 0;
+    int ret = BREL_STEP_OK;
+    while (nBegin < nTotal) {
+        unsigned int nHeld = nTotal - nBegin;
+        const char* pPacket = info.pReceiveBuf + nBegin;
+        int nPacketSize = pFunComplete != nullptr ? pFunComplete(pPacket, nHeld) : static_cast<int>(nHeld);
+        if (nPacketSize < 0 || static_cast<unsigned int>(nPacketSize) > nHeld) {
             Log(LOG_LEVEL_WARNING, "ReceiveAsnBufData(packet complete check failed, ip: %s, port: %hu, connect id: %u)",
                 szIp, info.nPort, info.nConnectId);
-            return BREL_STEP_BAD_STREAM;
+            ret = BREL_STEP_BAD_STREAM;
+            break;
         }
         if (nPacketSize == 0) {
             unsigned int nMax = GetBrelRecvPacketMaxSize();
@@ -98,39 +180,46 @@ int DeliverPackets(ConnectInfo& info, BrelNetPacketCompleteFun pFunComplete, CDa
                     "ReceiveAsnBufData(packet size is over than the max size, now data size: %u, the max size: %u, "
                     "ip: %s, port: %hu, connect id: %u)",
                     nHeld, nMax, szIp, info.nPort, info.nConnectId);
-                return BREL_STEP_BAD_STREAM;
+                ret = BREL_STEP_BAD_STREAM;
             }
-            return BREL_STEP_OK;
+            break;
         }
+        const unsigned int nSize = static_cast<unsigned int>(nPacketSize);
         --nCount;
         unsigned long long lNow = GetNowMilliSecond();
         if (lNow <= info.lNowPacketBeginRecvTime) info.lNowPacketBeginRecvTime = lNow - 1;  // at least 1 ms
         unsigned long long lElapsed = lNow - info.lNowPacketBeginRecvTime;
-        unsigned int nSpeed = static_cast<unsigned int>(static_cast<unsigned long long>(nPacketSize) * 1000 / lElapsed);
+        unsigned int nSpeed = static_cast<unsigned int>(static_cast<unsigned long long>(nSize) * 1000 / lElapsed);
         Log(LOG_LEVEL_LOWEST,
             "ReceiveAsnBufData(receive complete packet, package size: %u, time: %d, size: %d, speed: %u, ip: %s, port: "
             "%hu, connect id: %u)",
-            static_cast<unsigned int>(nPacketSize), static_cast<int>(lElapsed), nPacketSize, nSpeed, szIp, info.nPort,
-            info.nConnectId);
+            nSize, static_cast<int>(lElapsed), nPacketSize, nSpeed, szIp, info.nPort, info.nConnectId);
         info.lNowPacketBeginRecvTime = lNow;
-        revBuffer.Push3(info.pReceiveBuf, static_cast<unsigned int>(nPacketSize), nSpeed,
-                        static_cast<int>(info.nConnectId), BREL_DATA_NORMAL_PRI);
-        info.nReceiveBufUnusedLen += static_cast<unsigned int>(nPacketSize);
-        unsigned int nRest = info.nReceiveBufLen - info.nReceiveBufUnusedLen;
-        if (nRest == 0) return BREL_STEP_OK;
-        Log(LOG_LEVEL_LOWEST,
-            "ReceiveAsnBufData(receive other packet in this step, now data size: %u, ip: %s, port: %hu, connect id: "
-            "%u)",
-            nRest, szIp, info.nPort, info.nConnectId);
-        memmove(info.pReceiveBuf, info.pReceiveBuf + nPacketSize, nRest);
+        info.nLastPacketSize = nSize;
+        if (nBegin == 0 && nSize == nTotal && IsLargePacket(nSize, info.nReceiveBufLen) &&
+            HandOverReceiveBuf(info, batch, nSize, nSpeed)) {
+            return BREL_STEP_OK;
+        }
+        CopyPacket(info, batch, pPacket, nSize, nSpeed);
+        nBegin += nSize;
+        if (nBegin < nTotal) {
+            Log(LOG_LEVEL_LOWEST,
+                "ReceiveAsnBufData(receive other packet in this step, now data size: %u, ip: %s, port: %hu, connect "
+                "id: %u)",
+                nTotal - nBegin, szIp, info.nPort, info.nConnectId);
+        }
     }
+    unsigned int nRest = nTotal - nBegin;
+    if (nBegin > 0 && nRest > 0) memmove(info.pReceiveBuf, info.pReceiveBuf + nBegin, nRest);
+    info.nReceiveBufUnusedLen = info.nReceiveBufLen - nRest;
+    return ret;
 }
 
 // Doubles the receive buffer, whose free part is used up; the new half is free.
 void GrowReceiveBuf(ConnectInfo& info)
 {
     unsigned int nNewLen = info.nReceiveBufLen * 2;
-    char* pNew = static_cast<char*>(realloc(info.pReceiveBuf, nNewLen));
+    char* pNew = static_cast<char*>(CDataBufferSTLDeque::AllocBlock(nNewLen));
     if (pNew == nullptr) {
         Log(LOG_LEVEL_ERROR, "ReceiveAsnBufData(realloc is failed, new size: %u, ip: %s, port: %hu, connect id: %u)",
             nNewLen, info.strIp.c_str(), info.nPort, info.nConnectId);
@@ -138,9 +227,29 @@ void GrowReceiveBuf(ConnectInfo& info)
     }
     Log(LOG_LEVEL_INFO, "ReceiveAsnBufData(realloc, new size: %u, ip: %s, port: %hu, connect id: %u)", nNewLen,
         info.strIp.c_str(), info.nPort, info.nConnectId);
+    memcpy(pNew, info.pReceiveBuf, info.nReceiveBufLen - info.nReceiveBufUnusedLen);
+    CDataBufferSTLDeque::FreePopData(info.pReceiveBuf);
     info.pReceiveBuf = pNew;
-    info.nReceiveBufUnusedLen = nNewLen - info.nReceiveBufLen;
+    info.nReceiveBufUnusedLen = nNewLen - (info.nReceiveBufLen - info.nReceiveBufUnusedLen);
     info.nReceiveBufLen = nNewLen;
+}
+
+// Bytes the next read may take: the free part of the buffer, but no more than
+// the rest of a large packet whose length is known (or, at a packet's start,
+// as much as the last packet had), so that such a packet ends the buffer and
+// can be handed over.
+unsigned int ReadSize(const ConnectInfo& info, BrelNetPacketCompleteFun pFunComplete)
+{
+    unsigned int nFree = info.nReceiveBufUnusedLen;
+    if (pFunComplete != asn_packet_complete) return nFree;
+    unsigned int nHeld = info.nReceiveBufLen - info.nReceiveBufUnusedLen;
+    unsigned int nExpect = info.nLastPacketSize;
+    if (nHeld > 0) {
+        int nLength = asn_packet_length(info.pReceiveBuf, nHeld);
+        nExpect = nLength > 0 ? static_cast<unsigned int>(nLength) : 0;
+    }
+    if (!IsLargePacket(nExpect, info.nReceiveBufLen) || nExpect <= nHeld) return nFree;
+    return nExpect - nHeld < nFree ? nExpect - nHeld : nFree;
 }
 
 } // namespace
@@ -152,11 +261,13 @@ int ReceiveAsnBufData(const std::atomic<unsigned int>& nContinue, ConnectInfo& i
     const char* szIp = info.strIp.c_str();
     if (info.ReceiveBufEmpty()) info.lNowPacketBeginRecvTime = GetNowMilliSecond();
     int nCount = 50;  // the budget of packets of this step
+    CDeliveryBatch batch(revBuffer);
     while (nContinue != 0 && nCount >= 0) {
         if (info.nReceiveBufUnusedLen == 0) GrowReceiveBuf(info);
-        unsigned int nTokenSize = info.nReceiveBufUnusedLen;
+        const unsigned int nWant = ReadSize(info, pFunBrelNetPacketComplete);
+        unsigned int nTokenSize = nWant;
         if (pTokenBucket != nullptr) {
-            nTokenSize = pTokenBucket->TakeToken(info.nReceiveBufUnusedLen);
+            nTokenSize = pTokenBucket->TakeToken(nWant);
             if (nTokenSize == 0) {
                 Log(LOG_LEVEL_DEBUG, "ReceiveAsnBufData(recv data no valid token, ip: %s, port: %hu, connect id: %u)",
                     szIp, info.nPort, info.nConnectId);
@@ -184,11 +295,10 @@ int ReceiveAsnBufData(const std::atomic<unsigned int>& nContinue, ConnectInfo& i
             return nErr;
         }
         unsigned int nRead = static_cast<unsigned int>(r);
-        unsigned int nUnusedBefore = info.nReceiveBufUnusedLen;
         info.nReceiveBufUnusedLen -= nRead;
-        int ret = DeliverPackets(info, pFunBrelNetPacketComplete, revBuffer, nCount);
+        int ret = DeliverPackets(info, pFunBrelNetPacketComplete, batch, nCount);
         if (ret != BREL_STEP_OK) return ret;
-        if (nRead == nTokenSize && nTokenSize < nUnusedBefore) {
+        if (nRead == nTokenSize && nTokenSize < nWant) {
             Log(LOG_LEVEL_LOWEST,
                 "ReceiveAsnBufData(no more token, recv buf unused size: %u, token size: %u, real recv size: %d, connect "
                 "id: %u)",

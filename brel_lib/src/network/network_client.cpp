@@ -22,9 +22,7 @@ CNetworkClientBrel::CNetworkClientBrel(CDataBufferSTLDeque& revBuffer, CDataBuff
     : CThread(LINK_STACK_SIZE), m_bReConnectClearBufData(bReConnClearBufData), m_revBuffer(revBuffer),
       m_sendBuffer(sendBuffer)
 {
-    m_connect.pReceiveBuf = static_cast<char*>(malloc(RECEIVE_BUF_SIZE));
-    m_connect.nReceiveBufLen = m_connect.nReceiveBufUnusedLen = RECEIVE_BUF_SIZE;
-    if (m_connect.pReceiveBuf == nullptr) {
+    if (!m_connect.AllocReceiveBuf(RECEIVE_BUF_SIZE)) {
         Log(LOG_LEVEL_ERROR, "CNetworkClientBrel::CNetworkClientBrel(malloc recv buf is error, malloc size: %d)",
             RECEIVE_BUF_SIZE);
         ExitProcess(-1);
@@ -36,7 +34,7 @@ CNetworkClientBrel::CNetworkClientBrel(CDataBufferSTLDeque& revBuffer, CDataBuff
 CNetworkClientBrel::~CNetworkClientBrel()
 {
     Stop();
-    free(m_connect.pReceiveBuf);
+    m_connect.FreeReceiveBuf();
     m_connect.FreeSendData();
 }
 
@@ -445,17 +443,13 @@ void CNetworkClientBrel::AdjustBufSize()
         return;
     }
     if (m_connect.nReceiveBufLen <= RECEIVE_BUF_SIZE) return;
-    char* pNew = static_cast<char*>(malloc(RECEIVE_BUF_SIZE));
-    if (pNew == nullptr) {
+    unsigned int nBefore = m_connect.nReceiveBufLen;
+    if (!m_connect.AllocReceiveBuf(RECEIVE_BUF_SIZE)) {
         Log(LOG_LEVEL_WARNING,
             "CNetworkClientBrel::AdjustBufSize(alloc memory is error, we need malloc size: %u, now size: %u)",
             static_cast<unsigned int>(RECEIVE_BUF_SIZE), m_connect.nReceiveBufLen);
         return;
     }
-    unsigned int nBefore = m_connect.nReceiveBufLen;
-    free(m_connect.pReceiveBuf);
-    m_connect.pReceiveBuf = pNew;
-    m_connect.nReceiveBufLen = m_connect.nReceiveBufUnusedLen = RECEIVE_BUF_SIZE;
     Log(LOG_LEVEL_INFO, "CNetworkClientBrel::AdjustBufSize(buf adjust before size: %u, now size: %u)", nBefore,
         m_connect.nReceiveBufLen);
 }

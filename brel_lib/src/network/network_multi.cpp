@@ -118,7 +118,10 @@ int CNetworkMultiBase::GetConnectPeer(unsigned int nConnectId, std::string& strI
     return 0;
 }
 
-char* CNetworkMultiBase::NewReceiveBuf() const { return static_cast<char*>(malloc(m_nReceiveBufDefaultSize)); }
+char* CNetworkMultiBase::NewReceiveBuf() const
+{
+    return static_cast<char*>(CDataBufferSTLDeque::AllocBlock(m_nReceiveBufDefaultSize));
+}
 
 void CNetworkMultiBase::Notify(unsigned int nConnectId, BREL_NET_CALLBACK_TYPE type, int fd)
 {
@@ -529,9 +532,7 @@ void CNetworkMultiBase::CloseConnectInfo(ConnectInfo& info)
 {
     if (info.sockFd >= 0) close(info.sockFd);
     info.sockFd = -1;
-    free(info.pReceiveBuf);
-    info.pReceiveBuf = nullptr;
-    info.nReceiveBufLen = info.nReceiveBufUnusedLen = 0;
+    info.FreeReceiveBuf();
     info.FreeSendData();
 }
 

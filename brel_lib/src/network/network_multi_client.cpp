@@ -57,7 +57,7 @@ int CNetworkMultiClientBrel::ConnectToServerPrivate(unsigned int& nConnectId,
     int ret = bSync ? sock.ConnectToServerNonBlock(strServerIp, nServerPort, nContinueRun, nConnectTimeoutMilliSecond)
                     : sock.ConnectToServerAsync(strServerIp, nServerPort);
     if (ret != 0) {
-        free(pReceiveBuf);
+        CDataBufferSTLDeque::FreePopData(pReceiveBuf);
         Log(LOG_LEVEL_DEBUG,
             "CNetworkMultiClientBrel::ConnectToServer(connect the server is failed immediately, errno: %d, server ip: "
             "%s, port: %hu, is %s)",

@@ -48,4 +48,23 @@ int asn_packet_complete(const void* pData, unsigned int nDataLen)
     return 0;
 }
 
+int asn_packet_length(const void* pData, unsigned int nDataLen)
+{
+    const unsigned char* p = static_cast<const unsigned char*>(pData);
+    if (nDataLen == 0) return 0;
+    if (p[0] != 0x30) return -1;
+    if (nDataLen < 2) return 0;
+    uint64_t lHeadLen = 2, lContLen = p[1];
+    if (p[1] > 0x80) {
+        unsigned int nLenLen = p[1] & 0x7f;
+        if (nLenLen > 4) return -1;
+        lHeadLen = 2 + nLenLen;
+        if (nDataLen < lHeadLen) return 0;
+        lContLen = 0;
+        for (unsigned int i = 0; i < nLenLen; ++i) lContLen = (lContLen << 8) | p[2 + i];
+    }
+    uint64_t lPktLen = lHeadLen + lContLen;
+    return lPktLen > MAX_LEN ? -1 : static_cast<int>(lPktLen);
+}
+
 } // namespace brel_lib
