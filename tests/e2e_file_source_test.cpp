@@ -512,4 +512,4 @@ TEST_F(AgentFileSourceStart, AReloadWithPrintAgentInfoDumpsTheWorks)
     Stop(pid);
 }
 
-}  // namespace
+} // namespace

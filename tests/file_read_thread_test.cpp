@@ -395,4 +395,4 @@ TEST_F(ReadThreadTest, AGoneConnectionDropsItsWaitingRequests)
     EXPECT_TRUE(NothingMore());
 }
 
-}  // namespace
+} // namespace

@@ -72,7 +72,7 @@ ssize_t ReadBlock(int fd, char* pBuf, unsigned int nSize, unsigned long long lOf
     return static_cast<ssize_t>(nDone);
 }
 
-}  // namespace
+} // namespace
 
 bool CFileReadThreadReqRead::DoReq(CFileReadThread* pThread) { return pThread->ReqFileAgentGet(this); }
 

@@ -32,7 +32,7 @@ const time_t MD5_CLEAN_SECOND = 99;
 const time_t MD5_KEEP_SECOND = 3600;
 const int DEFAULT_SEND_SPEED = 0xC80000;
 
-}  // namespace
+} // namespace
 
 void FileTransSvrNetCallback(unsigned int nConnectId, BREL_NET_CALLBACK_TYPE type, void* pAppend, int nSockFd)
 {
