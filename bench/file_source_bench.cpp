@@ -165,7 +165,7 @@ double BareSeconds(const std::string& strFile)
     });
 }
 
-}  // namespace
+} // namespace
 
 int main()
 {

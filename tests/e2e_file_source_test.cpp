@@ -421,6 +421,37 @@ TEST_F(AgentFileSource, APeerThatStopsReadingDoesNotHoldUpAnother)
     EXPECT_LT(lRssAfter - lRssBefore, 64 * 1024) << lRssBefore << " KiB before, " << lRssAfter << " after";
 }
 
+TEST_F(AgentFileSource, APeerThatAsksWithoutReadingIsClosed)
+{
+    std::string strData = Pattern(BLOCK, 7);
+    std::string strPath = File("data", strData);
+    unsigned short nPort = Offer(8, strPath);
+    FilePeer peer;
+    ASSERT_TRUE(peer.Connect(nPort, 3000));
+    // Far more requests than a destination keeps open, and nothing read.
+    std::vector<unsigned char> bytes;
+    for (int i = 0; i < 3000; ++i) {
+        ReqWorkFileAgentGet get;
+        get.srcWorkId = 8;
+        get.dstWorkId = 1;
+        get.srcFile.Set(strPath.data(), strPath.size());
+        get.getSize = 65536;
+        get.getNum = 1;
+        std::vector<unsigned char> one = EncodeMessage(get, i);
+        bytes.insert(bytes.end(), one.begin(), one.end());
+    }
+    ASSERT_TRUE(peer.WriteRaw(bytes));
+    EXPECT_TRUE(Tree().WaitForLog("too many requests wait for the client, we close it", 10000));
+    EXPECT_TRUE(peer.WaitClosedBySource(10000));
+    // The source goes on serving others.
+    FilePeer other;
+    ASSERT_TRUE(other.Connect(nPort, 3000));
+    ASSERT_TRUE(other.Get(8, 2, strPath, 0, 100, 1));
+    FileBlock block;
+    ASSERT_TRUE(other.Next(block, 5000));
+    EXPECT_TRUE(block.strContent == strData.substr(0, 100));
+}
+
 // The source's part in the agent's start and reload.
 class AgentFileSourceStart : public AgentEndToEnd {};
 
@@ -481,4 +512,4 @@ TEST_F(AgentFileSourceStart, AReloadWithPrintAgentInfoDumpsTheWorks)
     Stop(pid);
 }
 
-}  // namespace
+} // namespace

@@ -137,7 +137,7 @@ protected:
 
     std::string m_strDir;
     brel_lib::CDataBufferSTLDeque m_send{true, 0};  // the loop takes without waiting; the test waits
-    CFileReadThread m_thread{m_send};
+    CFileReadThread m_thread{m_send, nullptr};
 };
 
 std::string Pattern(size_t n)
@@ -357,6 +357,25 @@ TEST_F(ReadThreadTest, APeerThatTakesNothingWaitsWhileOthersAreServed)
     EXPECT_EQ(m_thread.HeldRequests(), 0u);
 }
 
+TEST_F(ReadThreadTest, AConnectionWithTooManyWaitingRequestsIsForgotten)
+{
+    std::string strPath = File("big", Pattern(16 << 20));
+    {
+        std::lock_guard<std::mutex> lock(g_takenMutex);
+        TakenByFd()[1003] = 0;
+    }
+    // The first request fills the bound; the others wait, up to the limit.
+    for (size_t i = 0; i < CFileReadThread::CONNECT_HELD_MAX; ++i) Get(strPath, 0, 512 * 1024, 32, 4, false, 1003);
+    EXPECT_TRUE(agent_test::WaitUntil([&] { return m_thread.HeldRequests() == CFileReadThread::CONNECT_HELD_MAX; }, 5000));
+    while (true) {
+        Answer a;
+        if (!Next(a, 300)) break;
+    }
+    // One more: the connection's requests are all dropped.
+    Get(strPath, 0, 512 * 1024, 32, 4, false, 1003);
+    EXPECT_TRUE(agent_test::WaitUntil([&] { return m_thread.HeldRequests() == 0; }, 5000));
+}
+
 TEST_F(ReadThreadTest, AGoneConnectionDropsItsWaitingRequests)
 {
     std::string strPath = File("big", Pattern(32 << 20));
@@ -376,4 +395,4 @@ TEST_F(ReadThreadTest, AGoneConnectionDropsItsWaitingRequests)
     EXPECT_TRUE(NothingMore());
 }
 
-}  // namespace
+} // namespace

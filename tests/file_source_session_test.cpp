@@ -458,4 +458,4 @@ TEST_F(FileSourceEnc, AFileAboveTheCheckLimitPassesUnchecked)
     EXPECT_EQ(CreateEnc(2, strSmall, brel_lib::md5("wrong")), 335);
 }
 
-}  // namespace
+} // namespace

@@ -320,4 +320,4 @@ TEST_F(CacheTest, TheRootIsNeverWipedHoweverItIsSpelt)
     EXPECT_TRUE(Exists(m_strCacheDir));
 }
 
-}  // namespace
+} // namespace

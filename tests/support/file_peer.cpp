@@ -33,7 +33,7 @@ unsigned long long Join(int nHigh, int nLow)
     return (static_cast<unsigned long long>(static_cast<unsigned int>(nHigh)) << 32) | static_cast<unsigned int>(nLow);
 }
 
-}  // namespace
+} // namespace
 
 FilePeer::~FilePeer() { Close(); }
 
@@ -207,4 +207,4 @@ long ResidentKiB(int pid)
     return -1;
 }
 
-}  // namespace agent_test
+} // namespace agent_test

@@ -84,4 +84,4 @@ unsigned short FreePortPair();
 // Resident memory of a process in KiB; -1 if unknown.
 long ResidentKiB(int pid);
 
-}  // namespace agent_test
+} // namespace agent_test

@@ -58,7 +58,7 @@ int RemoveOne(const char* szPath, const struct stat*, int nType, struct FTW*)
     return 0;
 }
 
-}  // namespace
+} // namespace
 
 bool CacheDirIsRoot(const std::string& strDir)
 {

@@ -23,7 +23,7 @@ const time_t NOT_FINISH_SWEEP_SECOND = 59;
 // A size key read as 64 bits; anything unreadable is 0.
 unsigned long long StringToULongLong(const std::string& str) { return strtoull(str.c_str(), nullptr, 10); }
 
-}  // namespace
+} // namespace
 
 CFileTransCache::CFileTransCache()
 {

@@ -72,7 +72,7 @@ ssize_t ReadBlock(int fd, char* pBuf, unsigned int nSize, unsigned long long lOf
     return static_cast<ssize_t>(nDone);
 }
 
-}  // namespace
+} // namespace
 
 bool CFileReadThreadReqRead::DoReq(CFileReadThread* pThread) { return pThread->ReqFileAgentGet(this); }
 
@@ -84,9 +84,10 @@ bool CFileReadThreadReqForget::DoReq(CFileReadThread* pThread)
 
 void CFileReadThread::SetPeerTakenFun(PeerTakenFun pFun) { g_pPeerTakenFun = pFun == nullptr ? PeerTakenBytes : pFun; }
 
-CFileReadThread::CFileReadThread(CDataBufferSTLDeque& sendDataBuffer)
+CFileReadThread::CFileReadThread(CDataBufferSTLDeque& sendDataBuffer, CNetworkMultiBase* pNetwork)
     : CThread(READ_THREAD_STACK_SIZE),
       m_sendDataBuffer(sendDataBuffer),
+      m_pNetwork(pNetwork),
       m_deqReq(true, 0),
       m_packetBuf("CFileReadThread", PACKET_BUF_MIN_SIZE)
 {
@@ -167,9 +168,19 @@ void CFileReadThread::ReleaseIdleBuffers()
 
 bool CFileReadThread::ReqFileAgentGet(CFileReadThreadReqRead* pReq)
 {
-    ConnectQueue& conn = m_mapConnect[pReq->m_nNowConnectId];
+    unsigned int nConnectId = pReq->m_nNowConnectId;
+    ConnectQueue& conn = m_mapConnect[nConnectId];
+    if (conn.deqReq.size() >= CONNECT_HELD_MAX) {
+        Log(LOG_LEVEL_WARNING,
+            "CFileReadThread::ReqFileAgentGet(too many requests wait for the client, we close it, wait num: %u, work "
+            "id: %u, connect id: %u)",
+            static_cast<unsigned int>(conn.deqReq.size()), pReq->m_nSrcWorkId, nConnectId);
+        ForgetConnect(nConnectId);
+        if (m_pNetwork != nullptr) m_pNetwork->CloseClient(nConnectId);
+        return true;
+    }
     if (pReq->m_nSockFd >= 0) conn.nSockFd = pReq->m_nSockFd;
-    if (conn.deqReq.empty()) m_deqTurn.push_back(pReq->m_nNowConnectId);
+    if (conn.deqReq.empty()) m_deqTurn.push_back(nConnectId);
     conn.deqReq.push_back(pReq);
     ++m_nHeld;
     return false;

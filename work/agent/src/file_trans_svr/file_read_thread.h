@@ -18,6 +18,7 @@
 
 #include "asn_parse.h"
 #include "data_buffer.h"
+#include "network/network_multi.h"
 #include "thread.h"
 
 // Bytes sent in blocks by all read threads, for the dump.
@@ -77,12 +78,16 @@ public:
     static constexpr unsigned long long CONNECT_QUEUE_MAX = 8ULL << 20;
     // Blocks served for one connection before the next connection's turn.
     static constexpr int BLOCKS_PER_TURN = 8;
+    // Requests a connection may have waiting; a destination keeps a few open,
+    // so a connection with more is closed rather than remembered without end.
+    static constexpr size_t CONNECT_HELD_MAX = 1024;
     // What the peer behind a socket has taken of the bytes sent to it; -1
     // when unknown. A seam for tests; the kernel's count of acked bytes.
     typedef long long (*PeerTakenFun)(int fd);
     static void SetPeerTakenFun(PeerTakenFun pFun);
 
-    explicit CFileReadThread(brel_lib::CDataBufferSTLDeque& sendDataBuffer);
+    // pNetwork: the loop of the connections, to close one that asks too much; null in tests.
+    CFileReadThread(brel_lib::CDataBufferSTLDeque& sendDataBuffer, brel_lib::CNetworkMultiBase* pNetwork);
     ~CFileReadThread() override;
 
     // Any thread: the thread owns the object from here on.
@@ -122,6 +127,7 @@ private:
 
     // The manager's send buffer, to the connections; any thread may push.
     brel_lib::CDataBufferSTLDeque& m_sendDataBuffer;
+    brel_lib::CNetworkMultiBase* m_pNetwork;  // CloseClient may be called from any thread
     // Request pointers from the manager; nothing else travels here.
     brel_lib::CDataBufferSTLDeque m_deqReq;
 

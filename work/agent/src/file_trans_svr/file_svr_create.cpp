@@ -25,7 +25,7 @@ const size_t MD5_READ_BUF_SIZE = 1048576;
 // Ports below the search's end belong to the system.
 const unsigned short LOWEST_PORT = 1025;
 
-}  // namespace
+} // namespace
 
 void CFileSvrReqCreate::DoReq() { m_pSvrManager->Create(this); }
 void CFileSvrReqDelete::DoReq() { m_pSvrManager->Delete(this); }

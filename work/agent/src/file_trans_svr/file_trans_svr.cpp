@@ -32,7 +32,7 @@ const time_t MD5_CLEAN_SECOND = 99;
 const time_t MD5_KEEP_SECOND = 3600;
 const int DEFAULT_SEND_SPEED = 0xC80000;
 
-}  // namespace
+} // namespace
 
 void FileTransSvrNetCallback(unsigned int nConnectId, BREL_NET_CALLBACK_TYPE type, void* pAppend, int nSockFd)
 {
@@ -155,7 +155,7 @@ void CFileTransSvrManager::Run()
     LoadCfg(true);
     m_bPrintAgentInfo = false;
     for (unsigned int i = 0; i < m_nMaxFileReadThread; ++i) {
-        auto* pThread = new CFileReadThread(m_sendDataBuffer);
+        auto* pThread = new CFileReadThread(m_sendDataBuffer, &m_networkServer);
         int ret = pThread->Start();
         if (ret != 0) {
             Log(LOG_LEVEL_ERROR, "CFileTransSvrManager::Run(start read thread is error, ret: %d)", ret);

@@ -18,7 +18,7 @@ ReplyRoute RouteOf(const T& req, int nAppend)
     return route;
 }
 
-}  // namespace
+} // namespace
 
 void CProcessCommon::ReqFileSrcCreate(ReqWorkFileSrcCreate* pReq, int nAppend)
 {
