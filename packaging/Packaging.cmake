@@ -1,6 +1,6 @@
 # The Debian packages, built with "cpack -G DEB" in a build directory:
 #   zik-agent        the agent's install tree in /opt/agent, its systemd unit
-#                    and agent(8)
+#                    and agent(8); its postinst makes a sample public key
 #   zik-work-server  the local work server for trying agents, and work_server(1)
 # Destinations are relative to "/", where the packages put them.
 
@@ -13,16 +13,6 @@ set(PKG_SRC ${CMAKE_SOURCE_DIR}/packaging)
 set(PKG_GEN ${CMAKE_BINARY_DIR}/packaging)
 set(TREE opt/agent)
 
-# A sample server key, made at build time; its private half is thrown away.
-# The site replaces it with its own server's public key.
-find_program(OPENSSL_PROGRAM openssl REQUIRED)
-add_custom_command(OUTPUT ${PKG_GEN}/publickey.pem
-  COMMAND ${CMAKE_COMMAND} -E make_directory ${PKG_GEN}
-  COMMAND ${OPENSSL_PROGRAM} genrsa -traditional -out ${PKG_GEN}/sample_private.pem 2048
-  COMMAND ${OPENSSL_PROGRAM} rsa -in ${PKG_GEN}/sample_private.pem -RSAPublicKey_out -out ${PKG_GEN}/publickey.pem
-  COMMAND ${CMAKE_COMMAND} -E remove ${PKG_GEN}/sample_private.pem
-  COMMENT "Making the sample public key of the package"
-  VERBATIM)
 foreach(page agent.8 work_server.1)
   configure_file(${PKG_SRC}/man/${page} ${PKG_GEN}/${page} @ONLY)
   add_custom_command(OUTPUT ${PKG_GEN}/${page}.gz
@@ -30,10 +20,13 @@ foreach(page agent.8 work_server.1)
     DEPENDS ${PKG_GEN}/${page})
 endforeach()
 add_custom_target(package_files ALL
-  DEPENDS ${PKG_GEN}/publickey.pem ${PKG_GEN}/agent.8.gz ${PKG_GEN}/work_server.1.gz)
+  DEPENDS ${PKG_GEN}/agent.8.gz ${PKG_GEN}/work_server.1.gz)
 
 install(TARGETS agent DESTINATION ${TREE}/bin COMPONENT agent)
-install(FILES ${PKG_SRC}/config ${PKG_GEN}/publickey.pem DESTINATION ${TREE}/etc COMPONENT agent)
+# etc/publickey.pem is no file of the package: postinst makes a sample key
+# where none is. A key made at build time would differ in every build, and
+# each upgrade would stop at dpkg's question about the site's own key.
+install(FILES ${PKG_SRC}/config DESTINATION ${TREE}/etc COMPONENT agent)
 install(PROGRAMS ${PKG_SRC}/restart.sh DESTINATION ${TREE}/tools/op COMPONENT agent)
 install(DIRECTORY DESTINATION ${TREE}/log COMPONENT agent)
 install(FILES ${PKG_SRC}/zik-agent.service DESTINATION usr/lib/systemd/system COMPONENT agent)
@@ -61,8 +54,9 @@ The agent keeps one link to a work server and runs the commands and moves
 the files that the server asks for. The package installs its tree in
 /opt/agent with a sample configuration, and a systemd unit, zik-agent,
 that is not enabled until the site has configured the agent.")
-# The commands run through su and /bin/sh; the restart script uses setsid.
-set(CPACK_DEBIAN_AGENT_PACKAGE_DEPENDS "util-linux")
+# The commands run through su and /bin/sh; the restart script uses setsid;
+# postinst makes the sample key with openssl.
+set(CPACK_DEBIAN_AGENT_PACKAGE_DEPENDS "util-linux, openssl")
 set(CPACK_DEBIAN_AGENT_PACKAGE_CONTROL_EXTRA
   ${PKG_SRC}/deb/conffiles ${PKG_SRC}/deb/postinst ${PKG_SRC}/deb/prerm ${PKG_SRC}/deb/postrm)
 

@@ -114,14 +114,16 @@ cmake --build "$BUILD" --target agent work_server package_files > /dev/null
 AGENT_DEB=$(ls "$WORK"/pkg/zik-agent_*.deb)
 SERVER_DEB=$(ls "$WORK"/pkg/zik-work-server_*.deb)
 dpkg-deb -c "$AGENT_DEB" | awk '{ print $NF }' > "$WORK/agent_files"
-for f in ./opt/agent/bin/agent ./opt/agent/etc/config ./opt/agent/etc/publickey.pem ./opt/agent/log/ \
+for f in ./opt/agent/bin/agent ./opt/agent/etc/config ./opt/agent/log/ \
     ./opt/agent/tools/op/restart.sh ./usr/lib/systemd/system/zik-agent.service ./usr/share/man/man8/agent.8.gz; do
     grep -qxF "$f" "$WORK/agent_files" || fail "zik-agent lacks $f"
 done
+# The key is made at install: a key that every build makes anew would stop upgrades at dpkg's question.
+grep -q 'publickey' "$WORK/agent_files" && fail "zik-agent ships a public key"
 dpkg-deb -c "$SERVER_DEB" | grep -q ' ./usr/share/man/man1/work_server.1.gz$' || fail "zik-work-server lacks its man page"
 dpkg-deb --info "$AGENT_DEB" conffiles > "$WORK/conffiles"
-printf '%s\n' "$TREE/etc/config" "$TREE/etc/publickey.pem" | cmp -s - "$WORK/conffiles" ||
-    fail "the conffiles are not the configuration files: $(cat "$WORK/conffiles")"
+echo "$TREE/etc/config" | cmp -s - "$WORK/conffiles" ||
+    fail "the conffiles are not the configuration file: $(cat "$WORK/conffiles")"
 ok "packages built: $(basename "$AGENT_DEB") $(basename "$SERVER_DEB")"
 
 # ---- install -----------------------------------------------------------------------
@@ -151,7 +153,7 @@ case "$(key cache_dir)" in
 *) fail "cache_dir is not a directory of the agent's own: '$(key cache_dir)'" ;;
 esac
 openssl rsa -RSAPublicKey_in -in "$TREE/etc/publickey.pem" -noout 2> /dev/null ||
-    fail "publickey.pem is not an RSA public key in PKCS#1 PEM"
+    fail "the sample publickey.pem is not an RSA public key in PKCS#1 PEM"
 ok "sample configuration: bind interfaces, agent id, key version $(key public_key_version), cache $(key cache_dir)"
 
 # ---- the unit ----------------------------------------------------------------------
@@ -197,6 +199,16 @@ set_key server_slave_port ""
 set_key agent_id 127.0.0.1
 set_key connect_timeout_second 2
 set_key connect_failed_sleep_second 1
+
+# An upgrade (here the same package again, with no terminal to answer dpkg's
+# questions) keeps the site's configuration and the site's key.
+openssl genrsa -traditional 2048 2> /dev/null | openssl rsa -RSAPublicKey_out -out "$WORK/site_key.pem" 2> /dev/null
+cp "$WORK/site_key.pem" "$TREE/etc/publickey.pem"
+cp "$CONFIG" "$WORK/site_config"
+dpkg -i "$AGENT_DEB" < /dev/null > "$WORK/upgrade.out" 2>&1 || fail "the upgrade failed: $(cat "$WORK/upgrade.out")"
+cmp -s "$WORK/site_key.pem" "$TREE/etc/publickey.pem" || fail "the upgrade replaced the site's public key"
+cmp -s "$WORK/site_config" "$CONFIG" || fail "the upgrade replaced the site's configuration"
+ok "an upgrade keeps the site's configuration and public key"
 
 # ---- a command through the unit's agent ----------------------------------------------
 
