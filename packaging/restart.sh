@@ -15,7 +15,9 @@
 #   outlive the wait, it gives up rather than start a second one. The agent's
 #   own lock on its pid file is the last guard: a second agent of the same
 #   tree exits at start.
-TREE=$(cd "$(dirname "$0")/../.." && pwd) || exit 1
+#
+# The waiter is this script again, detached, as "restart.sh --start-after PID".
+TREE=$(cd "$(dirname "$0")/../.." && pwd -P) || exit 1
 AGENT=$TREE/bin/agent
 WAIT_SECONDS=60
 
@@ -24,38 +26,49 @@ note() {
     echo "restart.sh: $*" >&2
 }
 
+# Whether process $1 runs this tree's agent, also one whose program an
+# upgrade has replaced on disk since it started.
+is_agent() {
+    case "$(readlink "/proc/$1/exe" 2>/dev/null)" in
+    "$AGENT" | "$AGENT (deleted)") return 0 ;;
+    esac
+    return 1
+}
+
+if [ "${1:-}" = --start-after ]; then
+    old=${2:-}
+    if [ -n "$old" ]; then
+        tries=$((WAIT_SECONDS * 5))
+        while [ "$tries" -gt 0 ] && is_agent "$old"; do
+            sleep 0.2
+            tries=$((tries - 1))
+        done
+        if is_agent "$old"; then
+            note "the old agent (pid $old) still runs; no new agent started"
+            exit 1
+        fi
+    fi
+    cd "$TREE/bin" && exec ./agent ../etc/config
+fi
+
 if [ "${AGENT_RESTARTED_BY:-}" = systemd ]; then
     note "the agent runs under systemd, which restarts it when it exits"
     exit 0
 fi
 
-# The agent that runs this script: the nearest ancestor whose program is this
-# tree's agent (the agent runs us through sh -c, which may or may not fork).
+# The agent that runs this script: the nearest ancestor that runs this tree's
+# agent (the agent runs us through sh -c, which may or may not fork).
 OLD=""
 pid=$PPID
 for _ in 1 2 3; do
     [ -n "$pid" ] && [ "$pid" -gt 1 ] 2>/dev/null || break
-    if [ /proc/$pid/exe -ef "$AGENT" ]; then
+    if is_agent "$pid"; then
         OLD=$pid
         break
     fi
-    pid=$(awk '{ print $4 }' /proc/$pid/stat 2>/dev/null)
+    pid=$(sed 's/.*) //' "/proc/$pid/stat" 2>/dev/null | cut -d' ' -f2)
 done
 
 note "starting a new agent once the old one (pid ${OLD:-none}) has gone"
-setsid -f sh -c '
-    old=$1 bin=$2 tries=$(($3 * 5))
-    if [ -n "$old" ]; then
-        while [ "$tries" -gt 0 ] && [ /proc/$old/exe -ef "$bin/agent" ]; do
-            sleep 0.2
-            tries=$((tries - 1))
-        done
-        if [ /proc/$old/exe -ef "$bin/agent" ]; then
-            echo "$(date "+%Y-%m-%d %H:%M:%S") restart.sh: the old agent (pid $old) still runs; no new agent started" \
-                >> "$bin/../log/restart.log"
-            exit 1
-        fi
-    fi
-    cd "$bin" && exec ./agent ../etc/config
-' restart-wait "$OLD" "$TREE/bin" "$WAIT_SECONDS" < /dev/null > /dev/null 2>&1
+setsid -f /bin/sh "$TREE/tools/op/restart.sh" --start-after "$OLD" < /dev/null > /dev/null 2>&1
 exit 0
