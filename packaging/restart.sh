@@ -61,7 +61,7 @@ fi
 OLD=""
 pid=$PPID
 for _ in 1 2 3; do
-    [ -n "$pid" ] && [ "$pid" -gt 1 ] 2>/dev/null || break
+    case "$pid" in '' | *[!0-9]* | 0 | 1) break ;; esac
     if is_agent "$pid"; then
         OLD=$pid
         break

@@ -12,7 +12,6 @@
 # even when a check fails.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-ROOT=$PWD
 BUILD=$(cd "${1:-build}" && pwd)
 TREE=/opt/agent
 UNIT=/usr/lib/systemd/system/zik-agent.service
@@ -234,6 +233,7 @@ ok "an upgrade keeps the site's configuration and public key"
 SERVER_PID=$!
 wait_for 10 test -S "$CONTROL" || fail "the work server did not start on 127.0.0.1:$PORT"
 start_agent unit
+# shellcheck disable=SC2016 # expanded by the agent's shell
 out=$("$BUILD/bin/work_server" run --control "$CONTROL" --agent 127.0.0.1 --user root --timeout 20 --wait 20 \
     -- 'echo "run by $(id -un) in $(pwd)"') || fail "the command through the agent failed: $out"
 [ "$out" = "run by root in $TREE/bin" ] || fail "unexpected output of the command: $out"
@@ -290,7 +290,18 @@ ok "in a plain install, restart.sh started one new agent (pid $NEW) after the ol
 
 # ---- purge ---------------------------------------------------------------------------
 
+# With an agent started by hand, which the removal must stop first: a running
+# agent would write into the tree as dpkg takes it away. Back to the default
+# timers, so that it does not go by its own restart meanwhile.
+set_key heartbeat_second 50
+set_key server_heartbeat_respond_second 300
+set_key server_heartbeat_failed_times_to_exit 5
+(cd "$TREE/bin" && ./agent ../etc/config < /dev/null > /dev/null 2>&1 9<&-)
+wait_for 10 one_agent || fail "the agent started by hand as a daemon does not run"
+DAEMON_PID=$(tree_agents)
 dpkg --purge "${PACKAGES[@]}" > "$WORK/purge.out" 2>&1 || fail "dpkg --purge failed: $(cat "$WORK/purge.out")"
+gone "$DAEMON_PID" || fail "the purge left the agent running"
+DAEMON_PID=""
 for p in "${PACKAGES[@]}"; do
     dpkg -s "$p" > /dev/null 2>&1 && fail "$p is still known to dpkg after the purge"
 done
@@ -302,4 +313,4 @@ while read -r f; do
 done < "$WORK/installed_files"
 leftovers=$(find /etc/systemd /usr/lib/systemd -name 'zik-agent*' 2> /dev/null)
 [ -z "$leftovers" ] || fail "left after the purge: $leftovers"
-ok "purged: nothing of the packages remains"
+ok "purged with an agent running: the agent stopped, nothing of the packages remains"
