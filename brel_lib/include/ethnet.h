@@ -1,5 +1,5 @@
 // Address of a network interface, through one shared query socket.
-// For one thread at a time; the agent uses it from the main thread only.
+// Any thread: the shared socket is guarded.
 #pragma once
 
 #include <string>

@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <mutex>
 #include <vector>
 
 namespace brel_lib {
@@ -16,18 +17,28 @@ namespace brel_lib {
 namespace {
 // The datagram socket of the interface queries; 0 means none is open.
 int g_sockFd = 0;
+// Guards g_sockFd: the main thread and the file source both ask, and a
+// destroy must not close the socket under a query.
+std::mutex g_mutexSock;
 // Room for 4096 entries of the interface list.
 const size_t IFCONF_BUF_SIZE = 163840;
-} // namespace
 
-int EthnetInfoInit()
+int EthnetInfoInitLocked()
 {
     if (g_sockFd == 0) g_sockFd = socket(AF_INET, SOCK_DGRAM, 0);
     return g_sockFd == 0 ? errno : 0;
 }
+} // namespace
+
+int EthnetInfoInit()
+{
+    std::lock_guard<std::mutex> lock(g_mutexSock);
+    return EthnetInfoInitLocked();
+}
 
 void EthnetInfoDestroy()
 {
+    std::lock_guard<std::mutex> lock(g_mutexSock);
     if (g_sockFd != 0) {
         if (g_sockFd > 0) close(g_sockFd);
         g_sockFd = 0;
@@ -37,7 +48,8 @@ void EthnetInfoDestroy()
 int EthnetGetIpAddress(std::string& strIp, const std::string& strName)
 {
     if (strName.empty()) return -1;
-    int ret = EthnetInfoInit();
+    std::lock_guard<std::mutex> lock(g_mutexSock);
+    int ret = EthnetInfoInitLocked();
     if (ret != 0) return ret;
 
     std::vector<char> vecBuf(IFCONF_BUF_SIZE);

@@ -100,6 +100,8 @@ InstallTree::InstallTree() : TempDir("agent_e2e_")
         {"public_key_version", "1"},
         // Never the default: the agent wipes its cache directory at start.
         {"cache_dir", Path("cache/")},
+        // The agent exits when this names no usable interface; the test machines may have no eth0.
+        {"file_trans_svr_bind_eth", "127.0.0.1"},
     };
     WriteConfig();
 }

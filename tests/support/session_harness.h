@@ -21,7 +21,9 @@ public:
     explicit SessionHarness(const std::string& strConfig)
         : m_rev(true, 0), m_send(false, 0), m_link(m_rev, m_send, false), m_session(m_rev, m_send)
     {
-        m_tree.WriteRawConfig("public_key_version = 1\n" + strConfig);
+        // Never the default cache directory: the session wipes it at start.
+        m_tree.WriteRawConfig("public_key_version = 1\ncache_dir = " + Path("cache/") +
+                              "\nfile_trans_svr_bind_eth = 127.0.0.1\n" + strConfig);
         char szCwd[4096];
         m_strOldCwd = getcwd(szCwd, sizeof(szCwd)) != nullptr ? szCwd : "/";
         if (chdir(Path("bin").c_str()) != 0) abort();

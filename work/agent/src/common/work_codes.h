@@ -22,6 +22,15 @@ enum {
     RET_WORK_TIMEOUT = 324,
     RET_WAITPID_FAILED = 325,
     RET_UNEXPLAINED_END = 326,
+    // The file source.
+    RET_NO_LISTEN_PORT = 313,
+    RET_SRC_FILE_UNREADABLE = 314,  // can't be opened or read, or isn't a regular file
+    RET_BEGIN_POS_BEYOND_END = 316,
+    RET_SRC_STAT_FAILED = 329,
+    RET_READ_BUF_FAILED = 334,
+    RET_SRC_MD5_MISMATCH = 335,
+    RET_DAEMON_MAY_NOT_READ = 338,
+    RET_BAD_ADDRESS = 1000,
     // The session.
     RET_MOVE_REFUSED = 310,  // the move to a new server was refused or undone
 };

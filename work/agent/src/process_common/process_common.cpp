@@ -5,6 +5,7 @@
 #include "common/agent_clock.h"
 #include "common/agent_globals.h"
 #include "common/work_codes.h"
+#include "file_trans_cache/file_trans_cache.h"
 #include "ini_file.h"
 #include "log.h"
 #include "process.h"
@@ -74,11 +75,11 @@ const CProcessCommon::Route CProcessCommon::s_routes[] = {
     ROUTE(ReqWorkCmdSetAction, ReqCmdSetAction),
     ROUTE(ReqWorkCmdQuery, ReqCmdQuery),
     ROUTE(ReqWorkCmdDelete, ReqCmdDelete),
-    NOT_SERVED(ReqWorkFileSrcCreate),
+    ROUTE(ReqWorkFileSrcCreate, ReqFileSrcCreate),
     NOT_SERVED(ReqWorkFileDstCreate),
     NOT_SERVED(ReqWorkFileDstSetAction),
     NOT_SERVED(ReqWorkFileDstQuery),
-    NOT_SERVED(ReqWorkFileSrcDelete),
+    ROUTE(ReqWorkFileSrcDelete, ReqFileSrcDelete),
     NOT_SERVED(ReqWorkFileDstDelete),
     ROUTE(RspWorkAgentHeartbeat, RspHeartbeat),
     ROUTE(ReqWorkAgentConnectNewServer, ReqConnectNewServer),
@@ -88,7 +89,7 @@ const CProcessCommon::Route CProcessCommon::s_routes[] = {
     ROUTE(RspSessionKey, DealRspSessionKey),
     ROUTE(ReqWorkCmdCreateEnc, ReqCmdCreateEnc),
     ROUTE(ReqWorkCmdSetActionEnc, ReqCmdSetActionEnc),
-    NOT_SERVED(ReqWorkFileSrcCreateEnc),
+    ROUTE(ReqWorkFileSrcCreateEnc, ReqFileSrcCreateEnc),
     NOT_SERVED(ReqWorkFileDstCreateEnc),
     NOT_SERVED(ReqWorkFileDstSetActionEnc),
     NOT_SERVED(ReqWorkFileDstCreate2Enc),
@@ -97,7 +98,10 @@ const CProcessCommon::Route CProcessCommon::s_routes[] = {
 #undef NOT_SERVED
 
 CProcessCommon::CProcessCommon(CDataBufferSTLDeque& revDataBuffer, CDataBufferSTLDeque& sendDataBuffer)
-    : m_revDataBuffer(revDataBuffer), m_sendDataBuffer(sendDataBuffer), m_packetBuf("CProcessCommon", 0)
+    : m_revDataBuffer(revDataBuffer),
+      m_sendDataBuffer(sendDataBuffer),
+      m_fileTransSvrManager(sendDataBuffer),
+      m_packetBuf("CProcessCommon", 0)
 {
 }
 
@@ -116,12 +120,19 @@ int CProcessCommon::Start()
         }
     }
     LoadCfg();
+    g_fileTransCache.SetCfgFile(m_strCfgFile);
     if (m_pNetwork != nullptr) m_pNetwork->SetNetCallback(GNetConnected, this);
     m_taskManager.SetProcessCommon(this);
     m_taskManager.SetCfgFile(m_strCfgFile);
     int ret = m_taskManager.Start();
     if (ret != 0) {
         Log(LOG_LEVEL_ERROR, "CProcessCommon::Start(m_taskManager Start is error, ret: %d)", ret);
+        ExitProcess(1);
+    }
+    m_fileTransSvrManager.SetCfgFile(m_strCfgFile);
+    ret = m_fileTransSvrManager.CThread::Start();
+    if (ret != 0) {
+        Log(LOG_LEVEL_ERROR, "CProcessCommon::Start(m_fileTransSvrManager Start is error, ret: %d)", ret);
         ExitProcess(1);
     }
     return CThread::Start();
@@ -140,6 +151,11 @@ int CProcessCommon::Stop()
         Log(LOG_LEVEL_ERROR, "CProcessCommon::Stop(m_taskManager Stop is error, ret: %d)", ret);
         ExitProcess(1);
     }
+    ret = m_fileTransSvrManager.Stop();
+    if (ret != 0) {
+        Log(LOG_LEVEL_ERROR, "CProcessCommon::Stop(m_fileTransSvrManager Stop is error, ret: %d)", ret);
+        ExitProcess(1);
+    }
     CAutoLock lock(m_lock);
     m_packetBuf.Allocate(0);
     m_nRespondHeartbeatFailedNowCount = 0;
@@ -151,6 +167,8 @@ void CProcessCommon::ReloadCfg()
     Log(LOG_LEVEL_INFO, "CProcessCommon::ReloadCfg");
     LoadCfg();
     m_taskManager.ReloadCfg();
+    m_fileTransSvrManager.ReloadCfg();
+    g_fileTransCache.ReloadCfg();
 }
 
 void CProcessCommon::LoadCfg()
@@ -247,6 +265,7 @@ void CProcessCommon::DealTimers(int& nGetNewWsLeft)
         SweepHistory(m_mapCreatedWorkId, tNow);
         SweepHistory(m_mapDeletedWorkId, tNow);
     }
+    g_fileTransCache.DealAutoDelete(tNow);
 }
 
 void CProcessCommon::SweepHistory(std::map<unsigned int, long>& mapHistory, time_t tNow)

@@ -19,6 +19,7 @@
 #include "common/reply_route.h"
 #include "common/session_reply.h"
 #include "data_buffer.h"
+#include "file_trans_svr/file_trans_svr.h"
 #include "network/network_client.h"
 #include "process_common/session_keys.h"
 #include "thread.h"
@@ -98,6 +99,16 @@ private:
     void SendCmdToServerDeleteFailed(int nRet, unsigned int nWorkId, const ReplyRoute& route);
     void NotServedYet(Zik& body, int nAppend);
 
+    // File source requests (file_src_requests.cpp): a repeated create or
+    // delete is answered by silence; the manager answers the rest itself.
+    void ReqFileSrcCreate(ReqWorkFileSrcCreate* pReq, int nAppend);
+    void ReqFileSrcDelete(ReqWorkFileSrcDelete* pReq, int nAppend);
+    void ReqFileSrcCreateEnc(ReqWorkFileSrcCreateEnc* pReq, int nAppend);
+    void ServeFileSrcCreate(ReqWorkFileSrcCreate* pReq, const std::string& strMd5, int nAppend);
+    void SendFileSrcToServerCreateFailed(int nRet, const ReqWorkFileSrcCreate& req, int nAppend);
+    void SendFileSrcToServerCreate2Failed(int nRet, const ReqWorkFileSrcCreate& req, int nAppend);
+    void SendFileSrcToServerDeleteFailed(int nRet, const ReqWorkFileSrcDelete& req, int nAppend);
+
     // Timers of one pass, and the history sweep.
     void DealTimers(int& nGetNewWsLeft);
     void SweepHistory(std::map<unsigned int, long>& mapHistory, time_t tNow);
@@ -139,6 +150,7 @@ private:
     std::string m_strAgentVersion;
 
     CCmdExecuteManager m_taskManager;
+    CFileTransSvrManager m_fileTransSvrManager;
 
     // Guarded by m_lock: the encode block shared by every sender.
     brel_lib::CLock m_lock;

@@ -229,3 +229,4 @@ bool CSessionKeys::DecryptEncData(const char* szHandler, unsigned int nKeySn, co
 // The EncData records of the encrypted requests the session serves.
 template bool CSessionKeys::DecryptEncData(const char*, unsigned int, const AsnOcts&, ReqWorkCmdCreateEncData&);
 template bool CSessionKeys::DecryptEncData(const char*, unsigned int, const AsnOcts&, ReqWorkCmdSetActionEncData&);
+template bool CSessionKeys::DecryptEncData(const char*, unsigned int, const AsnOcts&, ReqWorkFileSrcCreateEncData&);

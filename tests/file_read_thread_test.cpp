@@ -1,0 +1,398 @@
+// The read threads of the file source, driven through their queue with the
+// answers taken from the send buffer: blocks and their digests, positions
+// beyond 4 GiB, the end of the file, look-aheads, heartbeats, the refusals,
+// and a connection whose peer takes nothing while another is served.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <string>
+
+#include "common/agent_globals.h"
+#include "data_buffer.h"
+#include "file_trans_svr/file_read_thread.h"
+#include "install_tree.h"
+#include "md5.h"
+#include "test_work_server.h"
+#include "zik_pkt.h"
+
+namespace {
+
+using agent_test::WriteFile;
+
+struct Answer {
+    int nConnectId = 0;
+    int nAppend = 0;
+    int ret = -1;
+    std::string strContent;
+    std::string strMd5;
+    unsigned long long lPos = 0;
+    unsigned long long lTotal = 0;
+    unsigned int nAccessBit = 0;
+    unsigned int nDstWorkId = 0;
+    unsigned int nSrcWorkId = 0;
+};
+
+unsigned long long Join(int nHigh, int nLow)
+{
+    return (static_cast<unsigned long long>(static_cast<unsigned int>(nHigh)) << 32) | static_cast<unsigned int>(nLow);
+}
+
+// Peers of the fake sockets: what each has taken, set by the test.
+std::map<int, long long>& TakenByFd()
+{
+    static std::map<int, long long> s_map;
+    return s_map;
+}
+std::mutex g_takenMutex;
+long long FakeTaken(int fd)
+{
+    std::lock_guard<std::mutex> lock(g_takenMutex);
+    auto it = TakenByFd().find(fd);
+    return it == TakenByFd().end() ? -1 : it->second;
+}
+
+class ReadThreadTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        char szDir[] = "/tmp/read_thread_test_XXXXXX";
+        ASSERT_NE(mkdtemp(szDir), nullptr);
+        m_strDir = szDir;
+        CFileReadThread::SetPeerTakenFun(FakeTaken);
+        ASSERT_EQ(m_thread.Start(), 0);
+    }
+    void TearDown() override
+    {
+        m_thread.Stop();
+        CFileReadThread::SetPeerTakenFun(nullptr);
+        g_bEnableMd5Calc = true;
+        std::string strCommand = "rm -rf '" + m_strDir + "'";
+        ASSERT_EQ(system(strCommand.c_str()), 0);
+    }
+
+    std::string File(const std::string& strName, const std::string& strData)
+    {
+        std::string strPath = m_strDir + "/" + strName;
+        WriteFile(strPath, strData);
+        return strPath;
+    }
+
+    void Get(const std::string& strPath, unsigned long long lPos, int nGetSize, int nGetNum,
+             unsigned int nConnectId = 7, bool bPreGet = false, int nSockFd = -1)
+    {
+        auto* pReq = new CFileReadThreadReqRead;
+        pReq->m_nSrcWorkId = 11;
+        pReq->m_nDstWorkId = 22;
+        pReq->m_strSrcFile = strPath;
+        pReq->m_nBeginPosHigh = static_cast<unsigned int>(lPos >> 32) | (bPreGet ? 0x80000000U : 0);
+        pReq->m_nBeginPosLow = static_cast<unsigned int>(lPos);
+        pReq->m_nGetSize = nGetSize;
+        pReq->m_nGetNum = nGetNum;
+        pReq->m_nNowAppend = 5;
+        pReq->m_nNowConnectId = nConnectId;
+        pReq->m_nSockFd = nSockFd;
+        m_thread.AddReq(pReq);
+    }
+
+    // The next answer; false when none comes within the time.
+    bool Next(Answer& out, int nTimeoutMs = 3000)
+    {
+        unsigned int nSize = 0;
+        int nAppend = 0;
+        char* p = static_cast<char*>(m_send.GetFrontAndPop2(nSize, nAppend, static_cast<unsigned int>(nTimeoutMs)));
+        if (p == nullptr) return false;
+        agent_test::TestWorkServer::Received received;
+        received.bytes.assign(p, p + nSize);
+        brel_lib::CDataBufferSTLDeque::FreePopData(p);
+        ZikPacket packet;
+        unsigned int nUsed = 0;
+        EXPECT_EQ(brel_lib::ParseFromBuffer(packet, nUsed, reinterpret_cast<char*>(received.bytes.data()), nSize), 0);
+        EXPECT_EQ(nUsed, nSize);
+        RspWorkFileAgentGet rsp;
+        EXPECT_TRUE(agent_test::DecodeBody(received, rsp));
+        out.nConnectId = nAppend;
+        out.nAppend = packet.append;
+        out.ret = rsp.ret;
+        out.strContent.assign(rsp.content.octs == nullptr ? "" : rsp.content.octs, rsp.content.octetLen);
+        out.strMd5.assign(rsp.md5.octs == nullptr ? "" : rsp.md5.octs, rsp.md5.octetLen);
+        out.lPos = Join(rsp.beginPosHigh, rsp.beginPosLow);
+        out.lTotal = Join(rsp.totalSizeHigh, rsp.totalSizeLow);
+        out.nAccessBit = static_cast<unsigned int>(rsp.srcFileAccessBit.value);
+        out.nDstWorkId = static_cast<unsigned int>(rsp.dstWorkId.value);
+        out.nSrcWorkId = static_cast<unsigned int>(rsp.srcWorkId.value);
+        return true;
+    }
+
+    bool NothingMore(int nMs = 300)
+    {
+        Answer a;
+        return !Next(a, nMs);
+    }
+
+    std::string m_strDir;
+    brel_lib::CDataBufferSTLDeque m_send{true, 0};  // the loop takes without waiting; the test waits
+    CFileReadThread m_thread{m_send, nullptr};
+};
+
+std::string Pattern(size_t n)
+{
+    std::string str(n, '\0');
+    for (size_t i = 0; i < n; ++i) str[i] = static_cast<char>('a' + (i * 7 + i / 251) % 26);
+    return str;
+}
+
+TEST_F(ReadThreadTest, BlocksCarryTheirDataPositionsAndDigests)
+{
+    std::string strData = Pattern(2500);
+    std::string strPath = File("f", strData);
+    chmod(strPath.c_str(), 0640);
+    Get(strPath, 0, 1000, 4);
+    // 1000, 1000, 500: the short read ends the request, no end mark follows.
+    for (unsigned long long lPos : {0ULL, 1000ULL, 2000ULL}) {
+        Answer a;
+        ASSERT_TRUE(Next(a));
+        EXPECT_EQ(a.ret, 0);
+        EXPECT_EQ(a.nConnectId, 7);
+        EXPECT_EQ(a.nAppend, 5);
+        EXPECT_EQ(a.nDstWorkId, 22u);
+        EXPECT_EQ(a.nSrcWorkId, 11u);
+        EXPECT_EQ(a.lPos, lPos);
+        EXPECT_EQ(a.lTotal, 2500u);
+        EXPECT_EQ(a.strContent, strData.substr(lPos, 1000));
+        EXPECT_EQ(a.strMd5, brel_lib::md5(a.strContent));
+        EXPECT_EQ(a.nAccessBit, 0640u);  // the get began at 0
+    }
+    EXPECT_TRUE(NothingMore());
+
+    // From elsewhere: no permission bits.
+    Get(strPath, 1, 10, 1);
+    Answer a;
+    ASSERT_TRUE(Next(a));
+    EXPECT_EQ(a.strContent, strData.substr(1, 10));
+    EXPECT_EQ(a.nAccessBit, 0u);
+}
+
+TEST_F(ReadThreadTest, AFileOfWholeBlocksEndsWithoutAMark)
+{
+    std::string strPath = File("f", Pattern(2000));
+    Get(strPath, 0, 1000, 4);
+    Answer a;
+    ASSERT_TRUE(Next(a));
+    ASSERT_TRUE(Next(a));
+    EXPECT_EQ(a.lPos, 1000u);
+    EXPECT_TRUE(NothingMore());
+}
+
+TEST_F(ReadThreadTest, TheEndOfTheFileIsAnEmptyAnswer)
+{
+    std::string strPath = File("f", Pattern(100));
+    Get(strPath, 100, 50, 3);
+    Answer a;
+    ASSERT_TRUE(Next(a));
+    EXPECT_EQ(a.ret, 0);
+    EXPECT_EQ(a.strContent, "");
+    EXPECT_EQ(a.strMd5, "");
+    EXPECT_EQ(a.lPos, 0u);
+    EXPECT_EQ(a.lTotal, 0u);
+    EXPECT_TRUE(NothingMore());
+
+    // An empty file from 0: the same, with its permission bits.
+    std::string strEmpty = File("empty", "");
+    chmod(strEmpty.c_str(), 0600);
+    Get(strEmpty, 0, 50, 3);
+    ASSERT_TRUE(Next(a));
+    EXPECT_EQ(a.ret, 0);
+    EXPECT_EQ(a.strContent, "");
+    EXPECT_EQ(a.nAccessBit, 0600u);
+}
+
+TEST_F(ReadThreadTest, PositionsBeyond4GiBTravelInTwoWords)
+{
+    std::string strPath = m_strDir + "/sparse";
+    int fd = open(strPath.c_str(), O_CREAT | O_WRONLY, 0644);
+    ASSERT_GE(fd, 0);
+    const unsigned long long lPos = (5ULL << 30) + 12345;  // 5 GiB and a bit, a hole below
+    std::string strTail = Pattern(3000);
+    ASSERT_EQ(pwrite(fd, strTail.data(), strTail.size(), static_cast<off_t>(lPos)),
+              static_cast<ssize_t>(strTail.size()));
+    close(fd);
+    Get(strPath, lPos + 1000, 1500, 2);
+    Answer a;
+    ASSERT_TRUE(Next(a));
+    EXPECT_EQ(a.lPos, lPos + 1000);
+    EXPECT_EQ(a.lTotal, lPos + 3000);
+    EXPECT_EQ(a.strContent, strTail.substr(1000, 1500));
+    EXPECT_EQ(a.strMd5, brel_lib::md5(a.strContent));
+    ASSERT_TRUE(Next(a));
+    EXPECT_EQ(a.lPos, lPos + 2500);
+    EXPECT_EQ(a.strContent, strTail.substr(2500));
+    // Inside the hole: zeros.
+    Get(strPath, 4ULL << 30, 16, 1);
+    ASSERT_TRUE(Next(a));
+    EXPECT_EQ(a.strContent, std::string(16, '\0'));
+    EXPECT_EQ(a.lPos, 4ULL << 30);
+}
+
+TEST_F(ReadThreadTest, ALookAheadBeyondTheEndIsNotAnswered)
+{
+    std::string strPath = File("f", Pattern(100));
+    Get(strPath, 101, 10, 1, 7, true);
+    EXPECT_TRUE(NothingMore());
+    Get(strPath, 101, 10, 1);  // the plain get is refused
+    Answer a;
+    ASSERT_TRUE(Next(a));
+    EXPECT_EQ(a.ret, 316);
+    EXPECT_EQ(a.lPos, 0u);
+    // A look-ahead inside the file is served from the position without its mark.
+    Get(strPath, 90, 10, 1, 7, true);
+    ASSERT_TRUE(Next(a));
+    EXPECT_EQ(a.ret, 0);
+    EXPECT_EQ(a.lPos, 90u);
+    EXPECT_EQ(a.strContent, Pattern(100).substr(90));
+}
+
+TEST_F(ReadThreadTest, HeartbeatsAndEmptyCountsGetNoAnswer)
+{
+    std::string strPath = File("f", Pattern(100));
+    Get(strPath, 0, 0, 5);  // a transfer heartbeat
+    Get(strPath, 0, 10, 0);  // no block wanted
+    Get(strPath, 0, 10, -3);
+    EXPECT_TRUE(NothingMore());
+}
+
+TEST_F(ReadThreadTest, WhatCanNotBeReadIsRefusedWith314)
+{
+    std::string strFile = File("f", Pattern(10));
+    std::string strLink = m_strDir + "/link";
+    ASSERT_EQ(symlink(strFile.c_str(), strLink.c_str()), 0);
+    std::string strFifo = m_strDir + "/fifo";
+    ASSERT_EQ(mkfifo(strFifo.c_str(), 0644), 0);
+    for (const std::string& strPath : {std::string(""), m_strDir + "/missing", m_strDir, strLink, strFifo}) {
+        Get(strPath, 0, 10, 1);
+        Answer a;
+        ASSERT_TRUE(Next(a)) << strPath;  // a FIFO does not block the thread
+        EXPECT_EQ(a.ret, 314) << strPath;
+        EXPECT_EQ(a.strContent, "");
+    }
+}
+
+TEST_F(ReadThreadTest, ABlockAboveThePacketLimitIsRefusedWith334)
+{
+    std::string strPath = File("f", Pattern(100));
+    for (int nGetSize : {0x8000001, -1, 0x7FFFFFFF}) {
+        Get(strPath, 0, nGetSize, 1);
+        Answer a;
+        ASSERT_TRUE(Next(a));
+        EXPECT_EQ(a.ret, 334);
+    }
+    // The limit itself is allowed; the file is short.
+    Get(strPath, 0, 0x8000000, 1);
+    Answer a;
+    ASSERT_TRUE(Next(a));
+    EXPECT_EQ(a.ret, 0);
+    EXPECT_EQ(a.strContent.size(), 100u);
+}
+
+TEST_F(ReadThreadTest, DigestsCanBeSwitchedOff)
+{
+    g_bEnableMd5Calc = false;
+    std::string strPath = File("f", Pattern(100));
+    Get(strPath, 0, 100, 1);
+    Answer a;
+    ASSERT_TRUE(Next(a));
+    EXPECT_EQ(a.strContent.size(), 100u);
+    EXPECT_EQ(a.strMd5, "");
+}
+
+TEST_F(ReadThreadTest, APeerThatTakesNothingWaitsWhileOthersAreServed)
+{
+    std::string strPath = File("big", Pattern(64 << 20));
+    const int nStalledFd = 1000, nLiveFd = 1001;
+    {
+        std::lock_guard<std::mutex> lock(g_takenMutex);
+        TakenByFd()[nStalledFd] = 0;
+        TakenByFd()[nLiveFd] = 0;
+    }
+    // The stalled peer asks for all of it; the other for 1 MiB after it.
+    Get(strPath, 0, 512 * 1024, 128, 1, false, nStalledFd);
+    Get(strPath, 0, 512 * 1024, 2, 2, false, nLiveFd);
+    unsigned long long lStalledBytes = 0;
+    int nLive = 0;
+    int64_t lDeadline = agent_test::SteadyMs() + 10000;
+    while (nLive < 2 && agent_test::SteadyMs() < lDeadline) {
+        Answer a;
+        if (!Next(a, 100)) continue;
+        if (a.nConnectId == 1) lStalledBytes += a.strContent.size();
+        if (a.nConnectId == 2) ++nLive;
+    }
+    EXPECT_EQ(nLive, 2);
+    // The stalled connection stopped at its bound, one block beyond at most.
+    while (true) {
+        Answer a;
+        if (!Next(a, 300)) break;
+        if (a.nConnectId == 1) lStalledBytes += a.strContent.size();
+    }
+    EXPECT_GE(lStalledBytes, CFileReadThread::CONNECT_QUEUE_MAX - 512 * 1024);
+    EXPECT_LE(lStalledBytes, CFileReadThread::CONNECT_QUEUE_MAX + 512 * 1024);
+    EXPECT_EQ(m_thread.HeldRequests(), 1u);
+
+    // The peer takes what it has: the rest follows, in order.
+    {
+        std::lock_guard<std::mutex> lock(g_takenMutex);
+        TakenByFd()[nStalledFd] = 1LL << 40;
+    }
+    while (lStalledBytes < (64ULL << 20)) {
+        Answer a;
+        ASSERT_TRUE(Next(a, 3000));
+        ASSERT_EQ(a.lPos, lStalledBytes);
+        lStalledBytes += a.strContent.size();
+    }
+    EXPECT_TRUE(NothingMore());
+    EXPECT_EQ(m_thread.HeldRequests(), 0u);
+}
+
+TEST_F(ReadThreadTest, AConnectionWithTooManyWaitingRequestsIsForgotten)
+{
+    std::string strPath = File("big", Pattern(16 << 20));
+    {
+        std::lock_guard<std::mutex> lock(g_takenMutex);
+        TakenByFd()[1003] = 0;
+    }
+    // The first request fills the bound; the others wait, up to the limit.
+    for (size_t i = 0; i < CFileReadThread::CONNECT_HELD_MAX; ++i) Get(strPath, 0, 512 * 1024, 32, 4, false, 1003);
+    EXPECT_TRUE(agent_test::WaitUntil([&] { return m_thread.HeldRequests() == CFileReadThread::CONNECT_HELD_MAX; }, 5000));
+    while (true) {
+        Answer a;
+        if (!Next(a, 300)) break;
+    }
+    // One more: the connection's requests are all dropped.
+    Get(strPath, 0, 512 * 1024, 32, 4, false, 1003);
+    EXPECT_TRUE(agent_test::WaitUntil([&] { return m_thread.HeldRequests() == 0; }, 5000));
+}
+
+TEST_F(ReadThreadTest, AGoneConnectionDropsItsWaitingRequests)
+{
+    std::string strPath = File("big", Pattern(32 << 20));
+    {
+        std::lock_guard<std::mutex> lock(g_takenMutex);
+        TakenByFd()[1002] = 0;
+    }
+    Get(strPath, 0, 512 * 1024, 64, 3, false, 1002);
+    Get(strPath, 0, 512 * 1024, 64, 3, false, 1002);
+    while (true) {
+        Answer a;
+        if (!Next(a, 300)) break;
+    }
+    EXPECT_EQ(m_thread.HeldRequests(), 2u);
+    m_thread.AddReq(new CFileReadThreadReqForget(3));
+    EXPECT_TRUE(agent_test::WaitUntil([&] { return m_thread.HeldRequests() == 0; }, 3000));
+    EXPECT_TRUE(NothingMore());
+}
+
+} // namespace

@@ -1,0 +1,461 @@
+// The file source behind the server session, run in-process on a clock the
+// test moves: every reply code of a create and a delete, the port search,
+// the encrypted create with its expected MD5, repeats, the expiry of works
+// and the closing of an idle listener.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utime.h>
+
+#include <memory>
+
+#include "file_peer.h"
+#include "file_trans_cache/file_trans_cache.h"
+#include "md5.h"
+#include "server_crypto.h"
+#include "session_harness.h"
+
+using namespace agent_test;
+
+namespace {
+
+const int SERVER_IP = 0x0A0B0C0D;
+const int SERVER_ID = 42;
+
+unsigned int Loopback()
+{
+    unsigned int nIp = 0;
+    inet_pton(AF_INET, "127.0.0.1", &nIp);
+    return nIp;
+}
+
+class FileSource : public ::testing::Test {
+protected:
+    void Start(const std::string& strExtra = "", unsigned short nBeginPort = 0, bool bKeyPair = false)
+    {
+        m_nPort = nBeginPort != 0 ? nBeginPort : FreePortPair();
+        ASSERT_NE(m_nPort, 0);
+        m_pSession = std::make_unique<SessionHarness>(
+            "heartbeat_second = 100000\nwork_history_keep_second = 100\nfile_trans_svr_bind_ip = 127.0.0.1\n"
+            "file_trans_svr_begin_bind_port = " +
+            std::to_string(m_nPort) + "\n" + strExtra);
+        // The session asks for a key at its first pass: the key file must be there.
+        if (bKeyPair) {
+            ASSERT_TRUE(MakeRsaKeyPair(Session().Path("private.pem"), Session().Path("etc/publickey.pem")));
+        }
+        Session().Start();
+    }
+
+    SessionHarness& Session() { return *m_pSession; }
+
+    std::string File(const std::string& strName, const std::string& strData, mode_t nMode = 0644)
+    {
+        std::string strPath = Session().Path(strName);
+        WriteFile(strPath, strData);
+        chmod(strPath.c_str(), nMode);
+        return strPath;
+    }
+
+    template <class T>
+    void Route(T& req)
+    {
+        req.routeDstAgentId = 77;
+        req.routeSrcServerIp = SERVER_IP;
+        req.routeSrcServerId = SERVER_ID;
+    }
+
+    void SendCreate(unsigned int nWorkId, const std::string& strPath, int nFlag, unsigned int nDstIp = 0)
+    {
+        ReqWorkFileSrcCreate req;
+        req.workId = static_cast<int>(nWorkId);
+        req.srcFile.Set(strPath.data(), strPath.size());
+        req.dstIp = static_cast<int>(nDstIp);
+        req.flag = nFlag;
+        Route(req);
+        Session().Send(req, 31);
+    }
+
+    // A create answered by RspWorkFileSrcCreate: its ret, or -1 for no reply.
+    int Create(unsigned int nWorkId, const std::string& strPath, int nFlag = 0, RspWorkFileSrcCreate* pRsp = nullptr,
+               int nTimeoutMs = 3000)
+    {
+        SendCreate(nWorkId, strPath, nFlag);
+        RspWorkFileSrcCreate rsp;
+        if (!Session().Next(rsp, nTimeoutMs)) return -1;
+        EXPECT_EQ(static_cast<unsigned int>(rsp.workId.value), nWorkId);
+        EXPECT_EQ(rsp.routeDstServerIp.value, SERVER_IP);
+        EXPECT_EQ(rsp.routeDstServerId.value, SERVER_ID);
+        EXPECT_EQ(rsp.routeSrcAgentId.value, 77);
+        if (pRsp != nullptr) *pRsp = rsp;
+        return rsp.ret;
+    }
+
+    int Create2(unsigned int nWorkId, const std::string& strPath, int nFlag, RspWorkFileSrcCreate2* pRsp = nullptr)
+    {
+        SendCreate(nWorkId, strPath, nFlag | 0x200);
+        RspWorkFileSrcCreate2 rsp;
+        if (!Session().Next(rsp)) return -1;
+        EXPECT_EQ(static_cast<unsigned int>(rsp.workId.value), nWorkId);
+        if (pRsp != nullptr) *pRsp = rsp;
+        return rsp.ret;
+    }
+
+    int Delete(unsigned int nWorkId, int nTimeoutMs = 3000)
+    {
+        ReqWorkFileSrcDelete req;
+        req.workId = static_cast<int>(nWorkId);
+        Route(req);
+        Session().Send(req, 32);
+        RspWorkFileSrcDelete rsp;
+        if (!Session().Next(rsp, nTimeoutMs)) return -1;
+        EXPECT_EQ(static_cast<unsigned int>(rsp.workId.value), nWorkId);
+        EXPECT_EQ(rsp.routeDstServerIp.value, SERVER_IP);
+        return rsp.ret;
+    }
+
+    bool Logged(const std::string& strText, int nTimeoutMs = 3000)
+    {
+        return WaitUntil([&] { return Session().ReadLog().find(strText) != std::string::npos; }, nTimeoutMs);
+    }
+
+    std::unique_ptr<SessionHarness> m_pSession;
+    unsigned short m_nPort = 0;
+};
+
+TEST_F(FileSource, ACreateAnswersWithTheListenerAndTheFile)
+{
+    Start();
+    std::string strPath = File("f", std::string(5000, 'x'));
+    struct stat st;
+    ASSERT_EQ(stat(strPath.c_str(), &st), 0);
+    RspWorkFileSrcCreate2 rsp2;
+    ASSERT_EQ(Create2(1, strPath, 0, &rsp2), 0);
+    ASSERT_EQ(rsp2.srcServerIp.Count(), 1);
+    EXPECT_EQ(static_cast<unsigned int>(rsp2.srcServerIp.First()->value), Loopback());
+    EXPECT_EQ(rsp2.srcServerPort.value, m_nPort);
+    EXPECT_EQ(rsp2.modifyTime.value, static_cast<int>(st.st_mtime));
+    EXPECT_EQ(rsp2.totalSizeHigh.value, 0);
+    EXPECT_EQ(rsp2.totalSizeLow.value, 5000);
+    EXPECT_EQ(rsp2.routeDstServerIp.value, SERVER_IP);
+
+    // A second work shares the listener.
+    RspWorkFileSrcCreate rsp;
+    ASSERT_EQ(Create(2, strPath, 0, &rsp), 0);
+    EXPECT_EQ(static_cast<unsigned int>(rsp.srcServerIp.value), Loopback());
+    EXPECT_EQ(rsp.srcServerPort.value, m_nPort);
+    FilePeer peer;
+    EXPECT_TRUE(peer.Connect(m_nPort, 2000));
+
+    // A repeated create of a known work is answered by silence.
+    EXPECT_EQ(Create(2, strPath, 0, nullptr, 500), -1);
+}
+
+TEST_F(FileSource, AFileThatCanNotBeStatedGets329)
+{
+    Start();
+    RspWorkFileSrcCreate2 rsp2;
+    EXPECT_EQ(Create2(1, Session().Path("missing"), 0, &rsp2), 329);
+    EXPECT_EQ(rsp2.srcServerIp.Count(), 0);
+    EXPECT_EQ(rsp2.srcServerPort.value, 0);
+    RspWorkFileSrcCreate rsp;
+    EXPECT_EQ(Create(2, Session().Path("missing"), 0, &rsp), 329);
+    EXPECT_EQ(rsp.srcServerIp.value, 0);
+    // Remembered although it failed: a repeat gets no answer.
+    EXPECT_EQ(Create(2, Session().Path("missing"), 0, nullptr, 500), -1);
+}
+
+TEST_F(FileSource, TheUserDaemonMustReadWhatAskedFor)
+{
+    Start();
+    std::string strPrivate = File("private", "x", 0600);  // root's
+    std::string strOpen = File("open", "x", 0604);
+    EXPECT_EQ(Create(1, strPrivate, 0x8000), 338);
+    EXPECT_EQ(Create(2, strOpen, 0x8000), 0);
+    EXPECT_EQ(Create(3, strPrivate, 0), 0);  // no check asked
+    EXPECT_EQ(Create(4, strPrivate, 0x8400), 0);  // a file of the cache: no check
+}
+
+TEST_F(FileSource, TheLimitOfWorksGives302)
+{
+    Start("file_trans_svr_max_concurrent = 2\n");
+    std::string strPath = File("f", "x");
+    EXPECT_EQ(Create(1, strPath), 0);
+    EXPECT_EQ(Create(2, strPath), 0);
+    EXPECT_EQ(Create(3, strPath), 302);
+    EXPECT_EQ(Delete(1), 0);
+    EXPECT_EQ(Create(4, strPath), 0);
+}
+
+TEST_F(FileSource, ATakenPortMakesTheSearchTryTheNextLowerOne)
+{
+    unsigned short nPort = FreePortPair();
+    ASSERT_NE(nPort, 0);
+    PortHolder holder(nPort);
+    ASSERT_TRUE(holder.Own());
+    Start("", nPort);
+    RspWorkFileSrcCreate rsp;
+    ASSERT_EQ(Create(1, File("f", "x"), 0, &rsp), 0);
+    EXPECT_EQ(rsp.srcServerPort.value, nPort - 1);
+    FilePeer peer;
+    EXPECT_TRUE(peer.Connect(static_cast<unsigned short>(nPort - 1), 2000));
+}
+
+TEST_F(FileSource, AllPortsTakenGives313AndTheWorkStays)
+{
+    // The search ends at 1025: from 1030 down, every port is held (by the
+    // test, or by whoever has it already).
+    std::vector<std::unique_ptr<PortHolder>> vecHolders;
+    for (unsigned short nPort = 1025; nPort <= 1030; ++nPort) vecHolders.push_back(std::make_unique<PortHolder>(nPort));
+    Start("", 1030);
+    std::string strPath = File("f", "x");
+    RspWorkFileSrcCreate rsp;
+    EXPECT_EQ(Create(1, strPath, 0, &rsp), 313);
+    EXPECT_EQ(rsp.srcServerPort.value, 0);
+    EXPECT_EQ(Create(1, strPath, 0, nullptr, 500), -1);  // remembered
+    // The history forgets the id while the work itself is still there.
+    Session().AdvanceClock(200);
+    EXPECT_EQ(Create(1, strPath), 323);
+}
+
+TEST_F(FileSource, DeletesAnswer300ForUnknownWorksAndNothingForFlag0x40)
+{
+    Start();
+    std::string strPath = File("f", "x");
+    EXPECT_EQ(Delete(9), 300);
+    EXPECT_EQ(Delete(9, 500), -1);  // remembered: silence
+    ASSERT_EQ(Create(1, strPath), 0);
+    EXPECT_EQ(Delete(1), 0);
+    ASSERT_EQ(Create(2, strPath, 0x40), 0);
+    EXPECT_EQ(Delete(2, 500), -1);
+    EXPECT_TRUE(Logged("CFileTransSvrManager::Delete(work id: 2)"));
+}
+
+TEST_F(FileSource, WorksThatNobodyReadsExpireButATwinInUseIsSpared)
+{
+    Start("file_trans_svr_not_get_keep_second_before_auto_delete = 100\n");
+    std::string strPath = File("f", "x");
+    ASSERT_EQ(Create(1, strPath), 0);
+    ASSERT_EQ(Create(2, strPath), 0);  // twins: same file, same destination
+    ASSERT_EQ(Create(3, File("g", "y")), 0);
+    FilePeer peer;
+    ASSERT_TRUE(peer.Connect(m_nPort, 2000));
+    Session().AdvanceClock(50);
+    ASSERT_TRUE(peer.Heartbeat(1, 500));
+    ASSERT_TRUE(Logged("UpdateClientInfo(work id: 1, dst work id: 500"));
+    Session().AdvanceClock(60);  // 110 s: work 3 goes, work 2 is spared by its twin
+    ASSERT_TRUE(Logged("auto delete work, it not get data in very many time, work id: 3"));
+    Session().AdvanceClock(11);
+    EXPECT_EQ(Session().ReadLog().find("very many time, work id: 2"), std::string::npos);
+    // Work 1 goes quiet: it goes, with its connection, and its twin with it.
+    Session().AdvanceClock(50);
+    EXPECT_TRUE(Logged("very many time, work id: 1"));
+    EXPECT_TRUE(Logged("very many time, work id: 2"));
+    EXPECT_TRUE(peer.WaitClosedBySource(3000));
+    EXPECT_EQ(Delete(2), 300);
+}
+
+TEST_F(FileSource, AnIdleListenerClosesAfterItsKeepTime)
+{
+    Start("file_trans_svr_thread_keep_timeout_second = 100\n");
+    std::string strPath = File("f", "x");
+    ASSERT_EQ(Create(1, strPath), 0);
+    ASSERT_EQ(Delete(1), 0);
+    Session().AdvanceClock(50);
+    FilePeer peer;
+    EXPECT_TRUE(peer.Connect(m_nPort, 2000));
+    Session().AdvanceClock(60);
+    ASSERT_TRUE(Logged("we close the server listen, timeout: 100s"));
+    EXPECT_TRUE(peer.WaitClosedBySource(3000));
+    EXPECT_FALSE(peer.Connect(m_nPort, 2000));
+    // The next create opens it again.
+    RspWorkFileSrcCreate rsp;
+    ASSERT_EQ(Create(2, strPath, 0, &rsp), 0);
+    EXPECT_EQ(rsp.srcServerPort.value, m_nPort);
+    EXPECT_TRUE(peer.Connect(m_nPort, 2000));
+}
+
+TEST_F(FileSource, TheOptInCheckServesAWorkOnlyItsPathAndItsDestination)
+{
+    Start("file_trans_svr_check_client = 1\n");
+    std::string strPath = File("f", "data");
+    std::string strOther = File("g", "other");
+    unsigned int nElsewhere = 0x0900000A;  // 10.0.0.9, as inet_pton leaves it
+    SendCreate(1, strPath, 0, Loopback());
+    RspWorkFileSrcCreate rsp;
+    ASSERT_TRUE(Session().Next(rsp));
+    SendCreate(2, strPath, 0, nElsewhere);
+    ASSERT_TRUE(Session().Next(rsp));
+
+    FilePeer mine, wrongPath, wrongPeer;
+    ASSERT_TRUE(mine.Connect(m_nPort, 2000));
+    ASSERT_TRUE(mine.Get(1, 5, strPath, 0, 10, 1));
+    FileBlock block;
+    ASSERT_TRUE(mine.Next(block, 3000));
+    EXPECT_EQ(block.strContent, "data");
+    ASSERT_TRUE(wrongPath.Connect(m_nPort, 2000));
+    ASSERT_TRUE(wrongPath.Get(1, 5, strOther, 0, 10, 1));
+    EXPECT_TRUE(wrongPath.WaitClosedBySource(3000));
+    ASSERT_TRUE(wrongPeer.Connect(m_nPort, 2000));
+    ASSERT_TRUE(wrongPeer.Get(2, 5, strPath, 0, 10, 1));
+    EXPECT_TRUE(wrongPeer.WaitClosedBySource(3000));
+}
+
+TEST_F(FileSource, WithoutTheCheckAnyPathIsReadForAKnownWork)
+{
+    Start();
+    std::string strPath = File("f", "data");
+    std::string strOther = File("g", "other");
+    SendCreate(1, strPath, 0, 0x0900000A);
+    RspWorkFileSrcCreate rsp;
+    ASSERT_TRUE(Session().Next(rsp));
+    FilePeer peer;
+    ASSERT_TRUE(peer.Connect(m_nPort, 2000));
+    ASSERT_TRUE(peer.Get(1, 5, strOther, 0, 10, 1));
+    FileBlock block;
+    ASSERT_TRUE(peer.Next(block, 3000));
+    EXPECT_EQ(block.strContent, "other");
+}
+
+TEST_F(FileSource, AFileOfTheCacheIsRenewedByItsOfferAndItsReaders)
+{
+    Start("cache_max_size = 300\n");
+    std::vector<std::string> vecFiles;
+    for (const char* szName : {"cache/a", "cache/b", "cache/c"}) {
+        vecFiles.push_back(File(szName, std::string(100, 'c')));
+        ASSERT_EQ(g_fileTransCache.AddToCache(vecFiles.back(), 100, 0), vecFiles.back());
+        g_fileTransCache.SetCacheFileFinish(vecFiles.back());
+        Session().AdvanceClock(10);
+    }
+    std::string strId;
+    bool bComplete = false;
+    unsigned int nThread = 0;
+    auto has = [&](const std::string& strPath) {
+        return g_fileTransCache.GetFromCache(strId, bComplete, nThread, strPath);
+    };
+    // The offer of a makes it the youngest: room for one more takes b.
+    ASSERT_EQ(Create(1, vecFiles[0], 0x400), 0);
+    std::string strD = Session().Path("cache/d");
+    ASSERT_EQ(g_fileTransCache.AddToCache(strD, 100, 0), strD);
+    EXPECT_TRUE(has(vecFiles[0]));
+    EXPECT_FALSE(has(vecFiles[1]));
+    // The offer of c makes it younger than a, until a reader of a's work comes.
+    Session().AdvanceClock(10);
+    ASSERT_EQ(Create(2, vecFiles[2], 0x400), 0);
+    Session().AdvanceClock(10);
+    FilePeer peer;
+    ASSERT_TRUE(peer.Connect(m_nPort, 2000));
+    ASSERT_TRUE(peer.Heartbeat(1, 7));
+    ASSERT_TRUE(Logged("UpdateClientInfo(work id: 1, dst work id: 7"));
+    std::string strE = Session().Path("cache/e");
+    ASSERT_EQ(g_fileTransCache.AddToCache(strE, 100, 0), strE);
+    EXPECT_TRUE(has(vecFiles[0]));
+    EXPECT_FALSE(has(vecFiles[2]));
+}
+
+// The encrypted create: the session key first, then creates with fileMd5.
+class FileSourceEnc : public FileSource {
+protected:
+    void StartWithKey(const std::string& strExtra = "")
+    {
+        Start(strExtra, 0, true);
+        std::string strPrivate = Session().Path("private.pem");
+        ReqSessionKey req;
+        ASSERT_TRUE(Session().Next(req, 5000));
+        ReqSessionKeyEncData data;
+        ASSERT_TRUE(
+            DecodeRecord(RsaPrivateDecrypt(strPrivate, std::string(req.encData.octs, req.encData.octetLen)), data));
+        RspSessionKeyEncData answer;
+        answer.keyData.ReSet(m_strKey.data(), m_strKey.size());
+        answer.keyId = 77;
+        answer.keySn = data.keySn;
+        answer.validSecond = 1000000;
+        std::string strEnc =
+            AesEncrypt(std::string(data.oldKeyData.octs, data.oldKeyData.octetLen), EncodeRecord(answer));
+        RspSessionKey rsp;
+        rsp.moduleType = 2;
+        rsp.keyId = 77;
+        rsp.encData.ReSet(strEnc.data(), strEnc.size());
+        Session().Send(rsp);
+        RspSessionKeyUsed used;
+        ASSERT_TRUE(Session().Next(used, 3000));
+        m_nKeySn = static_cast<unsigned int>(data.keySn.value);
+    }
+
+    int CreateEnc(unsigned int nWorkId, const std::string& strPath, const std::string& strMd5, int nFlag = 0,
+                  int nTimeoutMs = 5000)
+    {
+        ReqWorkFileSrcCreateEncData data;
+        data.srcFile.Set(strPath.data(), strPath.size());
+        data.fileMd5.Set(strMd5.data(), strMd5.size());
+        data.flag = nFlag;
+        std::string strEnc = AesEncrypt(m_strKey, EncodeRecord(data));
+        ReqWorkFileSrcCreateEnc req;
+        req.encData.ReSet(strEnc.data(), strEnc.size());
+        req.keySn = static_cast<int>(m_nKeySn);
+        req.workId = static_cast<int>(nWorkId);
+        Route(req);
+        Session().Send(req, 33);
+        RspWorkFileSrcCreate rsp;
+        if (!Session().Next(rsp, nTimeoutMs)) return -1;
+        EXPECT_EQ(static_cast<unsigned int>(rsp.workId.value), nWorkId);
+        EXPECT_EQ(rsp.routeDstServerIp.value, SERVER_IP);
+        return rsp.ret;
+    }
+
+    std::string m_strKey = "0123456789abcdef";
+    unsigned int m_nKeySn = 0;
+};
+
+TEST_F(FileSourceEnc, TheExpectedMd5IsChecked)
+{
+    StartWithKey();
+    std::string strData(3 * 1048576 + 17, 'q');
+    std::string strPath = File("f", strData);
+    EXPECT_EQ(CreateEnc(1, strPath, brel_lib::md5("other")), 335);
+    EXPECT_EQ(CreateEnc(2, strPath, brel_lib::md5(strData)), 0);
+    EXPECT_EQ(CreateEnc(3, strPath, ""), 0);  // no check asked
+    EXPECT_TRUE(Logged("CProcessCommon::ReqFileSrcCreateEnc(file md5: " + brel_lib::md5(strData) + ")"));
+}
+
+TEST_F(FileSourceEnc, WhatCanNotBeSummedGets314WithoutBlocking)
+{
+    StartWithKey();
+    std::string strFifo = Session().Path("fifo");
+    ASSERT_EQ(mkfifo(strFifo.c_str(), 0644), 0);
+    std::string strDir = Session().Path("dir");
+    ASSERT_EQ(mkdir(strDir.c_str(), 0755), 0);
+    EXPECT_EQ(CreateEnc(1, strFifo, brel_lib::md5("x")), 314);
+    EXPECT_EQ(CreateEnc(2, strDir, brel_lib::md5("x")), 314);
+    EXPECT_EQ(CreateEnc(3, Session().Path("missing"), brel_lib::md5("x")), 329);
+}
+
+TEST_F(FileSourceEnc, AChangedFileFails335UntilItsSumIsForgotten)
+{
+    StartWithKey();
+    std::string strPath = File("f", "first");
+    EXPECT_EQ(CreateEnc(1, strPath, brel_lib::md5("first")), 0);
+    WriteFile(strPath, "second");
+    struct utimbuf times = {1000, 1000};
+    ASSERT_EQ(utime(strPath.c_str(), &times), 0);
+    EXPECT_EQ(CreateEnc(2, strPath, brel_lib::md5("second")), 335);
+    Session().AdvanceClock(1800);
+    EXPECT_EQ(CreateEnc(3, strPath, brel_lib::md5("second")), 335);
+    // An hour after the sum was taken, at the next clean-up, it is taken anew.
+    Session().AdvanceClock(1900);
+    EXPECT_TRUE(WaitUntil(
+        [&] { return CreateEnc(100 + rand() % 100000, strPath, brel_lib::md5("second"), 0, 1000) == 0; }, 5000));
+}
+
+TEST_F(FileSourceEnc, AFileAboveTheCheckLimitPassesUnchecked)
+{
+    StartWithKey("file_trans_svr_check_md5_max_size = 10\n");
+    std::string strPath = File("f", std::string(11, 'z'));
+    EXPECT_EQ(CreateEnc(1, strPath, brel_lib::md5("wrong")), 0);
+    std::string strSmall = File("s", std::string(10, 'z'));
+    EXPECT_EQ(CreateEnc(2, strSmall, brel_lib::md5("wrong")), 335);
+}
+
+} // namespace
