@@ -1,7 +1,8 @@
 #!/bin/bash
 # Builds and runs every test: a plain build, then one with AddressSanitizer
 # and UndefinedBehaviorSanitizer, then one with ThreadSanitizer, then a short
-# fuzz run of the decoders.
+# fuzz run of the decoders. After the plain build's tests it builds, installs,
+# tries and purges the Debian packages (tools/package_test.sh).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash tools/setup_deps.sh
@@ -20,6 +21,9 @@ echo "=== plain build ==="
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DAGENT_TESTS=ON -DAGENT_BENCH=ON >/dev/null
 ninja -C build
 run_ctest build --timeout 300
+
+echo "=== Debian packages ==="
+bash tools/package_test.sh build
 
 echo "=== AddressSanitizer and UndefinedBehaviorSanitizer build ==="
 cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DAGENT_SANITIZE=ON -DAGENT_TESTS=ON -DAGENT_BENCH=OFF >/dev/null
