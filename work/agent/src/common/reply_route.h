@@ -8,3 +8,14 @@ struct ReplyRoute {
     unsigned int nSrcServerIp = 0;  // becomes the reply's routeDstServerIp
     unsigned int nSrcServerId = 0;
 };
+
+// The route of a request of the server: its envelope's append and the server that sent it.
+template <class T>
+ReplyRoute RouteOf(const T& req, int nAppend)
+{
+    ReplyRoute route;
+    route.nAppend = nAppend;
+    route.nSrcServerIp = static_cast<unsigned int>(req.routeSrcServerIp.value);
+    route.nSrcServerId = static_cast<unsigned int>(req.routeSrcServerId.value);
+    return route;
+}

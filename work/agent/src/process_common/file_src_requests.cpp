@@ -6,20 +6,6 @@
 
 using namespace brel_lib;
 
-namespace {
-
-template <class T>
-ReplyRoute RouteOf(const T& req, int nAppend)
-{
-    ReplyRoute route;
-    route.nAppend = nAppend;
-    route.nSrcServerIp = static_cast<unsigned int>(req.routeSrcServerIp.value);
-    route.nSrcServerId = static_cast<unsigned int>(req.routeSrcServerId.value);
-    return route;
-}
-
-} // namespace
-
 void CProcessCommon::ReqFileSrcCreate(ReqWorkFileSrcCreate* pReq, int nAppend)
 {
     ServeFileSrcCreate(pReq, std::string(), nAppend);

@@ -48,17 +48,6 @@ void FillFromEncData(const ReqWorkCmdCreateEncData& data, ReqWorkCmdCreate& plai
 
 void FillFromEncData(const ReqWorkCmdSetActionEncData& data, ReqWorkCmdSetAction& plain) { plain.action = data.action; }
 
-// The route of a command request: its envelope's append and the server that sent it.
-template <class T>
-ReplyRoute RouteOf(const T& req, int nAppend)
-{
-    ReplyRoute route;
-    route.nAppend = nAppend;
-    route.nSrcServerIp = static_cast<unsigned int>(req.routeSrcServerIp.value);
-    route.nSrcServerId = static_cast<unsigned int>(req.routeSrcServerId.value);
-    return route;
-}
-
 } // namespace
 
 void GNetConnected(unsigned int, BREL_NET_CALLBACK_TYPE type, void* pAppend, int)
