@@ -13,6 +13,7 @@
 
 #include "agent_e2e.h"
 #include "file_peer.h"
+#include "file_transfer_e2e.h"
 #include "md5.h"
 
 using namespace agent_test;
@@ -81,28 +82,7 @@ protected:
     // A source work for the path; the port it is offered on, 0 on failure.
     unsigned short Offer(unsigned int nWorkId, const std::string& strPath, int nFlag = 0)
     {
-        size_t nBefore = Server().Packets().size();
-        ReqWorkFileSrcCreate req;
-        req.workId = static_cast<int>(nWorkId);
-        req.srcFile.Set(strPath.data(), strPath.size());
-        req.flag = nFlag;
-        EXPECT_TRUE(Server().Send(req, 3));
-        unsigned short nPort = 0;
-        EXPECT_TRUE(WaitUntil(
-            [&] {
-                std::vector<TestWorkServer::Received> packets = Server().Packets();
-                for (size_t i = nBefore; i < packets.size(); ++i) {
-                    RspWorkFileSrcCreate rsp;
-                    if (DecodeBody(packets[i], rsp) && static_cast<unsigned int>(rsp.workId.value) == nWorkId) {
-                        EXPECT_EQ(rsp.ret.value, 0);
-                        nPort = static_cast<unsigned short>(rsp.srcServerPort.value);
-                        return true;
-                    }
-                }
-                return false;
-            },
-            5000));
-        return nPort;
+        return OfferFile(Server(), nWorkId, strPath, nFlag);
     }
 
     // Reads the blocks of one get and checks each against the data.

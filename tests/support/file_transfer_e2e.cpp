@@ -46,17 +46,18 @@ unsigned int AgentFileTransfer::Loopback()
     return nIp;
 }
 
-unsigned short AgentFileTransfer::Offer(unsigned int nWorkId, const std::string& strPath)
+unsigned short OfferFile(TestWorkServer& server, unsigned int nWorkId, const std::string& strPath, int nFlag)
 {
-    size_t nBefore = SrcServer().Packets().size();
+    size_t nBefore = server.Packets().size();
     ReqWorkFileSrcCreate req;
     req.workId = static_cast<int>(nWorkId);
     req.srcFile.Set(strPath.data(), strPath.size());
-    EXPECT_TRUE(SrcServer().Send(req, 3));
+    req.flag = nFlag;
+    EXPECT_TRUE(server.Send(req, 3));
     unsigned short nPort = 0;
     EXPECT_TRUE(WaitUntil(
         [&] {
-            std::vector<TestWorkServer::Received> packets = SrcServer().Packets();
+            std::vector<TestWorkServer::Received> packets = server.Packets();
             for (size_t i = nBefore; i < packets.size(); ++i) {
                 RspWorkFileSrcCreate rsp;
                 if (DecodeBody(packets[i], rsp) && static_cast<unsigned int>(rsp.workId.value) == nWorkId) {
@@ -69,6 +70,11 @@ unsigned short AgentFileTransfer::Offer(unsigned int nWorkId, const std::string&
         },
         5000));
     return nPort;
+}
+
+unsigned short AgentFileTransfer::Offer(unsigned int nWorkId, const std::string& strPath)
+{
+    return OfferFile(SrcServer(), nWorkId, strPath);
 }
 
 void AgentFileTransfer::SendCreate(unsigned int nWorkId, const std::string& strSrcFile, const std::string& strDstPath,

@@ -13,6 +13,10 @@
 
 namespace agent_test {
 
+// Asks the agent behind the server for a source work for the path; the port it
+// offers the file on, 0 on failure.
+unsigned short OfferFile(TestWorkServer& server, unsigned int nWorkId, const std::string& strPath, int nFlag = 0);
+
 class AgentFileTransfer : public AgentEndToEnd {
 protected:
     void SetUp() override;
