@@ -132,6 +132,18 @@ protected:
             nTimeoutMs);
     }
 
+    // Starts the work, serves the whole file as one block with its digest, and gives the
+    // work's result; -1 when a step does not come.
+    int StartAndServeWhole(unsigned int nWorkId, const std::string& strContent)
+    {
+        if ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(nWorkId)) != 0) return -1;
+        ReqWorkFileAgentGet get;
+        if (!WaitGet(get)) return -1;
+        Answer(nWorkId, 0, strContent, strContent.size(), brel_lib::md5(strContent));
+        RspWorkFileDstQuery result;
+        return Result(nWorkId, result) ? result.ret.value : -1;
+    }
+
     // The source's side: waits for the n-th get, then answers with one block.
     bool WaitGet(ReqWorkFileAgentGet& get, size_t n = 1)
     {
@@ -190,13 +202,7 @@ TEST_F(FileDstSession, TheLimitCountsFinishedWorksAnd302RefusesMore)
     std::string strDst = S().Path("limit");
     SendCreate(1, strDst);
     ASSERT_EQ(CreateRet(1), 0);
-    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(1)), 0);
-    ReqWorkFileAgentGet get;
-    ASSERT_TRUE(WaitGet(get));
-    Answer(1, 0, "x", 1, brel_lib::md5("x"));
-    RspWorkFileDstQuery result;
-    ASSERT_TRUE(Result(1, result));
-    EXPECT_EQ(result.ret.value, 0);
+    EXPECT_EQ(StartAndServeWhole(1, "x"), 0);
     SendCreate(2, S().Path("limit2"));
     EXPECT_EQ(CreateRet(2), 302);
     EXPECT_EQ((Ask<ReqWorkFileDstDelete, RspWorkFileDstDelete>(1)), 0);
@@ -235,13 +241,7 @@ TEST_F(FileDstSession, AMissingDirectoryIs320AndIsNotMade)
     std::string strDst = S().Path("no/such/dir/file");
     SendCreate(9, strDst);
     ASSERT_EQ(CreateRet(9), 0);
-    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(9)), 0);
-    ReqWorkFileAgentGet get;
-    ASSERT_TRUE(WaitGet(get));
-    Answer(9, 0, "abc", 3, brel_lib::md5("abc"));
-    RspWorkFileDstQuery result;
-    ASSERT_TRUE(Result(9, result));
-    EXPECT_EQ(result.ret.value, 320);
+    EXPECT_EQ(StartAndServeWhole(9, "abc"), 320);
     struct stat st;
     EXPECT_NE(stat(S().Path("no").c_str(), &st), 0);
 }
@@ -252,13 +252,7 @@ TEST_F(FileDstSession, ADirectoryMadeOnRequestWith0x2000)
     std::string strDst = S().Path("made/on/request/file");
     SendCreate(10, strDst, 0x2000);
     ASSERT_EQ(CreateRet(10), 0);
-    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(10)), 0);
-    ReqWorkFileAgentGet get;
-    ASSERT_TRUE(WaitGet(get));
-    Answer(10, 0, "abc", 3, brel_lib::md5("abc"));
-    RspWorkFileDstQuery result;
-    ASSERT_TRUE(Result(10, result));
-    EXPECT_EQ(result.ret.value, 0);
+    EXPECT_EQ(StartAndServeWhole(10, "abc"), 0);
     EXPECT_EQ(ReadFile(strDst), "abc");
 }
 
@@ -358,13 +352,7 @@ TEST_F(FileDstSession, AnExistingFileIsTruncatedAndKeepsOwnerAndMode)
     chmod(strDst.c_str(), 0600);
     SendCreate(40, strDst);
     ASSERT_EQ(CreateRet(40), 0);
-    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(40)), 0);
-    ReqWorkFileAgentGet get;
-    ASSERT_TRUE(WaitGet(get));
-    Answer(40, 0, "new", 3, brel_lib::md5("new"));
-    RspWorkFileDstQuery result;
-    ASSERT_TRUE(Result(40, result));
-    EXPECT_EQ(result.ret.value, 0);
+    EXPECT_EQ(StartAndServeWhole(40, "new"), 0);
     EXPECT_EQ(ReadFile(strDst), "new");
     struct stat st;
     ASSERT_EQ(stat(strDst.c_str(), &st), 0);
@@ -496,13 +484,7 @@ TEST_F(FileDstSession, ALinkAtTheDestinationIsRefusedWhenNoFollowIsOn)
     ASSERT_EQ(symlink(strTarget.c_str(), strLink.c_str()), 0);
     SendCreate(70, strLink);
     ASSERT_EQ(CreateRet(70), 0);
-    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(70)), 0);
-    ReqWorkFileAgentGet get;
-    ASSERT_TRUE(WaitGet(get));
-    Answer(70, 0, "evil", 4, brel_lib::md5("evil"));
-    RspWorkFileDstQuery result;
-    ASSERT_TRUE(Result(70, result));
-    EXPECT_EQ(result.ret.value, 320);
+    EXPECT_EQ(StartAndServeWhole(70, "evil"), 320);
     EXPECT_EQ(ReadFile(strTarget), "keep");
 }
 
