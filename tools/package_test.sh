@@ -42,7 +42,9 @@ WORK=$(mktemp -d /tmp/package_test_XXXXXX)
 SERVER_PID=""
 AGENT_PID=""  # the agent the test started, until it is reaped
 DAEMON_PID="" # the agent a plain restart started
-PORT=$((20000 + $$ % 20000))
+# Below the kernel's ephemeral range (32768 and up), where the many connections of
+# the tests before may hold any port for a while; the start below moves on if taken.
+PORT=$((10000 + $$ % 20000))
 CONTROL=$WORK/work_server.sock
 
 fail() {
@@ -229,9 +231,17 @@ ok "an upgrade keeps the site's configuration and public key"
 
 # ---- a command through the unit's agent ----------------------------------------------
 
-"$BUILD/bin/work_server" serve --listen "127.0.0.1:$PORT" --control "$CONTROL" > "$WORK/work_server.out" 2>&1 9<&- &
-SERVER_PID=$!
-wait_for 10 test -S "$CONTROL" || fail "the work server did not start on 127.0.0.1:$PORT"
+for attempt in 1 2 3 4 5; do
+    "$BUILD/bin/work_server" serve --listen "127.0.0.1:$PORT" --control "$CONTROL" > "$WORK/work_server.out" 2>&1 9<&- &
+    SERVER_PID=$!
+    wait_for 10 sh -c "test -S '$CONTROL' || ! kill -0 $SERVER_PID 2>/dev/null" && test -S "$CONTROL" && break
+    kill "$SERVER_PID" 2> /dev/null || true
+    wait "$SERVER_PID" 2> /dev/null || true
+    SERVER_PID=""
+    PORT=$((PORT + 1))  # taken: the next one, and the agent's configuration with it
+    set_key server_port "$PORT"
+done
+[ -n "$SERVER_PID" ] || fail "the work server did not start on 127.0.0.1:$PORT: $(cat "$WORK/work_server.out")"
 start_agent unit
 # shellcheck disable=SC2016 # expanded by the agent's shell
 out=$("$BUILD/bin/work_server" run --control "$CONTROL" --agent 127.0.0.1 --user root --timeout 20 --wait 20 \
