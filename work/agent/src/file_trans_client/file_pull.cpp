@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/agent_counters.h"
 #include "common/agent_globals.h"
 #include "common/work_codes.h"
 #include "file_trans_cache/file_trans_cache.h"
@@ -232,6 +233,7 @@ void CFileWriteThread::RspFileAgentGet(RspWorkFileAgentGet* pPacket, unsigned in
         (static_cast<unsigned long long>(static_cast<unsigned int>(pPacket->totalSizeHigh.value)) << 32) |
         static_cast<unsigned int>(pPacket->totalSizeLow.value);
     m_lAllGetSize += nLength;
+    g_agentCounters.lFileBytesReceived.fetch_add(nLength, std::memory_order_relaxed);
 
     auto it = m_mapWork.find(nWorkId);
     if (it == m_mapWork.end()) {

@@ -122,6 +122,7 @@ void CFileWriteThread::Run()
             timePreTestNeedReGetAndAutoDelete = tNow;
             DealReGetAndAutoDelete();
         }
+        PublishStages();
     }
     for (auto& item : m_mapWork)
         if (item.second.nConnectId != 0) m_networkMultiClient.CloseClient(item.second.nConnectId);
@@ -133,6 +134,26 @@ void CFileWriteThread::Run()
         delete m_deqReq.front();
         m_deqReq.pop();
     }
+}
+
+// Works change only in this thread's passes: a count at the end of each is current.
+void CFileWriteThread::PublishStages()
+{
+    unsigned int nByStage[3] = {0, 0, 0};
+    for (const auto& item : m_mapWork)
+        if (item.second.nStatus <= WORK_FINISHED) ++nByStage[item.second.nStatus];
+    for (int i = 0; i < 3; ++i) m_nWorksByStage[i].store(nByStage[i], std::memory_order_relaxed);
+}
+
+void CFileWriteThread::CountWorks(unsigned int nByStage[3]) const
+{
+    for (int i = 0; i < 3; ++i) nByStage[i] += m_nWorksByStage[i].load(std::memory_order_relaxed);
+}
+
+unsigned int CFileWriteThread::QueuedRequests()
+{
+    CAutoLock lock(m_lock);
+    return m_deqReq.size();
 }
 
 void CFileWriteThread::SetNowFrom(const FileWriteReqRoute& req)
