@@ -1,5 +1,6 @@
 #include "process_common/process_common.h"
 
+#include <malloc.h>
 #include <stdlib.h>
 
 #include "common/agent_clock.h"
@@ -268,8 +269,12 @@ void CProcessCommon::DealTimers(int& nGetNewWsLeft)
     PullBack(m_timePreSweepHistory, tNow);
     if (tNow - m_timePreSweepHistory > HISTORY_SWEEP_SECOND) {
         m_timePreSweepHistory = tNow;
+        size_t nBefore = m_mapCreatedWorkId.size() + m_mapDeletedWorkId.size();
         SweepHistory(m_mapCreatedWorkId, tNow);
         SweepHistory(m_mapDeletedWorkId, tNow);
+        // The maps hold every id of a sweep period, so a burst of requests leaves
+        // thousands of freed nodes: give their pages back rather than keep the peak.
+        if (m_mapCreatedWorkId.size() + m_mapDeletedWorkId.size() < nBefore) malloc_trim(0);
     }
     g_fileTransCache.DealAutoDelete(tNow);
     if (m_metrics.Due(tNow)) WriteMetrics(tNow);
