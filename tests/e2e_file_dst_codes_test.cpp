@@ -3,8 +3,9 @@
 // test plays the source with a second test work server that answers the gets
 // as scripted, so that it can send what a real source never would: a wrong
 // digest, blocks sized to fill a small disk. A small disk and a passwd without
-// `daemon` come from a mount namespace of the agent's own; the slow link is a
-// rate limit on the loopback of a network namespace of the test's own.
+// `daemon` come from a mount namespace of the agent's own, the minutes that the
+// history sweep needs from libfaketime, and the slow link from a rate limit on
+// the loopback of a network namespace of the test's own.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
