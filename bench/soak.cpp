@@ -47,8 +47,10 @@ const unsigned int WARM_UP_ROUND_COMMANDS = 500;
 const unsigned int WARM_UP_ROUND_TRANSFERS = 5;
 // Longer than a sweep of the history of work ids (179 s), after which the
 // agent gives the freed pages back, and than the data buffers keep idle spare
-// blocks (10 s): both samples see the same settled agent.
+// blocks (10 s): both samples see the same settled agent. A run whose memory
+// is not judged waits for the spare blocks only.
 const int SETTLE_AGENT_SECOND = 200;
+const int SETTLE_SPARE_AGENT_SECOND = 12;
 const int REPLY_TIMEOUT_MS = 30000;
 // Work ids of the two sides of the transfers, above those of the commands.
 const unsigned int SRC_WORK_BASE = 3000000;
@@ -237,6 +239,7 @@ bool RunTransfer(Agent& src, Agent& dst, unsigned int nNumber, const std::string
 
 struct Footprint {
     long lHeapKiB = -1;  // the allocator's bytes in use, -1 without gdb
+    long lTrimmedRssKiB = -1;  // VmRSS once the allocator gave its free pages back
     long lRssKiB = 0;
     long lRssAnonKiB = 0;
     long lFds = 0;
@@ -282,11 +285,13 @@ long CountZombieChildren(pid_t pid)
 // The heap in use, which tells a leak (it grows) from the allocator's
 // fragmentation and high-water mark (the resident set grows, it does not):
 // gdb makes the agent print its malloc_stats to its standard output, whose
-// last total is read back. -1 where gdb is missing or failed.
-long HeapInUseKiB(pid_t pid, const std::string& strStdout)
+// last total is read back; at the end, after the judged sample, it also
+// trims its heap, which shows how much of the resident set was free heap.
+// -1 where gdb is missing or failed.
+long HeapInUseKiB(pid_t pid, const std::string& strStdout, bool bTrim)
 {
-    std::string strCommand = "timeout 30 gdb -p " + std::to_string(pid) +
-                             " -batch -ex 'call (void)malloc_stats()' >/dev/null 2>&1";
+    std::string strCommand = "timeout 60 gdb -p " + std::to_string(pid) + " -batch -ex 'call (void)malloc_stats()'" +
+                             (bTrim ? " -ex 'call (int)malloc_trim(0)'" : "") + " >/dev/null 2>&1";
     if (system(strCommand.c_str()) != 0) return -1;
     std::string strOut = ReadFile(strStdout);
     size_t nPos = strOut.rfind("Total (incl. mmap):");
@@ -339,6 +344,8 @@ bool JudgeAgent(const char* szAgent, const Footprint& s, const Footprint& e)
     if (s.lHeapKiB >= 0 && e.lHeapKiB >= 0) {
         printf("%-12s %-16s %10ld %10ld %+10ld\n", szAgent, "heap in use KiB", s.lHeapKiB, e.lHeapKiB,
                e.lHeapKiB - s.lHeapKiB);
+        printf("%-12s %-16s %10s %10ld %10s   (at the end, after malloc_trim)\n", szAgent, "VmRSS trimmed", "",
+               e.lTrimmedRssKiB, "");
     }
     bPass = Judge(szAgent, "descriptors", s.lFds, e.lFds, false) && bPass;
     bPass = Judge(szAgent, "threads", s.lThreads, e.lThreads, false) && bPass;
@@ -431,7 +438,8 @@ int main()
     // Warm-up, outside the counts, with one settle half-way: the first blocks
     // allocated after the spare pool gave its blocks back come from the heap
     // for good, and that step belongs before the first sample.
-    const int nSettleMs = static_cast<int>(SETTLE_AGENT_SECOND * 1000 / dRate) + 2000;
+    const int nSettleMs =
+        static_cast<int>((g_bJudgeMemory ? SETTLE_AGENT_SECOND : SETTLE_SPARE_AGENT_SECOND) * 1000 / dRate) + 2000;
     const int64_t lWarmUpMs = static_cast<int64_t>(EnvDouble("SOAK_WARM_UP_SECOND", WARM_UP_AGENT_SECOND / dRate) * 1000);
     unsigned int nNextId = 1, nNextTransfer = 0;
     bool bSettled = false;
@@ -451,8 +459,8 @@ int main()
     SleepMs(nSettleMs);
     cmd.Poll();
     Footprint cmdStart = Sample(cmd.pid), srcStart = Sample(src.pid);
-    cmdStart.lHeapKiB = HeapInUseKiB(cmd.pid, cmd.tree.StdoutPath());
-    srcStart.lHeapKiB = HeapInUseKiB(src.pid, src.tree.StdoutPath());
+    cmdStart.lHeapKiB = HeapInUseKiB(cmd.pid, cmd.tree.StdoutPath(), false);
+    srcStart.lHeapKiB = HeapInUseKiB(src.pid, src.tree.StdoutPath(), false);
     long lHeartbeatsStart = cmd.lHeartbeats;
 
     int64_t lBegin = SteadyMs();
@@ -471,8 +479,10 @@ int main()
     long lHeartbeats = cmd.lHeartbeats - lHeartbeatsStart;
     SleepMs(nSettleMs);
     Footprint cmdEnd = Sample(cmd.pid), srcEnd = Sample(src.pid);
-    cmdEnd.lHeapKiB = HeapInUseKiB(cmd.pid, cmd.tree.StdoutPath());
-    srcEnd.lHeapKiB = HeapInUseKiB(src.pid, src.tree.StdoutPath());
+    cmdEnd.lHeapKiB = HeapInUseKiB(cmd.pid, cmd.tree.StdoutPath(), true);
+    cmdEnd.lTrimmedRssKiB = Sample(cmd.pid).lRssKiB;
+    srcEnd.lHeapKiB = HeapInUseKiB(src.pid, src.tree.StdoutPath(), true);
+    srcEnd.lTrimmedRssKiB = Sample(src.pid).lRssKiB;
     double dAllSecond = static_cast<double>(SteadyMs() - lBegin) / 1000.0;
 
     printf("warm-up: %u commands, %u transfers\n", nNextId - 1, nNextTransfer);
