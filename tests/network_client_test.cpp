@@ -17,6 +17,7 @@
 
 #include "install_tree.h"
 #include "log.h"
+#include "loop_harness.h"
 #include "tcp_peer.h"
 #include "util.h"
 
@@ -62,14 +63,7 @@ protected:
         return n;
     }
 
-    std::string ReadLog() const { return ReadFile(m_dir.Path("link.log")); }
-    int CountLog(const std::string& strText) const
-    {
-        std::string strLog = ReadLog();
-        int n = 0;
-        for (size_t nPos = strLog.find(strText); nPos != std::string::npos; nPos = strLog.find(strText, nPos + 1)) ++n;
-        return n;
-    }
+    int CountLog(const std::string& strText) const { return CountOf(ReadFile(m_dir.Path("link.log")), strText); }
 
     void Push(const std::vector<unsigned char>& packet)
     {
@@ -98,12 +92,8 @@ protected:
 // A socket connected to the peer, the peer's end accepted.
 int ConnectTo(TcpPeer& peer)
 {
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(peer.Port());
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 || !peer.Accept(3000)) {
+    int fd = ConnectLoopback(peer.Port());
+    if (fd >= 0 && !peer.Accept(3000)) {
         close(fd);
         return -1;
     }
@@ -286,19 +276,8 @@ TEST_F(LinkTest, StopIsNoticedWhileSleepingAndWhileConnecting)
     EXPECT_EQ(m_link.Stop(), 0);
     EXPECT_LT(GetNowMilliSecond() - lStart, 3000u);  // far below the 10 s it would otherwise wait
 
-    // A listener whose backlog is full lets a connect hang.
-    TcpPeer full(0, 0);
-    std::vector<int> fillers;
-    for (int i = 0; i < 4; ++i) {
-        int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_port = htons(full.Port());
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
-        fillers.push_back(fd);
-    }
-    SleepMs(100);
+    FullBacklogListener full;
+    ASSERT_TRUE(full.Full());
     CDataBufferSTLDeque rev(true, 0), send(false, 0);
     CNetworkClientBrel link(rev, send, false);
     link.SetConnectTimeout(10000);
@@ -308,7 +287,6 @@ TEST_F(LinkTest, StopIsNoticedWhileSleepingAndWhileConnecting)
     lStart = GetNowMilliSecond();
     EXPECT_EQ(link.Stop(), 0);
     EXPECT_LT(GetNowMilliSecond() - lStart, 3000u);  // far below the 10 s it would otherwise wait
-    for (int fd : fillers) close(fd);
 
     // With an empty list the link waits and still stops at once.
     CNetworkClientBrel empty(rev, send, false);

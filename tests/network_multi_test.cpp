@@ -33,48 +33,6 @@ extern char** environ;
 
 namespace {
 
-// A listener whose accept queue is full: later SYNs are dropped, so a connect
-// to it neither succeeds nor fails until its own time limit.
-class FullBacklogListener {
-public:
-    FullBacklogListener()
-    {
-        m_fdListen = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        bind(m_fdListen, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
-        listen(m_fdListen, 0);
-        socklen_t nLen = sizeof(addr);
-        getsockname(m_fdListen, reinterpret_cast<sockaddr*>(&addr), &nLen);
-        m_nPort = ntohs(addr.sin_port);
-        // Fill the queue until a connect hangs.
-        for (int i = 0; i < 8; ++i) {
-            int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-            connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
-            m_vecFill.push_back(fd);
-            pollfd p{fd, POLLOUT, 0};
-            if (poll(&p, 1, 300) == 0) {
-                m_bFull = true;
-                break;
-            }
-        }
-    }
-    ~FullBacklogListener()
-    {
-        for (int fd : m_vecFill) close(fd);
-        close(m_fdListen);
-    }
-    unsigned short Port() const { return m_nPort; }
-    bool Full() const { return m_bFull; }
-
-private:
-    int m_fdListen = -1;
-    unsigned short m_nPort = 0;
-    bool m_bFull = false;
-    std::vector<int> m_vecFill;
-};
-
 class MultiLoopTest : public ::testing::Test {
 protected:
     MultiLoopTest()
@@ -85,10 +43,7 @@ protected:
 
     void SetUp() override
     {
-        char szDir[] = "/tmp/multi_loop_test_XXXXXX";
-        ASSERT_NE(mkdtemp(szDir), nullptr);
-        m_strDir = szDir;
-        LogFile(m_strDir + "/loop");
+        LogFile(m_dir.Path("loop"));
         LogLevel(LOG_LEVEL_DEBUG);
         m_serverEvents.Attach(m_server);
         m_clientEvents.Attach(m_client);
@@ -100,25 +55,10 @@ protected:
         m_server.Stop();
         SetBrelRecvPacketMaxSize(0);
         LogFile("");
-        std::string strCommand = "rm -rf " + m_strDir;
-        ASSERT_EQ(system(strCommand.c_str()), 0);
     }
 
-    void StartServer()
-    {
-        ASSERT_EQ(m_server.CreateServer("127.0.0.1", m_nServerPort), 0);
-        std::string strIp;
-        ASSERT_EQ(m_server.GetListenIpPort(strIp, m_nServerPort), 0);
-        ASSERT_EQ(m_server.Start(), 0);
-    }
-
-    int CountLog(const std::string& strText) const
-    {
-        std::string strLog = ReadFile(m_strDir + "/loop.log");
-        int n = 0;
-        for (size_t nPos = strLog.find(strText); nPos != std::string::npos; nPos = strLog.find(strText, nPos + 1)) ++n;
-        return n;
-    }
+    void StartServer() { ASSERT_NE(m_nServerPort = StartOnLoopback(m_server), 0); }
+    int CountLog(const std::string& strText) const { return CountOf(ReadFile(m_dir.Path("loop.log")), strText); }
 
     // The id the server gave to the connection from a client's local port.
     unsigned int ServerIdOf(unsigned short nClientPort, int nTimeoutMs = 10000)
@@ -135,7 +75,7 @@ protected:
         return nId;
     }
 
-    std::string m_strDir;
+    TempDir m_dir{"multi_loop_test_"};
     unsigned short m_nServerPort = 0;
     CDataBufferSTLDeque m_serverRev, m_serverSend;
     CNetworkServerBrel m_server;
@@ -531,11 +471,8 @@ TEST_F(MultiLoopTest, DestroyingARunningLoopStopsItAndClosesItsConnections)
     {
         CNetworkServerBrel server(rev, send, 4096);
         events.Attach(server);
-        ASSERT_EQ(server.CreateServer("127.0.0.1", 0), 0);
-        std::string strIp;
-        unsigned short nPort = 0;
-        ASSERT_EQ(server.GetListenIpPort(strIp, nPort), 0);
-        ASSERT_EQ(server.Start(), 0);
+        unsigned short nPort = StartOnLoopback(server);
+        ASSERT_NE(nPort, 0);
         pClient.reset(new PlainClient(nPort));
         ASSERT_TRUE(events.WaitCount(BREL_CONNECT_NEW_CLIENT, 1, 5000));
         PushTo(send, events.Events()[0].nConnectId, FramedPacket(100, 1));
@@ -600,10 +537,7 @@ TEST_F(MultiLoopTest, AcceptOutOfDescriptorsBacksOffInsteadOfSpinning)
         }
     } filler{limit, {}};
     for (int fd = dup(fdWaiting); fd >= 0; fd = dup(fdWaiting)) filler.vecFill.push_back(fd);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(m_nServerPort);
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in addr = LoopbackAddr(m_nServerPort);
     int nConnect = connect(fdWaiting, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
 
     long nBefore = CpuTicks();
@@ -652,8 +586,7 @@ TEST_F(MultiLoopTest, LoopsStopAndStartAgainWhileClientsConnect)
         ASSERT_EQ(m_server.Stop(), 0);
         ASSERT_EQ(m_client.Stop(), 0);
         SleepMs(30);
-        ASSERT_EQ(m_server.CreateServer("127.0.0.1", m_nServerPort), 0);
-        ASSERT_EQ(m_server.Start(), 0);
+        ASSERT_EQ(StartOnLoopback(m_server, m_nServerPort), m_nServerPort);
         ASSERT_EQ(m_client.Start(), 0);
     }
     bRun = false;

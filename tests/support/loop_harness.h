@@ -29,6 +29,7 @@
 #include "install_tree.h"
 #include "network/socket.h"
 #include "network/network_multi.h"
+#include "network/network_server.h"
 
 namespace agent_test {
 
@@ -108,17 +109,88 @@ inline int64_t HarnessNowMs()
         .count();
 }
 
+inline sockaddr_in LoopbackAddr(unsigned short nPort)
+{
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(nPort);
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return addr;
+}
+
+// A blocking socket connected to the port of 127.0.0.1; -1 when the connect fails.
+inline int ConnectLoopback(unsigned short nPort)
+{
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr = LoopbackAddr(nPort);
+    if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+        close(fd);
+        fd = -1;
+    }
+    return fd;
+}
+
+// Binds the server loop to a port of 127.0.0.1 the kernel picks and starts it; the port, 0 on failure.
+inline unsigned short StartOnLoopback(brel_lib::CNetworkServerBrel& server, unsigned short nPort = 0)
+{
+    std::string strIp;
+    if (server.CreateServer("127.0.0.1", nPort) != 0 || server.GetListenIpPort(strIp, nPort) != 0) return 0;
+    return server.Start() == 0 ? nPort : 0;
+}
+
+// How many times the text holds the needle.
+inline int CountOf(const std::string& strText, const std::string& strNeedle)
+{
+    int n = 0;
+    for (size_t nPos = strText.find(strNeedle); nPos != std::string::npos; nPos = strText.find(strNeedle, nPos + 1)) ++n;
+    return n;
+}
+
+// A listener whose accept queue is full: later SYNs are dropped, so a connect
+// to it neither succeeds nor fails until its own time limit.
+class FullBacklogListener {
+public:
+    FullBacklogListener()
+    {
+        m_fdListen = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in addr = LoopbackAddr(0);
+        bind(m_fdListen, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+        listen(m_fdListen, 0);
+        socklen_t nLen = sizeof(addr);
+        getsockname(m_fdListen, reinterpret_cast<sockaddr*>(&addr), &nLen);
+        m_nPort = ntohs(addr.sin_port);
+        // Fill the queue until a connect hangs.
+        for (int i = 0; i < 8; ++i) {
+            int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+            connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+            m_vecFill.push_back(fd);
+            pollfd p{fd, POLLOUT, 0};
+            if (poll(&p, 1, 300) == 0) {
+                m_bFull = true;
+                break;
+            }
+        }
+    }
+    ~FullBacklogListener()
+    {
+        for (int fd : m_vecFill) close(fd);
+        close(m_fdListen);
+    }
+    unsigned short Port() const { return m_nPort; }
+    bool Full() const { return m_bFull; }
+
+private:
+    int m_fdListen = -1;
+    unsigned short m_nPort = 0;
+    bool m_bFull = false;
+    std::vector<int> m_vecFill;
+};
+
 // A blocking TCP client of 127.0.0.1 that reads packets by the stream framing.
 class PlainClient {
 public:
-    explicit PlainClient(unsigned short nPort)
+    explicit PlainClient(unsigned short nPort) : m_fd(ConnectLoopback(nPort))
     {
-        m_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_port = htons(nPort);
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        if (connect(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) Close();
         if (m_fd >= 0) {
             int nOn = 1;
             setsockopt(m_fd, IPPROTO_TCP, TCP_NODELAY, &nOn, sizeof(nOn));
