@@ -118,10 +118,12 @@ inline sockaddr_in LoopbackAddr(unsigned short nPort)
     return addr;
 }
 
-// A blocking socket connected to the port of 127.0.0.1; -1 when the connect fails.
-inline int ConnectLoopback(unsigned short nPort)
+// A blocking socket connected to the port of 127.0.0.1, with the receive
+// buffer's size when one is given; -1 when the connect fails.
+inline int ConnectLoopback(unsigned short nPort, int nReceiveBuf = 0)
 {
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd >= 0 && nReceiveBuf > 0) setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &nReceiveBuf, sizeof(nReceiveBuf));
     sockaddr_in addr = LoopbackAddr(nPort);
     if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
         close(fd);
@@ -189,7 +191,7 @@ private:
 // A blocking TCP client of 127.0.0.1 that reads packets by the stream framing.
 class PlainClient {
 public:
-    explicit PlainClient(unsigned short nPort) : m_fd(ConnectLoopback(nPort))
+    explicit PlainClient(unsigned short nPort, int nReceiveBuf = 0) : m_fd(ConnectLoopback(nPort, nReceiveBuf))
     {
         if (m_fd >= 0) {
             int nOn = 1;
