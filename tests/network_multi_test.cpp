@@ -164,13 +164,8 @@ TEST_F(MultiLoopTest, BlocksBuiltInPlaceCrossBothLoopsWholeAndInOrder)
     for (int nRound = 0; nRound < 2; ++nRound) {
         for (unsigned int nSize : sizes) {
             for (int c = 0; c < 2; ++c) {
-                std::vector<unsigned char> packet(nSize);
-                unsigned int nContent = nSize - 6;
-                packet[0] = 0x30;
-                packet[1] = 0x84;
-                for (int i = 0; i < 4; ++i) packet[2 + i] = static_cast<unsigned char>(nContent >> (24 - 8 * i));
-                unsigned int nSeed = static_cast<unsigned int>(vecSent[c].size() * 2 + c);
-                for (unsigned int i = 6; i < nSize; ++i) packet[i] = static_cast<unsigned char>(i * 131 + nSeed);
+                std::vector<unsigned char> packet =
+                    PatternPacket(nSize, static_cast<unsigned int>(vecSent[c].size() * 2 + c));
                 char* pBlock = static_cast<char*>(CDataBufferSTLDeque::AllocBlock(nSize));
                 ASSERT_NE(pBlock, nullptr);
                 memcpy(pBlock, packet.data(), nSize);

@@ -9,12 +9,14 @@
 #include <vector>
 
 #include "data_buffer.h"
+#include "loop_harness.h"
 #include "network/connection.h"
 #include "network/token_bucket.h"
 #include "tcp_peer.h"
 
 using namespace brel_lib;
 using agent_test::FramedPacket;
+using agent_test::PatternPacket;
 
 namespace {
 
@@ -222,18 +224,6 @@ TEST(Framing, LengthFromTheHead)
     EXPECT_EQ(Length({0x30, 0x85, 0, 0, 0, 0, 1}), -1);
     EXPECT_EQ(Length({0x30, 0x84, 0x08, 0x00, 0x00, 0x00}), -1);  // above the largest packet
     EXPECT_EQ(Length({0x30, 0x84, 0x07, 0xff, 0xff, 0xfa}), static_cast<int>(MAX_LEN));
-}
-
-// A packet of nTotal bytes in all whose content tells where it sits.
-std::vector<unsigned char> PatternPacket(unsigned int nTotal, unsigned int nSeed)
-{
-    std::vector<unsigned char> p(nTotal);
-    unsigned int nContent = nTotal - 6;
-    p[0] = 0x30;
-    p[1] = 0x84;
-    for (int i = 0; i < 4; ++i) p[2 + i] = static_cast<unsigned char>(nContent >> (24 - 8 * i));
-    for (unsigned int i = 6; i < nTotal; ++i) p[i] = static_cast<unsigned char>(i * 31 + nSeed);
-    return p;
 }
 
 // Takes one packet; its block's address in pBlock.

@@ -298,6 +298,18 @@ private:
     std::vector<unsigned char> m_vecPending;
 };
 
+// A packet of nTotal bytes in all (a four-byte length) whose content tells where it sits.
+inline std::vector<unsigned char> PatternPacket(unsigned int nTotal, unsigned int nSeed)
+{
+    std::vector<unsigned char> p(nTotal);
+    unsigned int nContent = nTotal - 6;
+    p[0] = 0x30;
+    p[1] = 0x84;
+    for (int i = 0; i < 4; ++i) p[2 + i] = static_cast<unsigned char>(nContent >> (24 - 8 * i));
+    for (unsigned int i = 6; i < nTotal; ++i) p[i] = static_cast<unsigned char>(i * 31 + nSeed);
+    return p;
+}
+
 // Takes one block; false on timeout.
 inline bool TakePacket(brel_lib::CDataBufferSTLDeque& buffer, unsigned int nTimeoutMs, int& nAppend,
                        std::vector<unsigned char>& packet)
