@@ -30,6 +30,7 @@
 #include "network/socket.h"
 #include "network/network_multi.h"
 #include "network/network_server.h"
+#include "network/packet_listener.h"
 
 namespace agent_test {
 
@@ -191,74 +192,46 @@ private:
 // A blocking TCP client of 127.0.0.1 that reads packets by the stream framing.
 class PlainClient {
 public:
-    explicit PlainClient(unsigned short nPort, int nReceiveBuf = 0) : m_fd(ConnectLoopback(nPort, nReceiveBuf))
+    explicit PlainClient(unsigned short nPort, int nReceiveBuf = 0)
     {
-        if (m_fd >= 0) {
-            int nOn = 1;
-            setsockopt(m_fd, IPPROTO_TCP, TCP_NODELAY, &nOn, sizeof(nOn));
-        }
+        m_conn.Attach(ConnectLoopback(nPort, nReceiveBuf));
+        int nOn = 1;
+        if (Connected()) setsockopt(Fd(), IPPROTO_TCP, TCP_NODELAY, &nOn, sizeof(nOn));
     }
-    ~PlainClient() { Close(); }
     PlainClient(const PlainClient&) = delete;
     PlainClient& operator=(const PlainClient&) = delete;
 
-    bool Connected() const { return m_fd >= 0; }
-    int Fd() const { return m_fd; }
-    void Close()
-    {
-        if (m_fd >= 0) close(m_fd);
-        m_fd = -1;
-    }
+    bool Connected() const { return m_conn.IsOpen(); }
+    int Fd() const { return m_conn.GetSocket(); }
+    void Close() { m_conn.Close(); }
     unsigned short LocalPort() const
     {
         sockaddr_in addr{};
         socklen_t nLen = sizeof(addr);
-        getsockname(m_fd, reinterpret_cast<sockaddr*>(&addr), &nLen);
+        getsockname(Fd(), reinterpret_cast<sockaddr*>(&addr), &nLen);
         return ntohs(addr.sin_port);
     }
 
-    bool Write(const std::vector<unsigned char>& bytes)
-    {
-        size_t nDone = 0;
-        while (nDone < bytes.size()) {
-            ssize_t n = send(m_fd, bytes.data() + nDone, bytes.size() - nDone, MSG_NOSIGNAL);
-            if (n <= 0) return false;
-            nDone += static_cast<size_t>(n);
-        }
-        return true;
-    }
+    bool Write(const std::vector<unsigned char>& bytes) { return m_conn.WriteAll(bytes.data(), bytes.size()) == 0; }
 
     // One whole packet, or empty on timeout, close or a broken stream.
     std::vector<unsigned char> ReadPacket(int nTimeoutMs)
     {
-        int64_t lDeadline = HarnessNowMs() + nTimeoutMs;
-        while (true) {
-            int n = brel_lib::asn_packet_complete(m_vecPending.data(), static_cast<unsigned int>(m_vecPending.size()));
-            if (n < 0) return {};
-            if (n > 0) {
-                std::vector<unsigned char> packet(m_vecPending.begin(), m_vecPending.begin() + n);
-                m_vecPending.erase(m_vecPending.begin(), m_vecPending.begin() + n);
-                return packet;
-            }
-            if (ReadSome(static_cast<int>(lDeadline - HarnessNowMs())) <= 0) return {};
-        }
+        std::vector<unsigned char> packet;
+        return m_conn.ReadPacket(packet, nTimeoutMs) == 1 ? packet : std::vector<unsigned char>();
     }
 
     // Reads whatever arrives until nBytes are in or the time is up; the count read.
     size_t ReadCount(size_t nBytes, int nTimeoutMs)
     {
         int64_t lDeadline = HarnessNowMs() + nTimeoutMs;
-        size_t nTotal = m_vecPending.size();
-        m_vecPending.clear();
-        while (nTotal < nBytes) {
+        size_t nTotal = 0;
+        while (true) {
+            nTotal += m_conn.Pending().size();
+            m_conn.Pending().clear();
             int nLeft = static_cast<int>(lDeadline - HarnessNowMs());
-            if (nLeft <= 0) break;
-            ssize_t n = ReadSome(nLeft);
-            if (n <= 0) break;
-            nTotal += m_vecPending.size();
-            m_vecPending.clear();
+            if (nTotal >= nBytes || nLeft <= 0 || m_conn.ReadSome(nLeft) <= 0) return nTotal;
         }
-        return nTotal;
     }
 
     // True when the peer closed (or reset) the connection within the time.
@@ -267,35 +240,14 @@ public:
         int64_t lDeadline = HarnessNowMs() + nTimeoutMs;
         while (true) {
             int nLeft = static_cast<int>(lDeadline - HarnessNowMs());
-            if (nLeft <= 0) return false;
-            ssize_t n = ReadSome(nLeft);
-            if (n == 0 || (n < 0 && m_bLastReadFailed)) return true;
-            if (n < 0) return false;
-            m_vecPending.clear();
+            int n = nLeft > 0 ? m_conn.ReadSome(nLeft) : -1;
+            if (n <= 0) return n == 0;
+            m_conn.Pending().clear();
         }
     }
 
 private:
-    // >0 bytes appended, 0 closed by the peer, -1 timeout or failure.
-    ssize_t ReadSome(int nTimeoutMs)
-    {
-        m_bLastReadFailed = false;
-        if (m_fd < 0 || nTimeoutMs <= 0) return -1;
-        pollfd p{m_fd, POLLIN, 0};
-        if (poll(&p, 1, nTimeoutMs) != 1) return -1;
-        unsigned char buf[65536];
-        ssize_t n = read(m_fd, buf, sizeof(buf));
-        if (n < 0) {
-            m_bLastReadFailed = true;
-            return -1;
-        }
-        m_vecPending.insert(m_vecPending.end(), buf, buf + n);
-        return n;
-    }
-
-    int m_fd = -1;
-    bool m_bLastReadFailed = false;
-    std::vector<unsigned char> m_vecPending;
+    brel_lib::CPacketConnection m_conn;
 };
 
 // A packet of nTotal bytes in all (a four-byte length) whose content tells where it sits.
