@@ -65,6 +65,14 @@ protected:
 
     int CountLog(const std::string& strText) const { return CountOf(ReadFile(m_dir.Path("link.log")), strText); }
 
+    // The link started with the peer as its one server, and the peer's end accepted.
+    void ConnectLink(TcpPeer& peer)
+    {
+        m_link.AddServer("127.0.0.1", peer.Port());
+        ASSERT_EQ(m_link.Start(true), 0);
+        ASSERT_TRUE(peer.Accept(3000));
+    }
+
     void Push(const std::vector<unsigned char>& packet)
     {
         m_send.Push(packet.data(), static_cast<unsigned int>(packet.size()), BREL_DATA_NORMAL_PRI);
@@ -144,9 +152,7 @@ TEST_F(LinkTest, ConnectsSendsAndReceivesWholePackets)
 TEST_F(LinkTest, AddressesAreThoseNotedAtTheConnectNotOfTheDescriptorNumber)
 {
     TcpPeer server, stranger;
-    m_link.AddServer("127.0.0.1", server.Port());
-    ASSERT_EQ(m_link.Start(true), 0);
-    ASSERT_TRUE(server.Accept(3000));
+    ConnectLink(server);
     ASSERT_TRUE(WaitUntil([&] { return CountEvents(BREL_CONNECT_OK) == 1; }, 2000));
     std::string strIp, strLocalIp;
     unsigned short nPort = 0, nLocalPort = 0;
@@ -251,9 +257,7 @@ TEST_F(LinkTest, FlagsActDuringTheSleepBetweenAttempts)
 TEST_F(LinkTest, PeerCloseAndBadFramingGiveAReconnect)
 {
     TcpPeer peer;
-    m_link.AddServer("127.0.0.1", peer.Port());
-    ASSERT_EQ(m_link.Start(true), 0);
-    ASSERT_TRUE(peer.Accept(3000));
+    ConnectLink(peer);
     peer.CloseConnection();
     ASSERT_TRUE(peer.Accept(3000));  // the same server again
     EXPECT_TRUE(WaitUntil([&] { return CountEvents(BREL_CONNECT_CLOSE) == 1; }, 2000));
@@ -301,9 +305,7 @@ TEST_F(LinkTest, StopIsNoticedWhileSleepingAndWhileConnecting)
 TEST_F(LinkTest, InterruptedBlockGoesAgainWholeAndQueuedBlocksKeepTheirOrder)
 {
     TcpPeer peer;
-    m_link.AddServer("127.0.0.1", peer.Port());
-    ASSERT_EQ(m_link.Start(true), 0);
-    ASSERT_TRUE(peer.Accept(3000));
+    ConnectLink(peer);
     // Far more than the socket buffers hold: the send stops part way.
     std::vector<unsigned char> big = FramedPacket(32u << 20, 5);
     Push(big);
@@ -329,9 +331,7 @@ long ProcessCpuMs()
 TEST_F(LinkTest, AFullSocketWithBlocksQueuedDoesNotSpin)
 {
     TcpPeer peer;
-    m_link.AddServer("127.0.0.1", peer.Port());
-    ASSERT_EQ(m_link.Start(true), 0);
-    ASSERT_TRUE(peer.Accept(3000));
+    ConnectLink(peer);
     // The peer reads nothing: the socket fills while blocks wait in the send buffer, which
     // keeps its descriptor readable. The link must sleep on EPOLLOUT, not spin on that.
     std::vector<unsigned char> big = FramedPacket(16u << 20, 7);
@@ -357,9 +357,7 @@ TEST_F(LinkTest, SendBufferLimitDropsTheOldest)
         Push(p);
     }
     TcpPeer peer;
-    m_link.AddServer("127.0.0.1", peer.Port());
-    ASSERT_EQ(m_link.Start(true), 0);
-    ASSERT_TRUE(peer.Accept(3000));
+    ConnectLink(peer);
     for (int i = 5; i < 2005; ++i) {
         std::vector<unsigned char> p = peer.ReadPacket(3000);
         ASSERT_EQ(p.size(), 6u);
@@ -370,9 +368,7 @@ TEST_F(LinkTest, SendBufferLimitDropsTheOldest)
 TEST_F(LinkTest, LargePacketGrowsTheBufferAndAdjustGivesItBack)
 {
     TcpPeer peer;
-    m_link.AddServer("127.0.0.1", peer.Port());
-    ASSERT_EQ(m_link.Start(true), 0);
-    ASSERT_TRUE(peer.Accept(3000));
+    ConnectLink(peer);
     std::vector<unsigned char> big = FramedPacket(1 << 20, 3);
     ASSERT_TRUE(peer.Write(big));
     EXPECT_EQ(TakeReceived(5000), big);
@@ -388,9 +384,7 @@ TEST_F(LinkTest, LargePacketGrowsTheBufferAndAdjustGivesItBack)
 TEST_F(LinkTest, EmptyListOnSendEndsTheThreadAndForegroundRunBlocks)
 {
     TcpPeer peer;
-    m_link.AddServer("127.0.0.1", peer.Port());
-    ASSERT_EQ(m_link.Start(true), 0);
-    ASSERT_TRUE(peer.Accept(3000));
+    ConnectLink(peer);
     m_link.ClearServer();
     Push(FramedPacket(3, 1));
     EXPECT_TRUE(WaitUntil([&] { return m_link.GetThreadID() == 0; }, 2000));
