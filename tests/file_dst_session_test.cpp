@@ -21,6 +21,13 @@ unsigned int Loopback()
     return nIp;
 }
 
+size_t Occurrences(const std::string& strText, const std::string& strWhat)
+{
+    size_t n = 0;
+    for (size_t i = strText.find(strWhat); i != std::string::npos; i = strText.find(strWhat, i + 1)) ++n;
+    return n;
+}
+
 // The session with the destination, and a peer listening where the source would.
 class FileDstSession : public ::testing::Test {
 protected:
@@ -88,7 +95,7 @@ protected:
         S().Send(req, static_cast<int>(nWorkId));
     }
     void SendCreate2(unsigned int nWorkId, const std::string& strDstPath, int nFlag, unsigned long long lSize,
-                     const std::vector<unsigned int>& vecIp)
+                     const std::vector<unsigned int>& vecIp, int nTimeout = 0)
     {
         ReqWorkFileDstCreate2 req;
         req.workId = static_cast<int>(nWorkId);
@@ -101,6 +108,7 @@ protected:
         req.firstSrcFile = "/first/name";
         req.totalSizeHigh = static_cast<int>(lSize >> 32);
         req.totalSizeLow = static_cast<int>(lSize & 0xFFFFFFFFU);
+        req.timeout = nTimeout;
         S().Send(req, static_cast<int>(nWorkId));
     }
     template <class TRsp>
@@ -142,6 +150,18 @@ protected:
         Answer(nWorkId, 0, strContent, strContent.size(), brel_lib::md5(strContent));
         RspWorkFileDstQuery result;
         return Result(nWorkId, result) ? result.ret.value : -1;
+    }
+
+    // The first get that came on the peer's n-th connection.
+    bool GetOn(int nConnection, ReqWorkFileAgentGet& get)
+    {
+        return WaitUntil(
+            [&] {
+                for (const TestWorkServer::Received& received : m_source.Packets())
+                    if (received.nConnection == nConnection && DecodeBody(received, get)) return true;
+                return false;
+            },
+            5000);
     }
 
     // The source's side: waits for the n-th get, then answers with one block.
@@ -588,6 +608,114 @@ TEST_F(FileDstSession, TheSweepTimesOutRepeatsSilentGetsAndDropsUnstartedWorks)
     // Meanwhile the finished work has repeated its report for the period.
     ASSERT_TRUE(Result(90, result, 3000));
     EXPECT_EQ(result.ret.value, 324);
+}
+
+// Slaves end by their own time limits while the master pulls on: one is dropped
+// at its keep time and leaves the list, the other reports again with the
+// master's result when the master ends.
+TEST_F(FileDstSession, SlavesTimedOutAloneReportAgainAtTheMastersEndOrLeaveTheListWhenDropped)
+{
+    Begin("file_trans_client_finish_keep_second_before_auto_delete = 100\n"
+          "file_trans_client_reget_timeout_second = 100000\nfile_trans_client_reget_failed_timeout_second = 100000\n");
+    std::string strCacheId = S().Path("cache/lonely");
+    const std::string strContent(3000, 'x');
+    SendCreate2(100, strCacheId, 0x400, strContent.size(), {Loopback()});
+    EXPECT_EQ(CreateRet(100), 331);
+    ReqWorkFileAgentGet get;
+    ASSERT_TRUE(WaitGet(get));
+    SendCreate2(101, strCacheId, 0x400, strContent.size(), {Loopback()}, 20);   // dropped before the master ends
+    SendCreate2(102, strCacheId, 0x400, strContent.size(), {Loopback()});       // ends with the master only
+    SendCreate2(103, strCacheId, 0x400, strContent.size(), {Loopback()}, 100);  // ends alone, then with the master
+    for (unsigned int n = 101; n <= 103; ++n) EXPECT_EQ(CreateRet(n), 331) << n;
+    S().AdvanceClock(25);
+    RspWorkFileDstQuery result;
+    ASSERT_TRUE(Result(101, result));
+    EXPECT_EQ(result.ret.value, 324);
+    S().AdvanceClock(110);
+    ASSERT_TRUE(Result(103, result));
+    EXPECT_EQ(result.ret.value, 324);
+    ASSERT_TRUE(Result(101, result)) << "the last word of a dropped work is its report";
+    EXPECT_EQ((Ask<ReqWorkFileDstQuery, RspWorkFileDstQuery>(101)), 300);
+
+    Answer(100, 0, strContent, strContent.size(), brel_lib::md5(strContent));
+    for (unsigned int n : {100u, 102u, 103u}) {
+        ASSERT_TRUE(Result(n, result)) << n;
+        EXPECT_EQ(result.ret.value, 0) << n;
+    }
+    EXPECT_EQ(ReadFile(strCacheId), strContent);
+}
+
+// A file changed behind the master's back ends it twice with 322; the second
+// end finds no slaves any more, and the slave has ended once, with 322.
+TEST_F(FileDstSession, AMasterEndedTwiceEndsItsSlaveOnce)
+{
+    Begin();
+    std::string strCacheId = S().Path("cache/changed");
+    SendCreate2(110, strCacheId, 0x400, 3000, {Loopback()});
+    EXPECT_EQ(CreateRet(110), 331);
+    ReqWorkFileAgentGet get;
+    ASSERT_TRUE(WaitGet(get));
+    SendCreate2(111, strCacheId, 0x400, 3000, {Loopback()});
+    EXPECT_EQ(CreateRet(111), 331);
+    const std::string strBlock(1000, 'c');
+    Answer(110, 0, strBlock, 3000, brel_lib::md5(strBlock));
+    ASSERT_TRUE(WaitUntil([&] { return ReadFile(strCacheId).size() == 1000; }, 3000));
+    WriteFile(strCacheId, strBlock + "meddled");
+    Answer(110, 1000, strBlock, 3000, brel_lib::md5(strBlock));
+    RspWorkFileDstQuery result;
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_TRUE(Result(110, result)) << i;
+        EXPECT_EQ(result.ret.value, 322);
+    }
+    ASSERT_TRUE(Result(111, result));
+    EXPECT_EQ(result.ret.value, 322);
+    EXPECT_FALSE(Result(111, result, 500)) << "the slave ends once";
+    EXPECT_EQ((Ask<ReqWorkFileDstQuery, RspWorkFileDstQuery>(111)), 322);
+}
+
+// Connects that succeed don't give back the allowance of reconnects, a response
+// does: at 15 seconds the third sweep without a connection ends the work, 317.
+TEST_F(FileDstSession, OnlyAResponseRestoresTheReconnectsAndTheirEndIs317)
+{
+    Begin("file_trans_client_retry_connect_second = 15\n"
+          "file_trans_client_reget_timeout_second = 100000\nfile_trans_client_reget_failed_timeout_second = 100000\n");
+    SendCreate(130, S().Path("reconnected"));
+    ASSERT_EQ(CreateRet(130), 0);
+    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(130)), 0);
+    ReqWorkFileAgentGet get;
+    ASSERT_TRUE(GetOn(1, get));
+    const std::string strBlock(1000, 'r');
+    Answer(130, 0, strBlock, 3000, brel_lib::md5(strBlock));
+    ASSERT_TRUE(WaitUntil([&] { return ReadFile(S().Path("reconnected")).size() == 1000; }, 3000));
+    int nConnection = 1;
+    // The peer drops the link, and a sweep after its loss connects again.
+    auto lose = [&] {
+        m_source.DropConnection();
+        ASSERT_TRUE(WaitUntil(
+            [&] {
+                return Occurrences(S().ReadLog(), "the connect is closed, work id: 130") >=
+                       static_cast<size_t>(nConnection);
+            },
+            5000));
+        S().AdvanceClock(5);
+    };
+    for (int i = 0; i < 2; ++i) {
+        lose();
+        ASSERT_TRUE(GetOn(++nConnection, get));
+        EXPECT_EQ(get.beginPosLow.value, 1000) << "the work goes on where it stood";
+    }
+    Answer(130, 1000, strBlock, 3000, brel_lib::md5(strBlock));
+    for (int i = 0; i < 2; ++i) {
+        lose();
+        ASSERT_TRUE(GetOn(++nConnection, get)) << "the response gave the allowance back";
+        EXPECT_EQ(get.beginPosLow.value, 2000);
+    }
+    lose();
+    RspWorkFileDstQuery result;
+    ASSERT_TRUE(Result(130, result));
+    EXPECT_EQ(result.ret.value, 317);
+    EXPECT_EQ(result.okSizeLow.value, 2000);
+    EXPECT_EQ(m_source.Connections(), nConnection);
 }
 
 } // namespace
