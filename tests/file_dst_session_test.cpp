@@ -718,4 +718,39 @@ TEST_F(FileDstSession, OnlyAResponseRestoresTheReconnectsAndTheirEndIs317)
     EXPECT_EQ(m_source.Connections(), nConnection);
 }
 
+// A clock set back an hour pulls the stored times back with it: neither the
+// time limit nor the keep time of a finished work fires early, nor stalls.
+TEST_F(FileDstSession, AClockSetBackNeitherStallsNorHastensTheSweep)
+{
+    Begin("file_trans_client_finish_keep_second_before_auto_delete = 20\n"
+          "file_trans_client_reget_timeout_second = 100000\nfile_trans_client_reget_failed_timeout_second = 100000\n");
+    SendCreate(140, S().Path("done"));
+    ASSERT_EQ(CreateRet(140), 0);
+    ASSERT_EQ(StartAndServeWhole(140, "done"), 0);
+    {
+        ReqWorkFileDstCreate req;
+        req.workId = 141;
+        req.srcFile = "/src/file";
+        std::string strDst = S().Path("limited");
+        req.dstPath.Set(strDst.data(), strDst.size());
+        req.srcServerIp = static_cast<int>(Loopback());
+        req.srcServerPort = m_source.Port();
+        req.timeout = 20;
+        S().Send(req, 141);
+    }
+    ASSERT_EQ(CreateRet(141), 0);
+    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(141)), 0);
+    S().AdvanceClock(-3600);
+    S().AdvanceClock(6);
+    S().AdvanceClock(6);
+    RspWorkFileDstQuery result;
+    EXPECT_FALSE(Result(141, result, 300)) << "no time-out before its time";
+    EXPECT_EQ((Ask<ReqWorkFileDstQuery, RspWorkFileDstQuery>(140)), 0) << "no drop before its time";
+    for (int i = 0; i < 3; ++i) S().AdvanceClock(6);
+    ASSERT_TRUE(Result(141, result));
+    EXPECT_EQ(result.ret.value, 324);
+    ASSERT_TRUE(Result(140, result)) << "the report at the drop";
+    EXPECT_EQ((Ask<ReqWorkFileDstQuery, RspWorkFileDstQuery>(140)), 300) << "the keep time has passed since the set-back";
+}
+
 } // namespace
