@@ -36,6 +36,8 @@ long long FirstBlockPos(const std::string& strLog, unsigned int nWorkId, size_t 
     return i == std::string::npos ? -1 : atoll(strLog.c_str() + i + strWhat.size());
 }
 
+const size_t SIZE = 2 << 20;
+
 class FileRetryTest : public AgentFileTransfer {
 protected:
     // The destination pulls slowly, in small requests, so that a case can act
@@ -80,6 +82,13 @@ protected:
     {
         return WaitUntil([&] { return FileSize(strPath) >= lSize; }, 20000);
     }
+    // A plain work of a file of SIZE bytes, with its first 256 KiB on disk.
+    bool UnderWay(unsigned int nWorkId)
+    {
+        return StartPlain(nWorkId, SIZE, m_strSrc, m_strDst, m_nPort) && Reached(m_strDst, 256 << 10);
+    }
+    std::string m_strSrc, m_strDst;  // of the work under way
+    unsigned short m_nPort = 0;
 
     void KillSource()
     {
@@ -115,16 +124,11 @@ protected:
     }
 };
 
-const size_t SIZE = 2 << 20;
-
 TEST_F(FileRetryTest, AStalledSourceGetsRepeatsAndThen318)
 {
     StartSlow({{"file_trans_client_reget_timeout_second", "1"}, {"file_trans_client_reget_failed_timeout_second", "6"}});
-    std::string strSrc, strDst;
-    unsigned short nPort = 0;
     size_t nMark = Mark();
-    ASSERT_TRUE(StartPlain(500, SIZE, strSrc, strDst, nPort));
-    ASSERT_TRUE(Reached(strDst, 256 << 10));
+    ASSERT_TRUE(UnderWay(500));
     kill(m_nSrcPid, SIGSTOP);
     RspWorkFileDstQuery result;
     ASSERT_TRUE(WaitResult(500, nMark, 60000, result));
@@ -141,11 +145,8 @@ TEST_F(FileRetryTest, AStalledSourceGetsRepeatsAndThen318)
 TEST_F(FileRetryTest, AKilledSourceThatComesBackLetsTheWorkResumeByteIdentical)
 {
     StartSlow({{"file_trans_client_retry_connect_second", "60"}});
-    std::string strSrc, strDst;
-    unsigned short nPort = 0;
     size_t nMark = Mark();
-    ASSERT_TRUE(StartPlain(510, SIZE, strSrc, strDst, nPort));
-    ASSERT_TRUE(Reached(strDst, 256 << 10));
+    ASSERT_TRUE(UnderWay(510));
     KillSource();
     ASSERT_TRUE(Tree().WaitForLog("need retry connect, async connecting the file svr, work id: 510", 15000));
     size_t nRetry = Tree().ReadLog().find("need retry connect, async connecting the file svr, work id: 510");
@@ -153,11 +154,11 @@ TEST_F(FileRetryTest, AKilledSourceThatComesBackLetsTheWorkResumeByteIdentical)
     int nBefore = SrcServer().Count(Zik::reqWorkAgentHeartbeatCid);
     m_nSrcPid = SrcTree().StartForeground();
     ASSERT_TRUE(SrcServer().WaitFor(Zik::reqWorkAgentHeartbeatCid, 5000, nullptr, static_cast<size_t>(nBefore) + 1));
-    ASSERT_EQ(Offer(510, strSrc), nPort);
+    ASSERT_EQ(Offer(510, m_strSrc), m_nPort);
     RspWorkFileDstQuery result;
     ASSERT_TRUE(WaitResult(510, nMark, 60000, result));
     EXPECT_EQ(result.ret.value, 0);
-    EXPECT_TRUE(SameFile(strSrc, strDst));
+    EXPECT_TRUE(SameFile(m_strSrc, m_strDst));
     EXPECT_GT(FirstBlockPos(Tree().ReadLog(), 510, nRetry), 0) << "the pull went on from its position";
 }
 
@@ -165,11 +166,8 @@ TEST_F(FileRetryTest, AKilledSourceThatComesBackLetsTheWorkResumeByteIdentical)
 TEST_F(FileRetryTest, ASourceThatNeverComesBackIs317AfterThreeSweeps)
 {
     StartSlow({{"file_trans_client_retry_connect_second", "15"}});
-    std::string strSrc, strDst;
-    unsigned short nPort = 0;
     size_t nMark = Mark();
-    ASSERT_TRUE(StartPlain(520, SIZE, strSrc, strDst, nPort));
-    ASSERT_TRUE(Reached(strDst, 256 << 10));
+    ASSERT_TRUE(UnderWay(520));
     KillSource();
     RspWorkFileDstQuery result;
     ASSERT_TRUE(WaitResult(520, nMark, 60000, result));

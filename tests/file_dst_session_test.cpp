@@ -80,7 +80,7 @@ protected:
     SessionHarness& S() { return *m_pSession; }
 
     void SendCreate(unsigned int nWorkId, const std::string& strDstPath, int nFlag = 0, unsigned int nIp = Loopback(),
-                    unsigned short nPort = 0)
+                    unsigned short nPort = 0, int nTimeout = 0)
     {
         ReqWorkFileDstCreate req;
         req.workId = static_cast<int>(nWorkId);
@@ -90,6 +90,7 @@ protected:
         req.srcServerPort = nPort == 0 ? m_source.Port() : nPort;
         req.srcWorkId = 9;
         req.flag = nFlag;
+        req.timeout = nTimeout;
         req.routeSrcServerIp = 21;
         req.routeSrcServerId = 22;
         S().Send(req, static_cast<int>(nWorkId));
@@ -565,17 +566,7 @@ TEST_F(FileDstSession, TheSweepTimesOutRepeatsSilentGetsAndDropsUnstartedWorks)
 {
     Begin();
     // A work whose time runs out: 324.
-    {
-        ReqWorkFileDstCreate req;
-        req.workId = 90;
-        req.srcFile = "/src/file";
-        std::string strDst = S().Path("timed");
-        req.dstPath.Set(strDst.data(), strDst.size());
-        req.srcServerIp = static_cast<int>(Loopback());
-        req.srcServerPort = m_source.Port();
-        req.timeout = 20;
-        S().Send(req, 90);
-    }
+    SendCreate(90, S().Path("timed"), 0, Loopback(), 0, 20);
     ASSERT_EQ(CreateRet(90), 0);
     EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(90)), 0);
     ReqWorkFileAgentGet get;
@@ -727,17 +718,7 @@ TEST_F(FileDstSession, AClockSetBackNeitherStallsNorHastensTheSweep)
     SendCreate(140, S().Path("done"));
     ASSERT_EQ(CreateRet(140), 0);
     ASSERT_EQ(StartAndServeWhole(140, "done"), 0);
-    {
-        ReqWorkFileDstCreate req;
-        req.workId = 141;
-        req.srcFile = "/src/file";
-        std::string strDst = S().Path("limited");
-        req.dstPath.Set(strDst.data(), strDst.size());
-        req.srcServerIp = static_cast<int>(Loopback());
-        req.srcServerPort = m_source.Port();
-        req.timeout = 20;
-        S().Send(req, 141);
-    }
+    SendCreate(141, S().Path("limited"), 0, Loopback(), 0, 20);
     ASSERT_EQ(CreateRet(141), 0);
     EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(141)), 0);
     S().AdvanceClock(-3600);
