@@ -97,19 +97,6 @@ protected:
         m_nSrcPid = -1;
     }
 
-    // The results (reports at status 2) of the work after packet nFrom, in order.
-    std::vector<int> Results(unsigned int nWorkId, size_t nFrom)
-    {
-        std::vector<int> vecRet;
-        std::vector<TestWorkServer::Received> packets = Server().Packets();
-        for (size_t i = nFrom; i < packets.size(); ++i) {
-            RspWorkFileDstQuery rsp;
-            if (DecodeBody(packets[i], rsp) && static_cast<unsigned int>(rsp.workId.value) == nWorkId &&
-                rsp.status.value == 2)
-                vecRet.push_back(rsp.ret.value);
-        }
-        return vecRet;
-    }
     // The index of the n-th result of the work after packet nFrom; -1 if none.
     long IndexOfResult(unsigned int nWorkId, size_t nFrom, size_t n = 1)
     {
@@ -193,7 +180,7 @@ TEST_F(FileRetryTest, ATimeLimitGives324ToEveryWorkSlavesIncluded)
     ASSERT_TRUE(WaitUntil([&] { return IndexOfResult(602, nMark, 2) >= 0; }, 60000));
     EXPECT_LT(IndexOfResult(602, nMark), IndexOfResult(601, nMark)) << "the slave's own time ran out first";
     for (unsigned int n = 601; n <= 603; ++n) {
-        std::vector<int> vecRet = Results(n, nMark);
+        std::vector<int> vecRet = Results(n, nMark, 5000, 0);
         EXPECT_EQ(vecRet, std::vector<int>(n == 602 ? 2 : 1, 324)) << n;
     }
 }
@@ -218,10 +205,10 @@ TEST_F(FileRetryTest, ResultsRepeatAtTheirPeriodUntilExpiryAndAnUnstartedWorkGoe
     ASSERT_TRUE(Tree().WaitForLog("auto delete finish task, work id: 702", 60000));
     EXPECT_TRUE(Tree().WaitForLog("auto delete not begin task, work id: 701", 1000));
     std::vector<int> vecRet;
-    ASSERT_TRUE(WaitUntil([&] { return (vecRet = Results(702, nMark)).size() >= 3; }, 5000))
+    ASSERT_TRUE(WaitUntil([&] { return (vecRet = Results(702, nMark, 0, 0)).size() >= 3; }, 5000))
         << "the end, a period, and the drop";
     EXPECT_EQ(vecRet, std::vector<int>(vecRet.size(), 0));
-    EXPECT_TRUE(Results(701, nMark).empty());
+    EXPECT_TRUE(Results(701, nMark, 0, 0).empty());
     size_t nQuery = Mark();
     SendQuery(701);
     SendQuery(702);
@@ -273,7 +260,7 @@ TEST_F(FileRetryTest, DeletingTheMasterHalfWayHandsThePullToASlaveWithoutTruncat
         EXPECT_EQ(result.ret.value, 0) << n;
     }
     EXPECT_TRUE(SameFile(strSrc, strCacheId));
-    EXPECT_TRUE(Results(901, nMark).empty());
+    EXPECT_TRUE(Results(901, nMark, 0, 0).empty());
     std::string strLog = Tree().ReadLog();
     EXPECT_NE(strLog.find("the slave become master, async connecting the file svr, work id: 901"), std::string::npos);
     EXPECT_GE(FirstBlockPos(strLog, 902, 0), static_cast<long long>(SIZE / 2)) << "the new master went on";
