@@ -111,11 +111,21 @@ protected:
     }
 };
 
+// A source that stalls once gets a repeat and goes on; when it stalls for good,
+// the repeats give up with 318.
 TEST_F(FileRetryTest, AStalledSourceGetsRepeatsAndThen318)
 {
     StartSlow({{"file_trans_client_reget_timeout_second", "1"}, {"file_trans_client_reget_failed_timeout_second", "6"}});
     size_t nMark = Mark();
     ASSERT_TRUE(UnderWay(500));
+    const std::string strRepeat = "(retry get, work id: 500";
+    kill(m_nSrcPid, SIGSTOP);
+    ASSERT_TRUE(Tree().WaitForLog(strRepeat, 20000));
+    kill(m_nSrcPid, SIGCONT);
+    long long lResumed = FileSize(m_strDst);
+    ASSERT_TRUE(Reached(m_strDst, lResumed + (256 << 10))) << "the pull went on after the repeat";
+    size_t nRepeats = Occurrences(Tree().ReadLog(), strRepeat);
+
     kill(m_nSrcPid, SIGSTOP);
     RspWorkFileDstQuery result;
     ASSERT_TRUE(WaitResult(500, nMark, 60000, result));
@@ -124,7 +134,10 @@ TEST_F(FileRetryTest, AStalledSourceGetsRepeatsAndThen318)
     std::string strLog = Tree().ReadLog();
     size_t nEnd = strLog.find("task is timeout out of max retry count, work id: 500");
     ASSERT_NE(nEnd, std::string::npos);
-    EXPECT_GE(Occurrences(strLog.substr(0, nEnd), "(retry get, work id: 500"), 1u) << "repeats came first";
+    EXPECT_GT(Occurrences(strLog.substr(0, nEnd), strRepeat), nRepeats) << "repeats came first";
+    std::string strGot = ReadFile(m_strDst);
+    EXPECT_EQ(strGot.size(), static_cast<size_t>(result.okSizeLow.value));
+    EXPECT_TRUE(strGot == ReadFile(m_strSrc).substr(0, strGot.size())) << "no block twice, none missing";
 }
 
 // The source's agent dies and comes back with the same source work on the same
