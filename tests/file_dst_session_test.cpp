@@ -156,7 +156,7 @@ protected:
     }
 
     // The first get that came on the peer's n-th connection.
-    bool GetOn(int nConnection, ReqWorkFileAgentGet& get)
+    bool GetOn(int nConnection, ReqWorkFileAgentGet& get, int nTimeoutMs = 5000)
     {
         return WaitUntil(
             [&] {
@@ -164,7 +164,7 @@ protected:
                     if (received.nConnection == nConnection && DecodeBody(received, get)) return true;
                 return false;
             },
-            5000);
+            nTimeoutMs);
     }
 
     // The source's side: waits for the n-th get, then answers with one block.
@@ -589,6 +589,35 @@ TEST_F(FileDstSession, AClockSetBackNeitherStallsNorHastensTheSweep)
     EXPECT_EQ(result.ret.value, 324);
     ASSERT_TRUE(Result(140, result)) << "the report at the drop";
     EXPECT_EQ((Ask<ReqWorkFileDstQuery, RspWorkFileDstQuery>(140)), 300) << "the keep time has passed since the set-back";
+}
+
+// A reconnect of the sweep is routed through the work of the thread's last
+// request: when that work has been deleted, the new connection has no route,
+// and the work waits for its time limit.
+TEST_F(FileDstSession, AReconnectRoutedThroughADeletedWorkWaitsForTheTimeLimit)
+{
+    Begin("file_trans_client_max_file_write_thread = 1\n");
+    SendCreate(150, S().Path("orphan"), 0, Loopback(), 0, 30);
+    ASSERT_EQ(CreateRet(150), 0);
+    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(150)), 0);
+    ReqWorkFileAgentGet get;
+    ASSERT_TRUE(GetOn(1, get));
+    m_source.DropConnection();
+    ASSERT_TRUE(WaitUntil([&] { return S().ReadLog().find("the connect is closed, work id: 150") != std::string::npos; }, 5000));
+    SendCreate(151, S().Path("passing"));
+    ASSERT_EQ(CreateRet(151), 0);
+    EXPECT_EQ((Ask<ReqWorkFileDstDelete, RspWorkFileDstDelete>(151)), 0);
+    S().AdvanceClock(5);
+    ASSERT_TRUE(m_source.WaitConnections(3, 5000)) << "151's own connect, then the reconnect";
+    EXPECT_TRUE(WaitUntil(
+        [&] { return S().ReadLog().find("need retry connect, async connecting the file svr, work id: 151") != std::string::npos; },
+        3000));
+    S().AdvanceClock(5);
+    EXPECT_FALSE(GetOn(3, get, 1000)) << "the connection's events found no route";
+    S().AdvanceClock(25);
+    RspWorkFileDstQuery result;
+    ASSERT_TRUE(Result(150, result));
+    EXPECT_EQ(result.ret.value, 324);
 }
 
 } // namespace
