@@ -51,7 +51,16 @@ const unsigned int WARM_UP_ROUND_TRANSFERS = 5;
 // is not judged waits for the spare blocks only.
 const int SETTLE_AGENT_SECOND = 200;
 const int SETTLE_SPARE_AGENT_SECOND = 12;
-const int REPLY_TIMEOUT_MS = 30000;
+// A reply may wait for the destination's repeat of a get (30 s of agent time)
+// and its second (95 s): the wait covers both on the agents' clock, plus load.
+const int REPLY_AGENT_SECOND = 130;
+const int REPLY_SLACK_MS = 30000;
+int g_nReplyTimeoutMs = REPLY_AGENT_SECOND * 1000 + REPLY_SLACK_MS;
+// Transfers whose result took longer than the repeat time of a get (30 s of
+// agent time): a sign of a lost get, or of a machine too loaded for the clock.
+const int REGET_AGENT_SECOND = 30;
+int g_nRegetMs = REGET_AGENT_SECOND * 1000;
+unsigned int g_nSlowTransfers = 0;
 // Work ids of the two sides of the transfers, above those of the commands.
 const unsigned int SRC_WORK_BASE = 3000000;
 const unsigned int DST_WORK_BASE = 4000000;
@@ -135,7 +144,7 @@ struct Agent {
     // The ret of the reply of the kind for the work, -1 when none came in time.
     int Await(int nChoiceId, unsigned int nWorkId)
     {
-        int64_t lEnd = SteadyMs() + REPLY_TIMEOUT_MS;
+        int64_t lEnd = SteadyMs() + g_nReplyTimeoutMs;
         while (true) {
             Poll();
             auto it = mapReplies.find({nChoiceId, nWorkId});
@@ -221,10 +230,12 @@ bool RunTransfer(Agent& src, Agent& dst, unsigned int nNumber, const std::string
     dst.pServer->Send(create, 2);
     ReqWorkFileDstSetAction action;
     action.workId = static_cast<int>(nDstId);
+    int64_t lStart = SteadyMs();
     dst.pServer->Send(action, 3);
     bool bOk = dst.Expect(Zik::rspWorkFileDstCreateCid, nDstId) &&
                dst.Expect(Zik::rspWorkFileDstSetActionCid, nDstId) &&
                dst.Expect(Zik::rspWorkFileDstQueryCid, nDstId);
+    if (SteadyMs() - lStart >= g_nRegetMs) ++g_nSlowTransfers;
     ReqWorkFileDstDelete delDst;
     delDst.workId = static_cast<int>(nDstId);
     dst.pServer->Send(delDst, 4);
@@ -411,6 +422,8 @@ int main()
     std::vector<std::string> vecPrefix;
     std::string strFaketime = FaketimeLibrary();
     if (dRate > 1 && !strFaketime.empty()) {
+        g_nReplyTimeoutMs = static_cast<int>(REPLY_AGENT_SECOND * 1000 / dRate) + REPLY_SLACK_MS;
+        g_nRegetMs = static_cast<int>(REGET_AGENT_SECOND * 1000 / dRate);
         char szRate[32];
         snprintf(szRate, sizeof(szRate), "+0 x%g", dRate);
         vecPrefix = {"env", "LD_PRELOAD=" + strFaketime, std::string("FAKETIME=") + szRate};
@@ -485,7 +498,8 @@ int main()
     srcEnd.lTrimmedRssKiB = Sample(src.pid).lRssKiB;
     double dAllSecond = static_cast<double>(SteadyMs() - lBegin) / 1000.0;
 
-    printf("warm-up: %u commands, %u transfers\n", nNextId - 1, nNextTransfer);
+    printf("warm-up: %u commands, %u transfers; transfers slower than the repeat time of a get: %u\n", nNextId - 1,
+           nNextTransfer, g_nSlowTransfers);
     printf("work: %.0f s (%.0f commands/s), whole run %.0f s, heartbeats %ld of %ld\n", dWorkSecond,
            plan.nCommands / dWorkSecond, dAllSecond, lHeartbeats, plan.lHeartbeats);
     printf("%-12s %-16s %10s %10s %10s   %-10s %s\n", "agent", "what", "start", "end", "growth", "goal", "result");

@@ -13,7 +13,7 @@
 # the agents' timers (history sweeps, repeats, expiry) run through a day's
 # worth of turns with them. Without faketime the day takes 29 minutes.
 #
-#   bash tools/soak.sh                 # the full soak, about ten minutes
+#   bash tools/soak.sh                 # the full soak, six to eight minutes on the 2-core build machine
 #   SOAK_SCALE=0.01 bash tools/soak.sh # the smoke run that CI does (ctest soak_smoke)
 #
 # Run as root, as the end-to-end tests are. Exit status 0 when every goal is met.
