@@ -86,6 +86,9 @@ std::string CellName(const Cell& c)
     return str;
 }
 
+// What gtest prints for a cell, also in the names of the ctests.
+void PrintTo(const Cell& c, std::ostream* os) { *os << CellName(c); }
+
 bool UsesFakeSource(Fault f) { return f == Fault::BadDigest || f == Fault::WrongPosition || f == Fault::Noise; }
 
 // The table. A short hold heals before the destination gives up (it may end
@@ -114,6 +117,7 @@ std::vector<Cell> Cells()
                 vec.push_back({Fault::CutNetwork, m, nHold});
             }
         }
+        for (Fault f : {Fault::RestartSource, Fault::WrongPosition, Fault::Noise}) vec.push_back({f, Moment::Before, 0});
         vec.push_back({Fault::StallSource, Moment::Before, 2000});
         vec.push_back({Fault::CutNetwork, Moment::Before, 2000});
     }
