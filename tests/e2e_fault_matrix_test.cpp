@@ -219,15 +219,8 @@ private:
                 m_server.SendRaw(noise);
             }
             RspWorkFileAgentGet rsp;
-            rsp.dstWorkId = get.dstWorkId;
+            FillBlockAnswer(rsp, static_cast<unsigned int>(get.dstWorkId.value), lSaidPos, strBlock, lTotal, strMd5);
             rsp.srcWorkId = get.srcWorkId;
-            rsp.srcFileAccessBit = 0644;
-            rsp.content.Set(strBlock.data(), strBlock.size());
-            rsp.md5.Set(strMd5.data(), strMd5.size());
-            rsp.beginPosHigh = static_cast<int>(lSaidPos >> 32);
-            rsp.beginPosLow = static_cast<int>(lSaidPos & 0xFFFFFFFFU);
-            rsp.totalSizeHigh = static_cast<int>(lTotal >> 32);
-            rsp.totalSizeLow = static_cast<int>(lTotal & 0xFFFFFFFFU);
             m_server.Send(rsp, 0);
         }
     }

@@ -9,7 +9,7 @@
 
 #include "file_trans_client/file_trans_client.h"
 #include "md5.h"
-#include "test_work_server.h"
+#include "file_peer.h"
 
 using namespace agent_test;
 
@@ -56,13 +56,7 @@ protected:
     void Answer(unsigned long long lPos, const std::string& strContent, unsigned long long lTotal)
     {
         RspWorkFileAgentGet rsp;
-        rsp.dstWorkId = 1;
-        rsp.srcFileAccessBit = 0644;
-        rsp.content.Set(strContent.data(), strContent.size());
-        std::string strMd5 = brel_lib::md5(strContent);
-        rsp.md5.Set(strMd5.data(), strMd5.size());
-        rsp.beginPosLow = static_cast<int>(lPos);
-        rsp.totalSizeLow = static_cast<int>(lTotal);
+        FillBlockAnswer(rsp, 1, lPos, strContent, lTotal, brel_lib::md5(strContent));
         EXPECT_TRUE(m_source.Send(rsp, 0));
     }
 

@@ -35,6 +35,19 @@ unsigned long long Join(int nHigh, int nLow)
 
 } // namespace
 
+void FillBlockAnswer(RspWorkFileAgentGet& rsp, unsigned int nDstWorkId, unsigned long long lPos,
+                     const std::string& strContent, unsigned long long lTotal, const std::string& strMd5)
+{
+    rsp.dstWorkId = static_cast<int>(nDstWorkId);
+    rsp.srcFileAccessBit = 0644;
+    rsp.content.Set(strContent.data(), strContent.size());
+    rsp.md5.Set(strMd5.data(), strMd5.size());
+    rsp.beginPosHigh = static_cast<int>(lPos >> 32);
+    rsp.beginPosLow = static_cast<int>(lPos & 0xFFFFFFFFU);
+    rsp.totalSizeHigh = static_cast<int>(lTotal >> 32);
+    rsp.totalSizeLow = static_cast<int>(lTotal & 0xFFFFFFFFU);
+}
+
 FilePeer::~FilePeer() { Close(); }
 
 void FilePeer::Close()
