@@ -218,10 +218,7 @@ private:
                 for (size_t k = 0; k < noise.size(); ++k) noise[k] = static_cast<unsigned char>((k * 2654435761U) >> 13);
                 m_server.SendRaw(noise);
             }
-            RspWorkFileAgentGet rsp;
-            FillBlockAnswer(rsp, static_cast<unsigned int>(get.dstWorkId.value), lSaidPos, strBlock, lTotal, strMd5);
-            rsp.srcWorkId = get.srcWorkId;
-            m_server.Send(rsp, 0);
+            AnswerGet(m_server, static_cast<unsigned int>(get.dstWorkId.value), lSaidPos, strBlock, lTotal, &strMd5);
         }
     }
 

@@ -53,13 +53,6 @@ protected:
         return false;
     }
 
-    void Answer(unsigned long long lPos, const std::string& strContent, unsigned long long lTotal)
-    {
-        RspWorkFileAgentGet rsp;
-        FillBlockAnswer(rsp, 1, lPos, strContent, lTotal, brel_lib::md5(strContent));
-        EXPECT_TRUE(m_source.Send(rsp, 0));
-    }
-
     // One work that gets the content in two blocks; between them the step
     // runs. The ret of its final report, -1 if none came.
     int Pull(const std::string& strFileMd5, const std::function<void()>& between = [] {})
@@ -82,10 +75,10 @@ protected:
         EXPECT_EQ(m_pManager->SetActionWork(&action, 2), 0);
         EXPECT_TRUE(m_source.WaitFor(Zik::reqWorkFileAgentGetCid, 5000, nullptr, nGets + 1));
         std::string strAll(CONTENT);
-        Answer(0, strAll.substr(0, HALF), strAll.size());
+        EXPECT_TRUE(AnswerGet(m_source, 1, 0, strAll.substr(0, HALF), strAll.size()));
         EXPECT_TRUE(WaitUntil([&] { return ReadFile(strDst).size() == HALF; }, 5000));
         between();
-        Answer(HALF, strAll.substr(HALF), strAll.size());
+        EXPECT_TRUE(AnswerGet(m_source, 1, HALF, strAll.substr(HALF), strAll.size()));
         RspWorkFileDstQuery result;
         while (NextToServer(result))
             if (result.status.value == 2) return result.ret.value;

@@ -63,10 +63,11 @@ private:
     size_t m_nStart = 0;
 };
 
-// A source's answer to a get: the block at the position of a file of lTotal
-// bytes, with the digest given (the block's own, unless a test lies).
-void FillBlockAnswer(RspWorkFileAgentGet& rsp, unsigned int nDstWorkId, unsigned long long lPos,
-                     const std::string& strContent, unsigned long long lTotal, const std::string& strMd5);
+// The source's answer to a get, sent on the connection of a test work server
+// that plays the source: one block at the position, with the digest of its
+// content unless another is given.
+bool AnswerGet(TestWorkServer& source, unsigned int nDstWorkId, unsigned long long lPos, const std::string& strContent,
+               unsigned long long lTotal, const std::string* pMd5 = nullptr, int ret = 0);
 
 // A listening socket on 127.0.0.1 that keeps a port taken; Own() tells
 // whether this object holds it (otherwise someone else does).
