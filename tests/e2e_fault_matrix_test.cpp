@@ -50,7 +50,19 @@ unsigned long long FileBytes()
     return lMib << 20;
 }
 
-enum class Fault { KillSource, RestartSource, StallSource, CutNetwork, FillDisk, BadDigest, WrongPosition, Noise };
+// RestartSource offers the file again under the same work id; ForgetfulSource
+// restarts without that, so the source knows the work no more.
+enum class Fault {
+    KillSource,
+    RestartSource,
+    StallSource,
+    CutNetwork,
+    FillDisk,
+    BadDigest,
+    WrongPosition,
+    Noise,
+    ForgetfulSource
+};
 // Before: after the create is answered, before the start. The others: when
 // the destination file has reached that share of the size.
 enum class Moment { Before, Early, Mid, Late };
@@ -64,7 +76,8 @@ struct Cell {
 const char* FaultName(Fault f)
 {
     static const char* const names[] = {"kill_source", "restart_source", "stall_source", "cut_network",
-                                        "fill_disk",   "bad_digest",     "wrong_position", "noise"};
+                                        "fill_disk",   "bad_digest",     "wrong_position", "noise",
+                                        "forgetful_source"};
     return names[static_cast<int>(f)];
 }
 
@@ -105,13 +118,14 @@ std::vector<Cell> Cells()
     };
     if (!kSanitized) {
         vec.push_back({Fault::RestartSource, Moment::Mid, 0});
+        vec.push_back({Fault::ForgetfulSource, Moment::Mid, 0});
         vec.push_back({Fault::StallSource, Moment::Mid, 12000});
         vec.push_back({Fault::CutNetwork, Moment::Mid, 12000});
     }
     if (LongRun()) {
         for (Moment m : {Moment::Early, Moment::Late}) {
-            for (Fault f : {Fault::KillSource, Fault::RestartSource, Fault::FillDisk, Fault::BadDigest,
-                            Fault::WrongPosition, Fault::Noise})
+            for (Fault f : {Fault::KillSource, Fault::RestartSource, Fault::ForgetfulSource, Fault::FillDisk,
+                            Fault::BadDigest, Fault::WrongPosition, Fault::Noise})
                 vec.push_back({f, m, 0});
             for (int nHold : {2000, 12000}) {
                 vec.push_back({Fault::StallSource, m, nHold});
@@ -351,10 +365,11 @@ protected:
         switch (m_cell.fault) {
         case Fault::KillSource:
         case Fault::RestartSource:
+        case Fault::ForgetfulSource:
             kill(m_nSrcPid, SIGKILL);
             SrcTree().WaitExit(m_nSrcPid, 5000);
             m_nSrcPid = -1;
-            if (m_cell.fault == Fault::RestartSource) Restart();
+            if (m_cell.fault != Fault::KillSource) Restart(m_cell.fault == Fault::RestartSource);
             break;
         case Fault::StallSource:
             kill(m_nSrcPid, SIGSTOP);
@@ -383,14 +398,16 @@ protected:
         m_bStopped = m_bCut = false;
     }
 
-    // A new source agent in the same tree offers the file again under the
-    // same work id; its port search finds the port that the old one had.
-    void Restart()
+    // A new source agent in the same tree, which offers the file again under
+    // the same work id if asked; its port search finds the old one's port.
+    void Restart(bool bOffer)
     {
         size_t nBeats = static_cast<size_t>(SrcServer().Count(Zik::reqWorkAgentHeartbeatCid));
         m_nSrcPid = SrcTree().StartForeground();
         EXPECT_TRUE(SrcServer().WaitFor(Zik::reqWorkAgentHeartbeatCid, 5000, nullptr, nBeats + 1));
-        EXPECT_NE(Offer(WORK, m_strSrc), 0);
+        if (bOffer) {
+            EXPECT_NE(Offer(WORK, m_strSrc), 0);
+        }
     }
 
     // Starts the work and breaks the pull at the cell's moment; the ret of
