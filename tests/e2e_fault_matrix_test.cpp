@@ -247,13 +247,6 @@ private:
     std::thread m_thread;  // last: it starts when everything above is there
 };
 
-std::string Pattern(size_t n)
-{
-    std::string str(n, '\0');
-    for (size_t i = 0; i < n; ++i) str[i] = static_cast<char>((i * 131 + i / 4093) & 0xFF);
-    return str;
-}
-
 off_t SizeOf(const std::string& strPath)
 {
     struct stat st;
@@ -298,7 +291,7 @@ protected:
         };
         for (const auto& kv : settings) DstConfig()[kv.first] = kv.second;
         m_strSrc = SrcTree().Path("src");
-        WriteFile(m_strSrc, Pattern(m_lBytes));
+        WriteFile(m_strSrc, Pattern(m_lBytes, 7));
         m_strDst = Tree().Path("dst");
         if (m_cell.fault == Fault::FillDisk) PrepareSmallDisk();
         if (m_cell.fault == Fault::CutNetwork && !PrepareNetwork())
