@@ -275,6 +275,28 @@ TEST_F(FileDstSession, AWrongBlockDigestIs342WithoutRetry)
     EXPECT_EQ(m_source.Count(Zik::reqWorkFileAgentGetCid), 1) << "no retry after a bad digest";
 }
 
+// Blocks that wait in the queue together are summed together: each keeps its
+// own digest, and the bad one in the middle ends the work after the first.
+TEST_F(FileDstSession, BlocksSummedTogetherKeepTheirOwnDigests)
+{
+    Begin();
+    std::string strDst = S().Path("batch");
+    SendCreate(12, strDst);
+    ASSERT_EQ(CreateRet(12), 0);
+    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(12)), 0);
+    ReqWorkFileAgentGet get;
+    ASSERT_TRUE(WaitGet(get));
+    std::string strA(100, 'a'), strB(100, 'b'), strC(100, 'c');
+    Answer(12, 0, strA, 300, brel_lib::md5(strA));
+    Answer(12, 100, strB, 300, brel_lib::md5(strC));
+    Answer(12, 200, strC, 300, brel_lib::md5(strC));
+    RspWorkFileDstQuery result;
+    ASSERT_TRUE(Result(12, result));
+    EXPECT_EQ(result.ret.value, 342);
+    EXPECT_EQ(result.okSizeLow.value, 100);
+    EXPECT_EQ(ReadFile(strDst), strA);
+}
+
 TEST_F(FileDstSession, ASourceFailureBecomesTheWorksResult)
 {
     Begin();
