@@ -42,7 +42,8 @@ TEST(Md5, SplitUpdatesGiveTheSameDigest)
 
 // Batches of buffers digested side by side give each buffer's own digest:
 // lengths that end inside a chunk, on its edge, and shorter than one, groups
-// wider than the lanes, and the same buffer twice.
+// wider than the lanes, and the same buffer twice; in the wide form of 8
+// lanes where the processor has one, and in the narrow form of 4.
 TEST(Md5, BatchOfBuffersGivesEachOnesDigest)
 {
     std::string strData;
@@ -58,11 +59,13 @@ TEST(Md5, BatchOfBuffersGivesEachOnesDigest)
             vecData.push_back(reinterpret_cast<const unsigned char*>(strData.data()) + nStart);
             vecLength.push_back(nLength);
         }
-        std::vector<std::string> vecHex(nCount);
-        MD5::HexDigests(vecData.data(), vecLength.data(), nCount, vecHex.data());
-        for (size_t i = 0; i < nCount; ++i)
-            EXPECT_EQ(vecHex[i], Digest(std::string(reinterpret_cast<const char*>(vecData[i]), vecLength[i])))
-                << "count " << nCount << ", buffer " << i;
+        for (int nLanesMax : {8, 4}) {
+            std::vector<std::string> vecHex(nCount);
+            MD5::HexDigests(vecData.data(), vecLength.data(), nCount, vecHex.data(), nLanesMax);
+            for (size_t i = 0; i < nCount; ++i)
+                EXPECT_EQ(vecHex[i], Digest(std::string(reinterpret_cast<const char*>(vecData[i]), vecLength[i])))
+                    << "count " << nCount << ", buffer " << i << ", lanes " << nLanesMax;
+        }
     }
 }
 

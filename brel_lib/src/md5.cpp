@@ -122,6 +122,54 @@ typedef uint32_t Lanes4 __attribute__((vector_size(16)));
 typedef uint32_t Lanes8 __attribute__((vector_size(32)));
 #define MD5_VROTL(v, n) (((v) << (n)) | ((v) >> (32 - (n))))
 
+// Loads N words of each lane as one vector each, and transposes the square
+// so that vector i holds word i of every lane: each pass swaps the
+// off-diagonal halves of the blocks of 2d rows, with shuffles of two vectors.
+// Words whole vectors at a time, since putting words into lanes one by one
+// goes through memory and stalls on the wide load that follows.
+template <class V, int N>
+inline __attribute__((always_inline)) void LoadWords(const unsigned char* const* ppData, size_t nOffset, V* x)
+{
+    for (int nFirst = 0; nFirst < 16; nFirst += N) {
+        V* r = x + nFirst;
+        for (int l = 0; l < N; ++l) {
+            memcpy(&r[l], ppData[l] + nOffset + 4 * nFirst, sizeof(V));
+#if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+            for (int i = 0; i < N; ++i) r[l][i] = __builtin_bswap32(r[l][i]);
+#endif
+        }
+        if constexpr (N == 8) {
+            for (int i = 0; i < 4; ++i) {
+                V a = r[i], b = r[i + 4];
+                r[i] = __builtin_shufflevector(a, b, 0, 1, 2, 3, 8, 9, 10, 11);
+                r[i + 4] = __builtin_shufflevector(a, b, 4, 5, 6, 7, 12, 13, 14, 15);
+            }
+            for (int i : {0, 1, 4, 5}) {
+                V a = r[i], b = r[i + 2];
+                r[i] = __builtin_shufflevector(a, b, 0, 1, 8, 9, 4, 5, 12, 13);
+                r[i + 2] = __builtin_shufflevector(a, b, 2, 3, 10, 11, 6, 7, 14, 15);
+            }
+            for (int i : {0, 2, 4, 6}) {
+                V a = r[i], b = r[i + 1];
+                r[i] = __builtin_shufflevector(a, b, 0, 8, 2, 10, 4, 12, 6, 14);
+                r[i + 1] = __builtin_shufflevector(a, b, 1, 9, 3, 11, 5, 13, 7, 15);
+            }
+        } else {
+            static_assert(N == 4, "4 or 8 lanes");
+            for (int i : {0, 1}) {
+                V a = r[i], b = r[i + 2];
+                r[i] = __builtin_shufflevector(a, b, 0, 1, 4, 5);
+                r[i + 2] = __builtin_shufflevector(a, b, 2, 3, 6, 7);
+            }
+            for (int i : {0, 2}) {
+                V a = r[i], b = r[i + 1];
+                r[i] = __builtin_shufflevector(a, b, 0, 4, 2, 6);
+                r[i + 1] = __builtin_shufflevector(a, b, 1, 5, 3, 7);
+            }
+        }
+    }
+}
+
 // nChunks 64-byte chunks of each of the N buffers, from the states in
 // pState[lane][4], which it moves on.
 template <class V, int N>
@@ -137,10 +185,7 @@ inline __attribute__((always_inline)) void TransformLanes(const unsigned char* c
     }
     for (size_t k = 0; k < nChunks; ++k) {
         V x[16];
-        for (int l = 0; l < N; ++l) {
-            const unsigned char* p = ppData[l] + k * 64;
-            for (int i = 0; i < 16; ++i) x[i][l] = LoadLe32(p + 4 * i);
-        }
+        LoadWords<V, N>(ppData, k * 64, x);
         V aa = a, bb = b, cc = c, dd = d;
         MD5_ROUNDS(MD5_VROTL);
         a += aa;
@@ -173,22 +218,33 @@ __attribute__((target("avx2,avx512f,avx512vl"))) void TransformLanes8Avx512(cons
 {
     TransformLanes<Lanes8, 8>(ppData, nChunks, pState);
 }
+__attribute__((target("avx2,avx512f,avx512vl"))) void TransformLanes4Avx512(const unsigned char* const* ppData,
+                                                                            size_t nChunks, uint32_t (*pState)[4])
+{
+    TransformLanes<Lanes4, 4>(ppData, nChunks, pState);
+}
 #endif
 
 typedef void (*TransformLanesFun)(const unsigned char* const*, size_t, uint32_t (*)[4]);
 
-// The widest form this processor runs, and its number of lanes.
-TransformLanesFun ChooseTransformLanes(int& nLanes)
-{
+// The forms of 8 lanes (null where the processor has none) and of 4 that
+// this processor runs best.
+struct LaneForms {
+    TransformLanesFun pWide = nullptr;
+    TransformLanesFun pNarrow = TransformLanes4;
+    LaneForms()
+    {
 #if defined(__x86_64__) || defined(__i386__)
-    __builtin_cpu_init();
-    nLanes = 8;
-    if (__builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512f")) return TransformLanes8Avx512;
-    if (__builtin_cpu_supports("avx2")) return TransformLanes8Avx2;
+        __builtin_cpu_init();
+        if (__builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512f")) {
+            pWide = TransformLanes8Avx512;
+            pNarrow = TransformLanes4Avx512;
+        } else if (__builtin_cpu_supports("avx2")) {
+            pWide = TransformLanes8Avx2;
+        }
 #endif
-    nLanes = 4;
-    return TransformLanes4;
-}
+    }
+};
 
 } // namespace
 
@@ -345,12 +401,17 @@ std::string MD5::hexdigest() const
     return strHex;
 }
 
-void MD5::HexDigests(const unsigned char* const* ppData, const unsigned int* pLength, size_t nCount, std::string* pHex)
+void MD5::HexDigests(const unsigned char* const* ppData, const unsigned int* pLength, size_t nCount, std::string* pHex,
+                     int nLanesMax)
 {
-    static int s_nLanes = 0;
-    static const TransformLanesFun s_pTransform = ChooseTransformLanes(s_nLanes);
+    static const LaneForms s_forms;
+    // A batch that fills no more than the narrow form goes through it: the
+    // lanes of the wide one would run empty.
+    bool bNarrow = nLanesMax < 8 || s_forms.pWide == nullptr || nCount <= 4;
+    const int nLanes = bNarrow ? 4 : 8;
+    const TransformLanesFun pTransform = bNarrow ? s_forms.pNarrow : s_forms.pWide;
     for (size_t nFirst = 0; nFirst < nCount;) {
-        size_t nGroup = std::min(nCount - nFirst, static_cast<size_t>(s_nLanes));
+        size_t nGroup = std::min(nCount - nFirst, static_cast<size_t>(nLanes));
         // The chunks every buffer of the group has go through the lanes;
         // each buffer's rest, and the padding, one by one.
         size_t nChunks = 0;
@@ -362,13 +423,13 @@ void MD5::HexDigests(const unsigned char* const* ppData, const unsigned int* pLe
         if (nChunks > 0) {
             const unsigned char* apData[8];
             uint32_t aState[8][4];
-            for (int l = 0; l < s_nLanes; ++l) {
+            for (int l = 0; l < nLanes; ++l) {
                 // Lanes without a buffer repeat the first one and are thrown away.
                 size_t i = nFirst + (static_cast<size_t>(l) < nGroup ? static_cast<size_t>(l) : 0);
                 apData[l] = ppData[i];
                 memcpy(aState[l], md5[0].state, sizeof(aState[l]));
             }
-            s_pTransform(apData, nChunks, aState);
+            pTransform(apData, nChunks, aState);
             for (size_t l = 0; l < nGroup; ++l) {
                 memcpy(md5[l].state, aState[l], sizeof(aState[l]));
                 uint64_t lBits = static_cast<uint64_t>(nChunks) * blocksize * 8;
