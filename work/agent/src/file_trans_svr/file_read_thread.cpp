@@ -285,11 +285,8 @@ int CFileReadThread::ServeTurn(ConnectQueue& conn, CFileReadThreadReqRead* pReq)
         if (nBlocks == BLOCKS_PER_TURN) break;
         nTurn = ServeBatch(conn, pReq, fd, lFileSize, BLOCKS_PER_TURN - nBlocks, nBlocks);
     }
-    if (nTurn == TURN_ENDED) {
-        close(fd);
-        return TURN_DONE;
-    }
     close(fd);
+    if (nTurn == TURN_ENDED) return TURN_DONE;
     if (nTurn == TURN_DONE && pReq->m_bStarted) {
         Log(LOG_LEVEL_DEBUG,
             "CFileReadThread::ReqFileAgentGet(work id: %u, dst work id: %u, begin pos: %llu, file size: %llu, need "
@@ -334,6 +331,7 @@ int CFileReadThread::ServeBatch(ConnectQueue& conn, CFileReadThreadReqRead* pReq
     unsigned int anLength[BATCH_MAX];
     unsigned int nRead = 0;
     int nEnd = TURN_MORE;
+    bool bReadFailed = false;
     int nReadErrno = 0;
     unsigned long long lOffset = pReq->m_lOffset;
     while (nRead < lBlocks) {
@@ -346,6 +344,7 @@ int CFileReadThread::ServeBatch(ConnectQueue& conn, CFileReadThreadReqRead* pReq
         Log(LOG_LEVEL_LOWEST, "CFileReadThread::ReqFileAgentGet(end read, work id: %u, size: %u)", pReq->m_nSrcWorkId,
             nGetSize);
         if (nBytes < 0) {
+            bReadFailed = true;
             nReadErrno = errno;
             nEnd = TURN_ENDED;
             break;
@@ -373,7 +372,7 @@ int CFileReadThread::ServeBatch(ConnectQueue& conn, CFileReadThreadReqRead* pReq
         pReq->m_lReadSize += anLength[i];
     }
     if (nEnd != TURN_ENDED) return nEnd;
-    if (nReadErrno != 0) {
+    if (bReadFailed) {
         Log(LOG_LEVEL_WARNING,
             "CFileReadThread::ReqFileAgentGet(read src file is error, work id: %u, dst work id: %u, errno: %d, "
             "begin pos: %llu, read size: %d, get num: %d)",
