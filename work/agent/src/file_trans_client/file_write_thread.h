@@ -55,13 +55,19 @@ public:
     // The pull (file_pull.cpp).
     void ReqFileAgentGet(FileTransClient& task);
     void ReqFileAgentPreGet(FileTransClient& task);
-    void RspFileAgentGet(RspWorkFileAgentGet* pPacket, unsigned int nSpeed);
+    // strOurMd5: the content's digest where it was computed ahead, or empty.
+    void RspFileAgentGet(RspWorkFileAgentGet* pPacket, unsigned int nSpeed, const std::string& strOurMd5 = "");
 
     // The end of a work and the sweep (file_finish.cpp).
     void FinishWork(FileTransClient& task, int nRet);
     void DealReGetAndAutoDelete();
 
 private:
+    // Decodes the block of a data request, and frees it.
+    static void Decode(CFileWriteReqReceiveData* pReq);
+    // Decodes the data request and those waiting behind it, and sums the
+    // contents of the batch together.
+    void DigestAhead(CFileWriteReqReceiveData* pFirst);
     void SetNowFrom(const FileWriteReqRoute& req);
     void SetNowFrom(const FileTransClient& task);
     FileTransClient& MakeWork(const CFileWriteReqCreate& req);
