@@ -80,6 +80,8 @@ public:
     unsigned int GetNowWorkSize();
 
     void Run() override;
+    // Any thread: the supervisor looks at its flag, its new works and its deadlines now.
+    void WakeUp() override;
 
 private:
     typedef std::map<unsigned int, CommonWork*> WorkMap;

@@ -22,7 +22,6 @@ namespace {
 
 const unsigned int WRITE_THREAD_STACK_SIZE = 0x100000;
 const unsigned int PACKET_BUF_MIN_SIZE = 1024;
-const unsigned int REQ_WAIT_MILLISECOND = 50;
 const time_t SWEEP_SECOND = 5;
 
 const char* TransTypeName(int nTransType)
@@ -95,11 +94,17 @@ void CFileWriteThread::AddReq(CFileWriteReqBase* pReq)
     Log(LOG_LEVEL_LOWEST, "CFileWriteThread::AddReq(req deq size: %u, thread id: %d)", m_deqReq.size(), m_nThreadId);
 }
 
+void CFileWriteThread::WakeUp() { m_dataEventReq.SetEvent(); }
+
 void CFileWriteThread::Run()
 {
     time_t timePreTestNeedReGetAndAutoDelete = g_timeNow;
+    WatchAgentClock(this);
     while (m_nContinueRun) {
-        if (m_dataEventReq.WaitForSingleObject(REQ_WAIT_MILLISECOND) == 1) {
+        // A request, a stop or a moved clock wakes the wait; the sweep of the works is its only deadline.
+        int nWait = m_mapWork.empty() ? DEADLINE_WAIT_MAX_MILLISECOND
+                                      : MilliSecondsUntilAgentTime(timePreTestNeedReGetAndAutoDelete + SWEEP_SECOND);
+        if (m_dataEventReq.WaitForSingleObject(static_cast<unsigned int>(nWait)) == 1) {
             while (m_nContinueRun) {
                 CFileWriteReqBase* pReq = nullptr;
                 unsigned int nLeft = 0;
@@ -123,6 +128,7 @@ void CFileWriteThread::Run()
             DealReGetAndAutoDelete();
         }
     }
+    UnwatchAgentClock(this);
     for (auto& item : m_mapWork)
         if (item.second.nConnectId != 0) m_networkMultiClient.CloseClient(item.second.nConnectId);
     m_mapWork.clear();

@@ -32,6 +32,8 @@ public:
     // Any thread: the thread owns the request from here on.
     void AddReq(CFileWriteReqBase* pReq);
     void Run() override;
+    // Any thread: the thread looks at its flag and its deadline now.
+    void WakeUp() override;
 
     // The steps of the requests, on the thread itself.
     void CreateTransClient(CFileWriteReqCreate* pReq);
