@@ -26,6 +26,7 @@ struct Usage {
     long long lSwitches = 0;  // context switches of all threads
     long long lRssKiB = 0;
     long long lAnonKiB = 0;
+    long long lFileKiB = 0;  // pages of the binary and its libraries
     int nThreads = 0;
 };
 
@@ -61,6 +62,7 @@ Usage Sample(pid_t pid)
     std::string strStatus = ReadFile(strProc + "/status");
     u.lRssKiB = StatusValue(strStatus, "\nVmRSS:");
     u.lAnonKiB = StatusValue(strStatus, "\nRssAnon:");
+    u.lFileKiB = StatusValue(strStatus, "\nRssFile:");
     return u;
 }
 
@@ -127,6 +129,7 @@ int main()
     Line("cpu, % of a core", agent.dCpuPercent, bare.dCpuPercent, "< 0.05");
     Line("wake-ups a second, all threads", agent.dWakeups, bare.dWakeups, "<= 10");
     Line("resident, MiB", agent.end.lRssKiB / 1024.0, bare.end.lRssKiB / 1024.0, "-");
+    Line("of it the binary and libraries, MiB", agent.end.lFileKiB / 1024.0, bare.end.lFileKiB / 1024.0, "-");
     Line("anonymous, MiB", agent.end.lAnonKiB / 1024.0, bare.end.lAnonKiB / 1024.0, "< 2");
     printf("%-34s %10d | idle sleep %10d |\n", "threads", agent.end.nThreads, bare.end.nThreads);
 

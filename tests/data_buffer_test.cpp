@@ -196,6 +196,28 @@ TEST(DataBuffer, BlockingTakeTimesOutAndWakesAcrossThreads)
     producer.join();
 }
 
+// A consumer waiting for its next deadline is woken for its flags: at once when
+// asked before it waits, in the wait otherwise, and with a block if one is there.
+TEST(DataBuffer, WakeTakerEndsTheNextWaitOnce)
+{
+    CDataBufferSTLDeque buf(true, 0);
+    buf.WakeTaker();
+    EXPECT_EQ(TakeString(buf, 3600 * 1000), "<null>");
+    std::thread waker([&] {
+        Sleep(30);
+        buf.WakeTaker();
+    });
+    EXPECT_EQ(TakeString(buf, 3600 * 1000), "<null>");
+    waker.join();
+    buf.Push("kept", 4, BREL_DATA_NORMAL_PRI);
+    buf.WakeTaker();
+    EXPECT_EQ(TakeString(buf, 3600 * 1000), "kept");
+    EXPECT_EQ(TakeString(buf, 3600 * 1000), "<null>");  // the wake-up waited for this take
+    uint64_t lStart = GetNowMilliSecond();
+    EXPECT_EQ(TakeString(buf, 60), "<null>");
+    EXPECT_GE(GetNowMilliSecond() - lStart, 55u);  // and was spent
+}
+
 // Each of several takers waiting without end is woken by its own push.
 TEST(DataBuffer, EveryWaitingTakerWakesForAPush)
 {
