@@ -94,6 +94,7 @@ TEST(Thread, MilliSecondsUntilADeadlineOfWholeSeconds)
         {100, 100400, 60000, 0},    // past
         {200, 99000, 60000, 60000}, // far: the longest wait
         {103, 100999, 60000, 2001},
+        {static_cast<time_t>(1) << 62, 100000, 60000, 60000},  // never: no overflow to "due"
     };
     for (const Case& c : cases) EXPECT_EQ(MilliSecondsUntil(c.tDeadline, c.lNowMs, c.nMax), c.nWait) << c.lNowMs;
 }

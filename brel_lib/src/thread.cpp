@@ -86,6 +86,8 @@ void CThread::WaitWakeUp(unsigned int nMilliSecond)
 
 int MilliSecondsUntil(time_t tDeadline, long long lNowMilliSecond, int nMaxMilliSecond)
 {
+    // Far deadlines (a "never") are compared in seconds first: in milliseconds they would overflow.
+    if (static_cast<long long>(tDeadline) - lNowMilliSecond / 1000 > nMaxMilliSecond / 1000 + 1) return nMaxMilliSecond;
     long long lWait = static_cast<long long>(tDeadline) * 1000 - lNowMilliSecond;
     if (lWait < 0) return 0;
     return lWait > nMaxMilliSecond ? nMaxMilliSecond : static_cast<int>(lWait);
