@@ -12,6 +12,7 @@
 #include <random>
 #include <string>
 
+#include "md5.h"
 #include "network/stream_framing.h"
 
 namespace agent_test {
@@ -169,6 +170,24 @@ bool FilePeer::WaitClosedBySource(int nTimeoutMs)
         if (r == 0 || (r < 0 && errno == ECONNRESET)) return true;
     }
     return false;
+}
+
+bool AnswerGet(TestWorkServer& source, unsigned int nDstWorkId, unsigned long long lPos, const std::string& strContent,
+               unsigned long long lTotal, const std::string* pMd5, int ret)
+{
+    RspWorkFileAgentGet rsp;
+    rsp.ret = ret;
+    rsp.dstWorkId = static_cast<int>(nDstWorkId);
+    rsp.srcWorkId = 9;
+    rsp.srcFileAccessBit = 0640;
+    rsp.content.Set(strContent.data(), strContent.size());
+    std::string strMd5 = pMd5 != nullptr ? *pMd5 : brel_lib::md5(strContent);
+    rsp.md5.Set(strMd5.data(), strMd5.size());
+    rsp.beginPosHigh = static_cast<int>(lPos >> 32);
+    rsp.beginPosLow = static_cast<int>(lPos & 0xFFFFFFFFU);
+    rsp.totalSizeHigh = static_cast<int>(lTotal >> 32);
+    rsp.totalSizeLow = static_cast<int>(lTotal & 0xFFFFFFFFU);
+    return source.Send(rsp, 0);
 }
 
 PortHolder::PortHolder(unsigned short nPort)

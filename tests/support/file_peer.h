@@ -63,6 +63,12 @@ private:
     size_t m_nStart = 0;
 };
 
+// The source's answer to a get, sent on the connection of a test work server
+// that plays the source: one block at the position, with the digest of its
+// content unless another is given.
+bool AnswerGet(TestWorkServer& source, unsigned int nDstWorkId, unsigned long long lPos, const std::string& strContent,
+               unsigned long long lTotal, const std::string* pMd5 = nullptr, int ret = 0);
+
 // A listening socket on 127.0.0.1 that keeps a port taken; Own() tells
 // whether this object holds it (otherwise someone else does).
 class PortHolder {

@@ -39,7 +39,7 @@ void AgentFileTransfer::TearDown()
     }
 }
 
-unsigned int AgentFileTransfer::Loopback()
+unsigned int AgentFileDst::Loopback()
 {
     unsigned int nIp = 0;
     inet_pton(AF_INET, "127.0.0.1", &nIp);
@@ -77,7 +77,7 @@ unsigned short AgentFileTransfer::Offer(unsigned int nWorkId, const std::string&
     return OfferFile(SrcServer(), nWorkId, strPath);
 }
 
-void AgentFileTransfer::SendCreate(unsigned int nWorkId, const std::string& strSrcFile, const std::string& strDstPath,
+void AgentFileDst::SendCreate(unsigned int nWorkId, const std::string& strSrcFile, const std::string& strDstPath,
                                    unsigned short nPort, unsigned int nSrcWorkId, int nFlag, int nAppend,
                                    unsigned int nSrcIp)
 {
@@ -95,7 +95,7 @@ void AgentFileTransfer::SendCreate(unsigned int nWorkId, const std::string& strS
     EXPECT_TRUE(Server().Send(req, nAppend));
 }
 
-void AgentFileTransfer::SendCreate2(unsigned int nWorkId, const std::string& strSrcFile, const std::string& strDstPath,
+void AgentFileDst::SendCreate2(unsigned int nWorkId, const std::string& strSrcFile, const std::string& strDstPath,
                                     unsigned short nPort, unsigned int nSrcWorkId, int nFlag, unsigned long long lSize,
                                     const std::vector<unsigned int>& vecIp)
 {
@@ -116,7 +116,7 @@ void AgentFileTransfer::SendCreate2(unsigned int nWorkId, const std::string& str
     EXPECT_TRUE(Server().Send(req, static_cast<int>(nWorkId)));
 }
 
-void AgentFileTransfer::SendSetAction(unsigned int nWorkId, int nAppend)
+void AgentFileDst::SendSetAction(unsigned int nWorkId, int nAppend)
 {
     ReqWorkFileDstSetAction req;
     req.workId = static_cast<int>(nWorkId);
@@ -124,21 +124,21 @@ void AgentFileTransfer::SendSetAction(unsigned int nWorkId, int nAppend)
     EXPECT_TRUE(Server().Send(req, nAppend));
 }
 
-void AgentFileTransfer::SendQuery(unsigned int nWorkId, int nAppend)
+void AgentFileDst::SendQuery(unsigned int nWorkId, int nAppend)
 {
     ReqWorkFileDstQuery req;
     req.workId = static_cast<int>(nWorkId);
     EXPECT_TRUE(Server().Send(req, nAppend));
 }
 
-void AgentFileTransfer::SendDelete(unsigned int nWorkId, int nAppend)
+void AgentFileDst::SendDelete(unsigned int nWorkId, int nAppend)
 {
     ReqWorkFileDstDelete req;
     req.workId = static_cast<int>(nWorkId);
     EXPECT_TRUE(Server().Send(req, nAppend));
 }
 
-bool AgentFileTransfer::WaitResult(unsigned int nWorkId, size_t nFrom, int nTimeoutMs, RspWorkFileDstQuery& out)
+bool AgentFileDst::WaitResult(unsigned int nWorkId, size_t nFrom, int nTimeoutMs, RspWorkFileDstQuery& out)
 {
     return WaitUntil(
         [&] {
@@ -154,6 +154,24 @@ bool AgentFileTransfer::WaitResult(unsigned int nWorkId, size_t nFrom, int nTime
             return false;
         },
         nTimeoutMs);
+}
+
+std::vector<int> AgentFileDst::Results(unsigned int nWorkId, size_t nFrom, int nTimeoutMs, int nQuietMs)
+{
+    auto collect = [&] {
+        std::vector<int> vecRet;
+        std::vector<TestWorkServer::Received> packets = Server().Packets();
+        for (size_t i = nFrom; i < packets.size(); ++i) {
+            RspWorkFileDstQuery rsp;
+            if (DecodeBody(packets[i], rsp) && static_cast<unsigned int>(rsp.workId.value) == nWorkId &&
+                rsp.status.value == 2)
+                vecRet.push_back(rsp.ret.value);
+        }
+        return vecRet;
+    };
+    if (!WaitUntil([&] { return !collect().empty(); }, nTimeoutMs)) return {};
+    SleepMs(nQuietMs);
+    return collect();
 }
 
 int AgentFileTransfer::Transfer(unsigned int nWorkId, const std::string& strSrcPath, const std::string& strDstPath,

@@ -17,22 +17,13 @@ namespace agent_test {
 // offers the file on, 0 on failure.
 unsigned short OfferFile(TestWorkServer& server, unsigned int nWorkId, const std::string& strPath, int nFlag = 0);
 
-class AgentFileTransfer : public AgentEndToEnd {
+// A destination agent driven as the work server would, towards any source:
+// the requests of a destination work and the waits for their replies.
+class AgentFileDst : public AgentEndToEnd {
 protected:
-    void SetUp() override;
-    void TearDown() override;
-
-    // Settings of the two agents, before StartAgents.
     std::map<std::string, std::string>& DstConfig() { return Tree().Config(); }
-    std::map<std::string, std::string>& SrcConfig() { return m_pSrcTree->Config(); }
-    void StartAgents();
-
-    InstallTree& SrcTree() { return *m_pSrcTree; }
-    TestWorkServer& SrcServer() { return *m_pSrcServer; }
 
     static unsigned int Loopback();
-    // A source work for the path on the source agent; its port, 0 on failure.
-    unsigned short Offer(unsigned int nWorkId, const std::string& strPath);
     void SendCreate(unsigned int nWorkId, const std::string& strSrcFile, const std::string& strDstPath,
                     unsigned short nPort, unsigned int nSrcWorkId, int nFlag = 0, int nAppend = 5,
                     unsigned int nSrcIp = Loopback());
@@ -48,8 +39,27 @@ protected:
     int WaitReply(unsigned int nWorkId, size_t nFrom, int nTimeoutMs, T* pOut = nullptr);
     // The first report of the work at status 2 after packet nFrom.
     bool WaitResult(unsigned int nWorkId, size_t nFrom, int nTimeoutMs, RspWorkFileDstQuery& out);
+    // The rets of all reports of the work at status 2 after packet nFrom, once nothing new has come for nQuietMs.
+    std::vector<int> Results(unsigned int nWorkId, size_t nFrom, int nTimeoutMs, int nQuietMs = 1000);
     size_t Mark() { return Server().Packets().size(); }
+};
 
+// A real source agent beside the destination, in an install tree of its own
+// with its own test work server.
+class AgentFileTransfer : public AgentFileDst {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // Settings of the source agent, before StartAgents.
+    std::map<std::string, std::string>& SrcConfig() { return m_pSrcTree->Config(); }
+    void StartAgents();
+
+    InstallTree& SrcTree() { return *m_pSrcTree; }
+    TestWorkServer& SrcServer() { return *m_pSrcServer; }
+
+    // A source work for the path on the source agent; its port, 0 on failure.
+    unsigned short Offer(unsigned int nWorkId, const std::string& strPath);
     // Offer, create, set-action and the final report: the work's ret, or -1.
     int Transfer(unsigned int nWorkId, const std::string& strSrcPath, const std::string& strDstPath,
                  int nTimeoutMs = 30000);
@@ -64,7 +74,7 @@ protected:
 bool SameFile(const std::string& strA, const std::string& strB);
 
 template <class T>
-int AgentFileTransfer::WaitReply(unsigned int nWorkId, size_t nFrom, int nTimeoutMs, T* pOut)
+int AgentFileDst::WaitReply(unsigned int nWorkId, size_t nFrom, int nTimeoutMs, T* pOut)
 {
     int ret = -1;
     WaitUntil(
