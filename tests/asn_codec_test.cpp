@@ -40,6 +40,17 @@ std::vector<unsigned char> Encode(T& value)
     return std::vector<unsigned char>(pOut, pOut + nSize);
 }
 
+// The packet around the message, as a sender builds it.
+template <class T>
+std::vector<unsigned char> EncodePkt(T& value, int nAppend = 0)
+{
+    CPacketBuffer block("Test", 0);
+    unsigned int nSize = 0;
+    char* p = EncodePacket(block, value, nAppend, nSize);
+    EXPECT_NE(p, nullptr);
+    return p == nullptr ? std::vector<unsigned char>() : std::vector<unsigned char>(p, p + nSize);
+}
+
 // Decodes and returns 0 or -1, with the bytes used and what went to stderr.
 template <class T>
 int Decode(T& value, std::vector<unsigned char> bytes, unsigned int* pUsed = nullptr, std::string* pErr = nullptr)
@@ -67,17 +78,15 @@ std::string Printed(const AsnType& v)
     return os.str();
 }
 
+const std::vector<unsigned char> HEARTBEAT_1234 = Bytes(
+    {0x30, 0x10, 0x02, 0x01, 0x04, 0x02, 0x01, 0x00, 0xBF, 0x82, 0x2C, 0x06, 0x30, 0x04, 0x02, 0x02, 0x04, 0xD2});
+
 TEST(BerWireForms, HeartbeatPacketExample)
 {
     ReqWorkAgentHeartbeat heartbeat;
     heartbeat.agentId = 1234;
-    CPacketBuffer block("Test", 0);
-    unsigned int nSize = 0;
-    char* p = EncodePacket(block, heartbeat, 0, nSize);
-    ASSERT_NE(p, nullptr);
-    std::vector<unsigned char> bytes(p, p + nSize);
-    EXPECT_EQ(Hex(bytes), Hex(Bytes({0x30, 0x10, 0x02, 0x01, 0x04, 0x02, 0x01, 0x00, 0xBF, 0x82, 0x2C, 0x06, 0x30,
-                                     0x04, 0x02, 0x02, 0x04, 0xD2})));
+    std::vector<unsigned char> bytes = EncodePkt(heartbeat);
+    EXPECT_EQ(Hex(bytes), Hex(HEARTBEAT_1234));
     EXPECT_EQ(heartbeat.agentId, 1234);  // the loaned message is untouched and still ours
 
     ZikPacket packet;
@@ -97,11 +106,7 @@ TEST(BerWireForms, QueryPacketExample)
     unsigned char ip[4] = {0xC0, 0xA8, 0x00, 0x01};
     query.routeSrcServerIp = static_cast<int>((ip[0] << 24) | (ip[1] << 16) | (ip[2] << 8) | ip[3]);
     query.routeSrcServerId = 2;
-    CPacketBuffer block("Test", 0);
-    unsigned int nSize = 0;
-    char* p = EncodePacket(block, query, 7, nSize);
-    ASSERT_NE(p, nullptr);
-    EXPECT_EQ(Hex(std::vector<unsigned char>(p, p + nSize)),
+    EXPECT_EQ(Hex(EncodePkt(query, 7)),
               Hex(Bytes({0x30, 0x1B, 0x02, 0x01, 0x04, 0x02, 0x01, 0x07, 0xBF, 0x68, 0x12, 0x30, 0x10, 0x02, 0x01,
                          0x05, 0x02, 0x02, 0x03, 0xE8, 0x02, 0x04, 0xC0, 0xA8, 0x00, 0x01, 0x02, 0x01, 0x02})));
 }
@@ -327,12 +332,8 @@ TEST(BerDecodingCost, AllocationBudgetRefusesDenseListsOfTinyElements)
     RspWorkFileAgentGet get;
     std::string content(4 << 20, 'z');
     get.content.ReSet(content.data(), content.size());
-    brel_lib::CPacketBuffer pktBuf("Test", 0);
-    unsigned int nSize = 0;
-    char* pOut = EncodePacket(pktBuf, get, 0, nSize);
-    ASSERT_NE(pOut, nullptr);
     ZikPacket back;
-    ASSERT_EQ(Decode(back, std::vector<unsigned char>(pOut, pOut + nSize)), 0);
+    ASSERT_EQ(Decode(back, EncodePkt(get)), 0);
     EXPECT_EQ(back.body->rspWorkFileAgentGet->content.octetLen, content.size());
 }
 
@@ -379,8 +380,7 @@ TEST(BerDecoding, IndefiniteListsAndChoices)
 
 TEST(BerDecoding, PacketEnvelopeQuirks)
 {
-    std::vector<unsigned char> hb = Bytes({0x30, 0x10, 0x02, 0x01, 0x04, 0x02, 0x01, 0x00, 0xBF, 0x82, 0x2C, 0x06,
-                                           0x30, 0x04, 0x02, 0x02, 0x04, 0xD2});
+    const std::vector<unsigned char>& hb = HEARTBEAT_1234;
     // Trailing bytes after a packet still decode; the size used tells the caller.
     std::vector<unsigned char> trailing = hb;
     trailing.push_back(0x99);
@@ -586,13 +586,8 @@ TEST(Catalogue, EveryAlternativeRoundTrips)
             packet.body = new Zik;
             Fill(*packet.body->Select(cid), nSeed, bEmpty);
             SCOPED_TRACE(packet.body->AltName(cid));
+            // The wire compared again after the decode holds the choice's tag and the append.
             ExpectRoundTrip(packet, packet.body->AltName(cid));
-
-            ZikPacket back;
-            std::vector<unsigned char> wire = Encode(packet);
-            ASSERT_EQ(Decode(back, wire), 0);
-            EXPECT_EQ(back.body->choiceId, cid);
-            EXPECT_EQ(back.append, cid * 1000 - 7);
         }
     }
 }

@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include <atomic>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -91,14 +92,11 @@ TEST(DataBuffer, DropsTheOldestAtTheLimit)
     EXPECT_EQ(buf.GetDataNum(), 2001u);
     EXPECT_EQ(TakeString(buf), "hi");
     EXPECT_EQ(TakeString(buf), "2");  // "0" and "1" were dropped
-}
 
-TEST(DataBuffer, LimitOfOneSettlesAtTwo)
-{
-    CDataBufferSTLDeque buf(false, 1);
-    for (const char* sz : {"a", "b", "c", "d"}) buf.Push(sz, 1, BREL_DATA_NORMAL_PRI);
-    EXPECT_EQ(buf.GetDataNum(), 2u);
-    EXPECT_EQ(TakeString(buf), "c");
+    CDataBufferSTLDeque one(false, 1);  // a limit of one settles at two
+    for (const char* sz : {"a", "b", "c", "d"}) one.Push(sz, 1, BREL_DATA_NORMAL_PRI);
+    EXPECT_EQ(one.GetDataNum(), 2u);
+    EXPECT_EQ(TakeString(one), "c");
 }
 
 TEST(DataBuffer, EventIsRaisedWhileTheQueueHoldsBlocks)
@@ -218,10 +216,9 @@ TEST(DataBuffer, WakeTakerEndsTheNextWaitOnce)
     EXPECT_GE(GetNowMilliSecond() - lStart, 55u);  // and was spent
 }
 
-// Each of several takers waiting without end is woken by its own push.
-TEST(DataBuffer, EveryWaitingTakerWakesForAPush)
+// Three takers wait without end; pushing three blocks "x" must wake each of them.
+void ExpectEveryWaitingTakerWoken(CDataBufferSTLDeque& buf, const std::function<void(int)>& pushX)
 {
-    CDataBufferSTLDeque buf(true, 0);
     const int nTakers = 3;
     std::atomic<int> nWoken{0};
     std::vector<std::thread> takers;
@@ -231,13 +228,21 @@ TEST(DataBuffer, EveryWaitingTakerWakesForAPush)
         });
     }
     Sleep(50);  // let them wait; the test holds whether or not they all did
-    for (int i = 0; i < nTakers; ++i) buf.Push("x", 1, BREL_DATA_NORMAL_PRI);
+    pushX(nTakers);
     uint64_t lDeadline = GetNowMilliSecond() + 10000;
     while (nWoken < nTakers && GetNowMilliSecond() < lDeadline) Sleep(5);
     EXPECT_EQ(nWoken, nTakers);
     // Release any taker a lost wake-up left behind, so that the test ends.
     for (int i = nWoken; i < nTakers; ++i) buf.Push("y", 1, BREL_DATA_NORMAL_PRI);
     for (auto& t : takers) t.join();
+}
+
+TEST(DataBuffer, EveryWaitingTakerWakesForAPush)
+{
+    CDataBufferSTLDeque buf(true, 0);
+    ExpectEveryWaitingTakerWoken(buf, [&](int n) {
+        for (int i = 0; i < n; ++i) buf.Push("x", 1, BREL_DATA_NORMAL_PRI);
+    });
 }
 
 // The line is a ring: it must keep the order when it grows while wrapped,
@@ -433,28 +438,15 @@ TEST(DataBuffer, BlocksQueuedTogetherKeepOrderLimitAndWakeTakers)
     buf.PushBlocks(nullptr, 0, BREL_DATA_NORMAL_PRI);
     EXPECT_TRUE(buf.Empty());
 
-    const int nTakers = 3;
-    std::atomic<int> nWoken{0};
-    std::vector<std::thread> takers;
-    for (int i = 0; i < nTakers; ++i) {
-        takers.emplace_back([&] {
-            if (TakeString(buf, 0xFFFFFFFF) == "x") ++nWoken;
-        });
-    }
-    Sleep(50);  // let them wait; the test holds whether or not they all did
-    std::vector<CDataBufferSTLDeque::BlockItem> vecX;
-    for (int i = 0; i < nTakers; ++i) {
-        char* p = static_cast<char*>(CDataBufferSTLDeque::AllocBlock(8));
-        p[0] = 'x';
-        vecX.push_back({p, 1, 0, 0});
-    }
-    buf.PushBlocks(vecX.data(), nTakers, BREL_DATA_NORMAL_PRI);
-    uint64_t lDeadline = GetNowMilliSecond() + 10000;
-    while (nWoken < nTakers && GetNowMilliSecond() < lDeadline) Sleep(5);
-    EXPECT_EQ(nWoken, nTakers);
-    // Release any taker a lost wake-up left behind, so that the test ends.
-    for (int i = nWoken; i < nTakers; ++i) buf.Push("y", 1, BREL_DATA_NORMAL_PRI);
-    for (auto& t : takers) t.join();
+    ExpectEveryWaitingTakerWoken(buf, [&](int n) {
+        std::vector<CDataBufferSTLDeque::BlockItem> vecX;
+        for (int i = 0; i < n; ++i) {
+            char* p = static_cast<char*>(CDataBufferSTLDeque::AllocBlock(8));
+            p[0] = 'x';
+            vecX.push_back({p, 1, 0, 0});
+        }
+        buf.PushBlocks(vecX.data(), static_cast<unsigned int>(n), BREL_DATA_NORMAL_PRI);
+    });
 }
 
 #if defined(__SANITIZE_ADDRESS__)

@@ -15,6 +15,7 @@
 #include "file_peer.h"
 #include "file_transfer_e2e.h"
 #include "md5.h"
+#include "zik_sample.h"
 
 using namespace agent_test;
 
@@ -29,28 +30,13 @@ std::string Pattern(size_t n, unsigned int nSeed)
     return str;
 }
 
-// A TLV with the definite length in its shortest form.
-std::string Tlv(const std::string& strTag, const std::string& strContent)
-{
-    std::string strLen;
-    size_t n = strContent.size();
-    if (n < 0x80) {
-        strLen = std::string(1, static_cast<char>(n));
-    } else {
-        std::string strBytes;
-        for (; n > 0; n >>= 8) strBytes.insert(strBytes.begin(), static_cast<char>(n & 0xFF));
-        strLen = std::string(1, static_cast<char>(0x80 | strBytes.size())) + strBytes;
-    }
-    return strTag + strLen + strContent;
-}
+std::vector<unsigned char> Int(int n) { return Bytes({0x02, 0x01, n}); }
 
-std::string Int(int n) { return Tlv("\x02", std::string(1, static_cast<char>(n))); }
-
-// A packet of version 4 and append 1 around a body with its context tag.
-std::vector<unsigned char> Packet(const std::string& strBodyTag, const std::string& strFields)
+std::vector<unsigned char> Cat(std::initializer_list<std::vector<unsigned char>> parts)
 {
-    std::string str = Tlv("\x30", Int(4) + Int(1) + Tlv(strBodyTag, Tlv("\x30", strFields)));
-    return std::vector<unsigned char>(str.begin(), str.end());
+    std::vector<unsigned char> all;
+    for (const auto& part : parts) all.insert(all.end(), part.begin(), part.end());
+    return all;
 }
 
 class AgentFileSource : public AgentEndToEnd {
@@ -272,45 +258,25 @@ TEST_F(AgentFileSource, HostilePeersAreClosedWhileAnotherIsServed)
     long lRssBefore = ResidentKiB(m_pid);
     GoodPeer good(nPort, 5, strPath, strData);
 
-    // A packet announced larger than any request: closed on its header alone.
-    for (const std::string& strHead :
-         {std::string("\x30\x83\x01\x00\x01", 5), std::string("\x30\x84\x07\xff\xff\xf0", 6)}) {
-        FilePeer peer;
-        ASSERT_TRUE(peer.Connect(nPort, 3000));
-        ASSERT_TRUE(peer.WriteRaw(std::vector<unsigned char>(strHead.begin(), strHead.end())));
-        EXPECT_TRUE(peer.WaitClosedBySource(5000));
-    }
-    // Eight bytes: an envelope without a body, never taken for anything else.
-    {
-        FilePeer peer;
-        ASSERT_TRUE(peer.Connect(nPort, 3000));
-        ASSERT_TRUE(peer.WriteRaw({0x30, 0x06, 0x02, 0x01, 0x04, 0x02, 0x01, 0x05}));
-        EXPECT_TRUE(peer.WaitClosedBySource(5000));
-    }
-    // Random bytes: as a stream, and framed as a packet.
     std::mt19937 gen(17);
-    for (int i = 0; i < 2; ++i) {
-        std::string strRandom(200, '\0');
-        for (char& c : strRandom) c = static_cast<char>(gen());
-        std::vector<unsigned char> bytes;
-        if (i == 0) {
-            strRandom[0] = '\x31';
-            bytes.assign(strRandom.begin(), strRandom.end());
-        } else {
-            std::string strPacket = Tlv("\x30", strRandom);
-            bytes.assign(strPacket.begin(), strPacket.end());
-        }
+    std::vector<unsigned char> random(200);
+    for (unsigned char& c : random) c = static_cast<unsigned char>(gen());
+    std::vector<unsigned char> stream = random;
+    stream[0] = 0x31;
+    // A packet announced larger than any request (closed on its header alone),
+    // an envelope without a body, random bytes as a stream and framed as a packet.
+    for (const std::vector<unsigned char>& bytes :
+         {Bytes({0x30, 0x83, 0x01, 0x00, 0x01}), Bytes({0x30, 0x84, 0x07, 0xff, 0xff, 0xf0}),
+          Bytes({0x30, 0x06, 0x02, 0x01, 0x04, 0x02, 0x01, 0x05}), stream, Tlv({0x30}, random)}) {
         FilePeer peer;
         ASSERT_TRUE(peer.Connect(nPort, 3000));
         ASSERT_TRUE(peer.WriteRaw(bytes));
-        EXPECT_TRUE(peer.WaitClosedBySource(5000)) << i;
+        EXPECT_TRUE(peer.WaitClosedBySource(5000)) << bytes.size();
     }
-    // A get whose path is a constructed string of 30,000 empty segments.
+    // A get (212) whose path is a constructed string of 30,000 empty segments.
     {
-        std::string strSegments;
-        for (int i = 0; i < 30000; ++i) strSegments += std::string("\x04\x00", 2);
-        std::vector<unsigned char> bomb =
-            Packet("\xbf\x81\x54", Int(1) + Int(5) + Tlv("\x24", strSegments) + Int(0) + Int(0) + Int(100) + Int(1));
+        std::vector<unsigned char> bomb = PacketOf(
+            212, Cat({Int(1), Int(5), Tlv({0x24}, Repeat({0x04, 0x00}, 30000)), Int(0), Int(0), Int(100), Int(1)}));
         ASSERT_LT(bomb.size(), 65536u);
         FilePeer peer;
         ASSERT_TRUE(peer.Connect(nPort, 3000));
@@ -329,12 +295,9 @@ TEST_F(AgentFileSource, HostilePeersAreClosedWhileAnotherIsServed)
     // A message of another kind with a list of 20,000 tiny elements: not
     // served, and the connection stays for the next get.
     {
-        std::string strList;
-        for (int i = 0; i < 20000; ++i) strList += Int(i & 0x7f);
-        std::vector<unsigned char> bomb =
-            Packet("\xbf\x84\x5c", Int(1) + Tlv("\x04", "a") + Tlv("\x04", "b") + Tlv("\x30", strList) + Int(0) +
-                                       Int(0) + Int(0) + Int(0) + Int(0) + Tlv("\x04", "") + Int(0) + Int(0) + Int(0) +
-                                       Int(0) + Int(0) + Int(0));
+        std::vector<unsigned char> bomb = PacketOf(
+            604, Cat({Int(1), Bytes({0x04, 0x01, 'a', 0x04, 0x01, 'b'}), Tlv({0x30}, Repeat({0x02, 0x01, 0x07}, 20000)),
+                      Repeat({0x02, 0x01, 0x00}, 5), Bytes({0x04, 0x00}), Repeat({0x02, 0x01, 0x00}, 6)}));
         ASSERT_LT(bomb.size(), 65536u);
         FilePeer peer;
         ASSERT_TRUE(peer.Connect(nPort, 3000));

@@ -1,6 +1,6 @@
 // Files pulled by a real destination agent from a real source agent on
 // 127.0.0.1, driven as the work server would: the result report, the bytes
-// on disk, and the sharing of one pull by the works of one cache id.
+// on disk.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -22,13 +22,6 @@ const bool kSanitized = true;
 #else
 const bool kSanitized = false;
 #endif
-
-std::string Pattern(size_t n, unsigned int nSeed)
-{
-    std::string str(n, '\0');
-    for (size_t i = 0; i < n; ++i) str[i] = static_cast<char>((i * 131 + nSeed + i / 4093) & 0xFF);
-    return str;
-}
 
 // A directory in memory for the large files, removed with its content.
 class ShmDir {
@@ -135,37 +128,6 @@ TEST_F(FileTransferTest, ASparseFileBeyondFourGiBArrivesByteIdentical)
     EXPECT_EQ(Transfer(300, strSrc, strDst, 110000), 0);
     EXPECT_TRUE(SameFile(strSrc, strDst));
     unlink(strDst.c_str());
-}
-
-TEST_F(FileTransferTest, TwoWorksForOneCacheIdShareOnePull)
-{
-    std::string strSrc = SrcTree().Path("shared");
-    std::string strData = Pattern(5 * BLOCK + 11, 4);
-    WriteFile(strSrc, strData);
-    unsigned short nPort = Offer(400, strSrc);
-    ASSERT_NE(nPort, 0);
-    std::string strCacheId = Tree().Path("cache/shared_copy");
-    size_t nMark = Mark();
-    SendCreate2(401, strSrc, strCacheId, nPort, 400, 0x400, strData.size(), {Loopback()});
-    SendCreate2(402, strSrc, strCacheId, nPort, 400, 0x400, strData.size(), {Loopback()});
-    EXPECT_EQ(WaitReply<RspWorkFileDstCreate>(401, nMark, 5000), 331);
-    EXPECT_EQ(WaitReply<RspWorkFileDstCreate>(402, nMark, 5000), 331);
-    RspWorkFileDstQuery result;
-    ASSERT_TRUE(WaitResult(401, nMark, 20000, result));
-    EXPECT_EQ(result.ret.value, 0);
-    ASSERT_TRUE(WaitResult(402, nMark, 20000, result));
-    EXPECT_EQ(result.ret.value, 0);
-    EXPECT_EQ(result.okSizeLow.value, static_cast<int>(strData.size()));
-    EXPECT_TRUE(SameFile(strSrc, strCacheId));
-    // One pull: the second work joined the first as its slave.
-    EXPECT_TRUE(Tree().WaitForLog("CFileWriteThread::CreateTransClient2(is slave, work id: 402", 1000));
-    EXPECT_EQ(Tree().ReadLog().find("CFileWriteThread::CreateTransClient2(is master, async connecting the file svr, work id: 402"),
-              std::string::npos);
-
-    // A third create of the finished id is answered from the cache.
-    nMark = Mark();
-    SendCreate2(403, strSrc, strCacheId, nPort, 400, 0x400, strData.size(), {Loopback()});
-    EXPECT_EQ(WaitReply<RspWorkFileDstCreate>(403, nMark, 5000), 330);
 }
 
 } // namespace

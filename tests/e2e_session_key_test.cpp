@@ -5,7 +5,7 @@
 #include <signal.h>
 
 #include "agent_e2e.h"
-#include "server_crypto.h"
+#include "session_key_server.h"
 #include "util.h"
 
 using namespace agent_test;
@@ -38,23 +38,13 @@ protected:
         EXPECT_EQ(static_cast<unsigned int>(req.keyId.value), AGENT_ID);
         EXPECT_EQ(req.publicKeyVersion, 7);
         ReqSessionKeyEncData encData;
-        EXPECT_TRUE(DecodeRecord(RsaPrivateDecrypt(m_strPrivate, std::string(req.encData.octs, req.encData.octetLen)),
-                                 encData));
+        EXPECT_TRUE(OpenKeyRequest(m_strPrivate, req, encData));
         EXPECT_EQ(encData.keySn, static_cast<int>(nKeySn));
         EXPECT_EQ(static_cast<unsigned int>(encData.keyId.value), AGENT_ID);
         std::string strSecret(encData.oldKeyData.octs, encData.oldKeyData.octetLen);
 
-        RspSessionKeyEncData keyData;
-        keyData.keyData.ReSet(strKey.data(), strKey.size());
-        keyData.keyId = static_cast<int>(AGENT_ID);
-        keyData.keySn = static_cast<int>(nKeySn);
-        keyData.validSecond = 3600;
-        std::string strEnc = AesEncrypt(strSecret, EncodeRecord(keyData));
         RspSessionKey rsp;
-        rsp.ret = 0;
-        rsp.moduleType = 2;
-        rsp.keyId = static_cast<int>(AGENT_ID);
-        rsp.encData.ReSet(strEnc.data(), strEnc.size());
+        SealKeyAnswer(rsp, strSecret, strKey, static_cast<int>(nKeySn), static_cast<int>(AGENT_ID), 3600);
         rsp.routeDstAgentId = 1;
         rsp.routeSrcServerIp = 0x01020304;
         rsp.routeSrcServerId = 99;

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 
 #include "agent_e2e.h"
+#include "loop_harness.h"
 #include "tcp_peer.h"
 #include "util.h"
 
@@ -131,12 +132,7 @@ TEST_F(AgentSession, SilentServerMakesTheAgentMoveThenRestart)
     ASSERT_TRUE(Server().WaitConnections(2, 6000));
     EXPECT_EQ(Tree().WaitExit(pid, 8000), 1);
     std::string strLog = Tree().ReadLog();
-    size_t nWarn = 0;
-    for (size_t nPos = strLog.find("server is not respond in 3sec, we reconnect it"); nPos != std::string::npos;
-         nPos = strLog.find("server is not respond in 3sec, we reconnect it", nPos + 1)) {
-        ++nWarn;
-    }
-    EXPECT_EQ(nWarn, 2u);
+    EXPECT_EQ(CountOf(strLog, "server is not respond in 3sec, we reconnect it"), 2);
     EXPECT_NE(strLog.find("Error  ("), std::string::npos);
     EXPECT_NE(strLog.find("CProcessCommon::DealHeartbeatTimeout(server is not respond in 9sec, we will restart)"),
               std::string::npos);
@@ -160,12 +156,8 @@ TEST_F(AgentSession, OneAnswerResetsTheCount)
     EXPECT_EQ(Tree().WaitExit(pid, 15000), 1);
     std::string strLog = Tree().ReadLog();
     size_t nRespond = strLog.find("server is respond in we want sec");
-    size_t nWarnAfter = 0;
-    for (size_t nPos = strLog.find("we reconnect it", nRespond); nPos != std::string::npos;
-         nPos = strLog.find("we reconnect it", nPos + 1)) {
-        ++nWarnAfter;
-    }
-    EXPECT_EQ(nWarnAfter, 2u);
+    ASSERT_NE(nRespond, std::string::npos);
+    EXPECT_EQ(CountOf(strLog.substr(nRespond), "we reconnect it"), 2);
 }
 
 TEST_F(AgentSession, ConnectNewServerMovesTheAgentAndRewritesTheFile)

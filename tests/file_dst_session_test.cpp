@@ -23,6 +23,13 @@ unsigned int Loopback()
     return nIp;
 }
 
+size_t Occurrences(const std::string& strText, const std::string& strWhat)
+{
+    size_t n = 0;
+    for (size_t i = strText.find(strWhat); i != std::string::npos; i = strText.find(strWhat, i + 1)) ++n;
+    return n;
+}
+
 // The session with the destination, and a peer listening where the source would.
 class FileDstSession : public ::testing::Test {
 protected:
@@ -75,7 +82,7 @@ protected:
     SessionHarness& S() { return *m_pSession; }
 
     void SendCreate(unsigned int nWorkId, const std::string& strDstPath, int nFlag = 0, unsigned int nIp = Loopback(),
-                    unsigned short nPort = 0)
+                    unsigned short nPort = 0, int nTimeout = 0)
     {
         ReqWorkFileDstCreate req;
         req.workId = static_cast<int>(nWorkId);
@@ -85,12 +92,13 @@ protected:
         req.srcServerPort = nPort == 0 ? m_source.Port() : nPort;
         req.srcWorkId = 9;
         req.flag = nFlag;
+        req.timeout = nTimeout;
         req.routeSrcServerIp = 21;
         req.routeSrcServerId = 22;
         S().Send(req, static_cast<int>(nWorkId));
     }
     void SendCreate2(unsigned int nWorkId, const std::string& strDstPath, int nFlag, unsigned long long lSize,
-                     const std::vector<unsigned int>& vecIp)
+                     const std::vector<unsigned int>& vecIp, int nTimeout = 0)
     {
         ReqWorkFileDstCreate2 req;
         req.workId = static_cast<int>(nWorkId);
@@ -103,6 +111,7 @@ protected:
         req.firstSrcFile = "/first/name";
         req.totalSizeHigh = static_cast<int>(lSize >> 32);
         req.totalSizeLow = static_cast<int>(lSize & 0xFFFFFFFFU);
+        req.timeout = nTimeout;
         S().Send(req, static_cast<int>(nWorkId));
     }
     template <class TRsp>
@@ -144,6 +153,18 @@ protected:
         Answer(nWorkId, 0, strContent, strContent.size());
         RspWorkFileDstQuery result;
         return Result(nWorkId, result) ? result.ret.value : -1;
+    }
+
+    // The first get that came on the peer's n-th connection.
+    bool GetOn(int nConnection, ReqWorkFileAgentGet& get, int nTimeoutMs = 5000)
+    {
+        return WaitUntil(
+            [&] {
+                for (const TestWorkServer::Received& received : m_source.Packets())
+                    if (received.nConnection == nConnection && DecodeBody(received, get)) return true;
+                return false;
+            },
+            nTimeoutMs);
     }
 
     // The source's side: waits for the n-th get, then answers with one block.
@@ -402,17 +423,7 @@ TEST_F(FileDstSession, TheSweepTimesOutRepeatsSilentGetsAndDropsUnstartedWorks)
 {
     Begin();
     // A work whose time runs out: 324.
-    {
-        ReqWorkFileDstCreate req;
-        req.workId = 90;
-        req.srcFile = "/src/file";
-        std::string strDst = S().Path("timed");
-        req.dstPath.Set(strDst.data(), strDst.size());
-        req.srcServerIp = static_cast<int>(Loopback());
-        req.srcServerPort = m_source.Port();
-        req.timeout = 20;
-        S().Send(req, 90);
-    }
+    SendCreate(90, S().Path("timed"), 0, Loopback(), 0, 20);
     ASSERT_EQ(CreateRet(90), 0);
     EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(90)), 0);
     ReqWorkFileAgentGet get;
@@ -444,6 +455,168 @@ TEST_F(FileDstSession, TheSweepTimesOutRepeatsSilentGetsAndDropsUnstartedWorks)
     EXPECT_EQ((Ask<ReqWorkFileDstQuery, RspWorkFileDstQuery>(92)), 300);
     // Meanwhile the finished work has repeated its report for the period.
     ASSERT_TRUE(Result(90, result, 3000));
+    EXPECT_EQ(result.ret.value, 324);
+}
+
+// Slaves end by their own time limits while the master pulls on: one is dropped
+// at its keep time and leaves the list, the other reports again with the
+// master's result when the master ends.
+TEST_F(FileDstSession, SlavesTimedOutAloneReportAgainAtTheMastersEndOrLeaveTheListWhenDropped)
+{
+    Begin("file_trans_client_finish_keep_second_before_auto_delete = 100\n"
+          "file_trans_client_reget_timeout_second = 100000\nfile_trans_client_reget_failed_timeout_second = 100000\n");
+    std::string strCacheId = S().Path("cache/lonely");
+    const std::string strContent(3000, 'x');
+    SendCreate2(100, strCacheId, 0x400, strContent.size(), {Loopback()});
+    EXPECT_EQ(CreateRet(100), 331);
+    ReqWorkFileAgentGet get;
+    ASSERT_TRUE(WaitGet(get));
+    SendCreate2(101, strCacheId, 0x400, strContent.size(), {Loopback()}, 20);   // dropped before the master ends
+    SendCreate2(102, strCacheId, 0x400, strContent.size(), {Loopback()});       // ends with the master only
+    SendCreate2(103, strCacheId, 0x400, strContent.size(), {Loopback()}, 100);  // ends alone, then with the master
+    for (unsigned int n = 101; n <= 103; ++n) EXPECT_EQ(CreateRet(n), 331) << n;
+    S().AdvanceClock(25);
+    RspWorkFileDstQuery result;
+    ASSERT_TRUE(Result(101, result));
+    EXPECT_EQ(result.ret.value, 324);
+    S().AdvanceClock(110);
+    ASSERT_TRUE(Result(103, result));
+    EXPECT_EQ(result.ret.value, 324);
+    ASSERT_TRUE(Result(101, result)) << "the last word of a dropped work is its report";
+    EXPECT_EQ((Ask<ReqWorkFileDstQuery, RspWorkFileDstQuery>(101)), 300);
+
+    Answer(100, 0, strContent, strContent.size());
+    for (unsigned int n : {100u, 102u, 103u}) {
+        ASSERT_TRUE(Result(n, result)) << n;
+        EXPECT_EQ(result.ret.value, 0) << n;
+    }
+    EXPECT_EQ(ReadFile(strCacheId), strContent);
+}
+
+// A file changed behind the master's back ends it twice with 322; the second
+// end finds no slaves any more, and the slave has ended once, with 322.
+TEST_F(FileDstSession, AMasterEndedTwiceEndsItsSlaveOnce)
+{
+    Begin();
+    std::string strCacheId = S().Path("cache/changed");
+    SendCreate2(110, strCacheId, 0x400, 3000, {Loopback()});
+    EXPECT_EQ(CreateRet(110), 331);
+    ReqWorkFileAgentGet get;
+    ASSERT_TRUE(WaitGet(get));
+    SendCreate2(111, strCacheId, 0x400, 3000, {Loopback()});
+    EXPECT_EQ(CreateRet(111), 331);
+    const std::string strBlock(1000, 'c');
+    Answer(110, 0, strBlock, 3000);
+    ASSERT_TRUE(WaitUntil([&] { return ReadFile(strCacheId).size() == 1000; }, 3000));
+    WriteFile(strCacheId, strBlock + "meddled");
+    Answer(110, 1000, strBlock, 3000);
+    RspWorkFileDstQuery result;
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_TRUE(Result(110, result)) << i;
+        EXPECT_EQ(result.ret.value, 322);
+    }
+    ASSERT_TRUE(Result(111, result));
+    EXPECT_EQ(result.ret.value, 322);
+    EXPECT_FALSE(Result(111, result, 500)) << "the slave ends once";
+    EXPECT_EQ((Ask<ReqWorkFileDstQuery, RspWorkFileDstQuery>(111)), 322);
+}
+
+// Connects that succeed don't give back the allowance of reconnects, a response
+// does: at 15 seconds the third sweep without a connection ends the work, 317.
+TEST_F(FileDstSession, OnlyAResponseRestoresTheReconnectsAndTheirEndIs317)
+{
+    Begin("file_trans_client_retry_connect_second = 15\n"
+          "file_trans_client_reget_timeout_second = 100000\nfile_trans_client_reget_failed_timeout_second = 100000\n");
+    SendCreate(130, S().Path("reconnected"));
+    ASSERT_EQ(CreateRet(130), 0);
+    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(130)), 0);
+    ReqWorkFileAgentGet get;
+    ASSERT_TRUE(GetOn(1, get));
+    const std::string strBlock(1000, 'r');
+    Answer(130, 0, strBlock, 3000);
+    ASSERT_TRUE(WaitUntil([&] { return ReadFile(S().Path("reconnected")).size() == 1000; }, 3000));
+    int nConnection = 1;
+    // The peer drops the link, and a sweep after its loss connects again.
+    auto lose = [&] {
+        m_source.DropConnection();
+        ASSERT_TRUE(WaitUntil(
+            [&] {
+                return Occurrences(S().ReadLog(), "the connect is closed, work id: 130") >=
+                       static_cast<size_t>(nConnection);
+            },
+            5000));
+        S().AdvanceClock(5);
+    };
+    for (int i = 0; i < 2; ++i) {
+        lose();
+        ASSERT_TRUE(GetOn(++nConnection, get));
+        EXPECT_EQ(get.beginPosLow.value, 1000) << "the work goes on where it stood";
+    }
+    Answer(130, 1000, strBlock, 3000);
+    for (int i = 0; i < 2; ++i) {
+        lose();
+        ASSERT_TRUE(GetOn(++nConnection, get)) << "the response gave the allowance back";
+        EXPECT_EQ(get.beginPosLow.value, 2000);
+    }
+    lose();
+    RspWorkFileDstQuery result;
+    ASSERT_TRUE(Result(130, result));
+    EXPECT_EQ(result.ret.value, 317);
+    EXPECT_EQ(result.okSizeLow.value, 2000);
+    EXPECT_EQ(m_source.Connections(), nConnection);
+}
+
+// A clock set back an hour pulls the stored times back with it: neither the
+// time limit nor the keep time of a finished work fires early, nor stalls.
+TEST_F(FileDstSession, AClockSetBackNeitherStallsNorHastensTheSweep)
+{
+    Begin("file_trans_client_finish_keep_second_before_auto_delete = 20\n"
+          "file_trans_client_reget_timeout_second = 100000\nfile_trans_client_reget_failed_timeout_second = 100000\n");
+    SendCreate(140, S().Path("done"));
+    ASSERT_EQ(CreateRet(140), 0);
+    ASSERT_EQ(StartAndServeWhole(140, "done"), 0);
+    SendCreate(141, S().Path("limited"), 0, Loopback(), 0, 20);
+    ASSERT_EQ(CreateRet(141), 0);
+    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(141)), 0);
+    S().AdvanceClock(-3600);
+    S().AdvanceClock(6);
+    S().AdvanceClock(6);
+    RspWorkFileDstQuery result;
+    EXPECT_FALSE(Result(141, result, 300)) << "no time-out before its time";
+    EXPECT_EQ((Ask<ReqWorkFileDstQuery, RspWorkFileDstQuery>(140)), 0) << "no drop before its time";
+    for (int i = 0; i < 3; ++i) S().AdvanceClock(6);
+    ASSERT_TRUE(Result(141, result));
+    EXPECT_EQ(result.ret.value, 324);
+    ASSERT_TRUE(Result(140, result)) << "the report at the drop";
+    EXPECT_EQ((Ask<ReqWorkFileDstQuery, RspWorkFileDstQuery>(140)), 300) << "the keep time has passed since the set-back";
+}
+
+// A reconnect of the sweep is routed through the work of the thread's last
+// request: when that work has been deleted, the new connection has no route,
+// and the work waits for its time limit.
+TEST_F(FileDstSession, AReconnectRoutedThroughADeletedWorkWaitsForTheTimeLimit)
+{
+    Begin("file_trans_client_max_file_write_thread = 1\n");
+    SendCreate(150, S().Path("orphan"), 0, Loopback(), 0, 30);
+    ASSERT_EQ(CreateRet(150), 0);
+    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(150)), 0);
+    ReqWorkFileAgentGet get;
+    ASSERT_TRUE(GetOn(1, get));
+    m_source.DropConnection();
+    ASSERT_TRUE(WaitUntil([&] { return S().ReadLog().find("the connect is closed, work id: 150") != std::string::npos; }, 5000));
+    SendCreate(151, S().Path("passing"));
+    ASSERT_EQ(CreateRet(151), 0);
+    EXPECT_EQ((Ask<ReqWorkFileDstDelete, RspWorkFileDstDelete>(151)), 0);
+    S().AdvanceClock(5);
+    ASSERT_TRUE(m_source.WaitConnections(3, 5000)) << "151's own connect, then the reconnect";
+    EXPECT_TRUE(WaitUntil(
+        [&] { return S().ReadLog().find("need retry connect, async connecting the file svr, work id: 151") != std::string::npos; },
+        3000));
+    S().AdvanceClock(5);
+    EXPECT_FALSE(GetOn(3, get, 1000)) << "the connection's events found no route";
+    S().AdvanceClock(25);
+    RspWorkFileDstQuery result;
+    ASSERT_TRUE(Result(150, result));
     EXPECT_EQ(result.ret.value, 324);
 }
 

@@ -15,7 +15,7 @@
 #include "file_peer.h"
 #include "file_trans_cache/file_trans_cache.h"
 #include "md5.h"
-#include "server_crypto.h"
+#include "session_key_server.h"
 #include "session_harness.h"
 
 using namespace agent_test;
@@ -361,23 +361,13 @@ protected:
     void StartWithKey(const std::string& strExtra = "")
     {
         Start(strExtra, 0, true);
-        std::string strPrivate = Session().Path("private.pem");
         ReqSessionKey req;
         ASSERT_TRUE(Session().Next(req, 5000));
         ReqSessionKeyEncData data;
-        ASSERT_TRUE(
-            DecodeRecord(RsaPrivateDecrypt(strPrivate, std::string(req.encData.octs, req.encData.octetLen)), data));
-        RspSessionKeyEncData answer;
-        answer.keyData.ReSet(m_strKey.data(), m_strKey.size());
-        answer.keyId = 77;
-        answer.keySn = data.keySn;
-        answer.validSecond = 1000000;
-        std::string strEnc =
-            AesEncrypt(std::string(data.oldKeyData.octs, data.oldKeyData.octetLen), EncodeRecord(answer));
+        ASSERT_TRUE(OpenKeyRequest(Session().Path("private.pem"), req, data));
         RspSessionKey rsp;
-        rsp.moduleType = 2;
-        rsp.keyId = 77;
-        rsp.encData.ReSet(strEnc.data(), strEnc.size());
+        SealKeyAnswer(rsp, std::string(data.oldKeyData.octs, data.oldKeyData.octetLen), m_strKey, data.keySn, 77,
+                      1000000);
         Session().Send(rsp);
         RspSessionKeyUsed used;
         ASSERT_TRUE(Session().Next(used, 3000));

@@ -29,22 +29,19 @@ class CacheTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        char szDir[] = "/tmp/cache_test_XXXXXX";
-        ASSERT_NE(mkdtemp(szDir), nullptr);
-        m_strRoot = szDir;
-        m_strCacheDir = m_strRoot + "/cache";
         ASSERT_EQ(mkdir(m_strCacheDir.c_str(), 0755), 0);
         g_timeNow = 1000000;
-    }
-    void TearDown() override
-    {
-        std::string strCommand = "rm -rf '" + m_strRoot + "'";
-        ASSERT_EQ(system(strCommand.c_str()), 0);
     }
     std::string CfgPath() const { return m_strRoot + "/config"; }
     void WriteCfg(const std::string& strExtra)
     {
         WriteFile(CfgPath(), "cache_dir = " + m_strCacheDir + "\n" + strExtra);
+    }
+    // Loads the cache from a configuration with the extra keys.
+    void Open(CFileTransCache& cache, const std::string& strExtra = "")
+    {
+        WriteCfg(strExtra);
+        cache.SetCfgFile(CfgPath());
     }
     // A cache file of n bytes.
     std::string CacheFile(const std::string& strName, size_t nSize)
@@ -62,9 +59,16 @@ protected:
         }
     }
 
-    std::string m_strRoot;
-    std::string m_strCacheDir;
+    agent_test::TempDir m_dir{"cache_test_"};
+    std::string m_strRoot = m_dir.Root();
+    std::string m_strCacheDir = m_strRoot + "/cache";
 };
+
+void AddFinished(CFileTransCache& cache, const std::string& strPath, unsigned long long lSize)
+{
+    cache.AddToCache(strPath, lSize, 0);
+    cache.SetCacheFileFinish(strPath);
+}
 
 bool Has(CFileTransCache& cache, const std::string& strId, bool* pComplete = nullptr)
 {
@@ -78,9 +82,8 @@ bool Has(CFileTransCache& cache, const std::string& strId, bool* pComplete = nul
 
 TEST_F(CacheTest, LookupTellsAbsentUnfinishedAndComplete)
 {
-    WriteCfg("");
     CFileTransCache cache;
-    cache.SetCfgFile(CfgPath());
+    Open(cache);
     std::string strFile = m_strCacheDir + "/a";
     EXPECT_FALSE(Has(cache, strFile));
 
@@ -104,15 +107,12 @@ TEST_F(CacheTest, LookupTellsAbsentUnfinishedAndComplete)
 
 TEST_F(CacheTest, AFinishedFileThatChangedOrVanishedLeavesTheTable)
 {
-    WriteCfg("");
     CFileTransCache cache;
-    cache.SetCfgFile(CfgPath());
+    Open(cache);
     std::string strChanged = CacheFile("changed", 10);
     std::string strGone = m_strCacheDir + "/gone";
-    cache.AddToCache(strChanged, 10, 0);
-    cache.AddToCache(strGone, 7, 0);
-    cache.SetCacheFileFinish(strChanged);
-    cache.SetCacheFileFinish(strGone);
+    AddFinished(cache, strChanged, 10);
+    AddFinished(cache, strGone, 7);
     WriteFile(strChanged, std::string(11, 'y'));
 
     EXPECT_FALSE(Has(cache, strChanged));
@@ -124,15 +124,11 @@ TEST_F(CacheTest, AFinishedFileThatChangedOrVanishedLeavesTheTable)
 
 TEST_F(CacheTest, EntriesAgeByLastUseAndALookupDoesNotRenew)
 {
-    WriteCfg("cache_expire_second = 1000\n");
     CFileTransCache cache;
-    cache.SetCfgFile(CfgPath());
+    Open(cache, "cache_expire_second = 1000\n");
     std::string strUsed = CacheFile("used", 1);
     std::string strLooked = CacheFile("looked", 1);
-    for (const std::string& str : {strUsed, strLooked}) {
-        cache.AddToCache(str, 1, 0);
-        cache.SetCacheFileFinish(str);
-    }
+    for (const std::string& str : {strUsed, strLooked}) AddFinished(cache, str, 1);
     Advance(cache, 900);
     cache.UpdateCacheAccessTime(strUsed);
     EXPECT_TRUE(Has(cache, strLooked));  // found, but not renewed
@@ -147,15 +143,13 @@ TEST_F(CacheTest, EntriesAgeByLastUseAndALookupDoesNotRenew)
 
 TEST_F(CacheTest, UnfinishedEntriesGoBetween120And180SecondsAfterTheirLastBlock)
 {
-    WriteCfg("");
     CFileTransCache cache;
-    cache.SetCfgFile(CfgPath());
+    Open(cache);
     Advance(cache, 30);  // not in step with the sweep
     std::string strPull = CacheFile("pull", 5);
     std::string strDone = CacheFile("done", 5);
     cache.AddToCache(strPull, 5, 0);
-    cache.AddToCache(strDone, 5, 0);
-    cache.SetCacheFileFinish(strDone);
+    AddFinished(cache, strDone, 5);
     // Blocks keep an unfinished entry alive for as long as they come.
     for (int i = 0; i < 10; ++i) {
         Advance(cache, 60);
@@ -177,12 +171,10 @@ TEST_F(CacheTest, UnfinishedEntriesGoBetween120And180SecondsAfterTheirLastBlock)
 
 TEST_F(CacheTest, ClockSetBackPullsFutureUseToNow)
 {
-    WriteCfg("cache_expire_second = 1000\n");
     CFileTransCache cache;
-    cache.SetCfgFile(CfgPath());
+    Open(cache, "cache_expire_second = 1000\n");
     std::string strFile = CacheFile("f", 1);
-    cache.AddToCache(strFile, 1, 0);
-    cache.SetCacheFileFinish(strFile);
+    AddFinished(cache, strFile, 1);
     g_timeNow = g_timeNow - 100000;  // the clock goes back a day
     Advance(cache, 1801);  // the sweep pulls the future use back to now
     EXPECT_TRUE(Has(cache, strFile));
@@ -192,17 +184,15 @@ TEST_F(CacheTest, ClockSetBackPullsFutureUseToNow)
 
 TEST_F(CacheTest, RoomIsMadeFromTheOldestFinishedEntriesOnly)
 {
-    WriteCfg("cache_max_size = 500\n");
     CFileTransCache cache;
-    cache.SetCfgFile(CfgPath());
+    Open(cache, "cache_max_size = 500\n");
     std::string strPulling = CacheFile("pulling", 100);
     cache.AddToCache(strPulling, 100, 0);  // unfinished, and the oldest
     std::vector<std::string> vecFiles;
     for (int i = 0; i < 4; ++i) {
         g_timeNow = g_timeNow + 10;
         vecFiles.push_back(CacheFile("f" + std::to_string(i), 100));
-        cache.AddToCache(vecFiles.back(), 100, 0);
-        cache.SetCacheFileFinish(vecFiles.back());
+        AddFinished(cache, vecFiles.back(), 100);
     }
     // 500 of 500 in use; 200 more evicts the two oldest finished ones.
     g_timeNow = g_timeNow + 10;
@@ -228,9 +218,8 @@ TEST_F(CacheTest, RoomIsMadeFromTheOldestFinishedEntriesOnly)
 
 TEST_F(CacheTest, ASizeAbove4GiBIsReadAs64Bits)
 {
-    WriteCfg("cache_max_size = 6442450944\n");  // 6 GiB
     CFileTransCache cache;
-    cache.SetCfgFile(CfgPath());
+    Open(cache, "cache_max_size = 6442450944\n");  // 6 GiB
     EXPECT_NE(cache.AddToCache(m_strCacheDir + "/big", 5ULL << 30, 0), "");
     EXPECT_EQ(cache.AddToCache(m_strCacheDir + "/more", 2ULL << 30, 0), "");
 }
@@ -245,10 +234,9 @@ TEST_F(CacheTest, TheFirstLoadWipesOnlyTheCacheDirectory)
     WriteFile(m_strRoot + "/outside/keep", "x");
     ASSERT_EQ(symlink((m_strRoot + "/outside").c_str(), (m_strCacheDir + "/link").c_str()), 0);
     WriteFile(m_strRoot + "/beside", "x");
-    WriteCfg("");
 
     CFileTransCache cache;
-    cache.SetCfgFile(CfgPath());
+    Open(cache);
     EXPECT_TRUE(Exists(m_strCacheDir));
     EXPECT_FALSE(Exists(m_strCacheDir + "/sub"));
     EXPECT_FALSE(Exists(m_strCacheDir + "/top"));
@@ -290,9 +278,8 @@ TEST_F(CacheTest, TheRootIsNeverWipedHoweverItIsSpelt)
 {
     // Plain "/" in the file falls back to the default name, with a warning;
     // on a reload that reads its file, nothing is wiped.
-    WriteCfg("");
     CFileTransCache cache;
-    cache.SetCfgFile(CfgPath());
+    Open(cache);
     WriteFile(CfgPath(), "cache_dir = /\n");
     cache.ReloadCfg();
     EXPECT_EQ(cache.CacheDir(), CFileTransCache::DEFAULT_DIR);

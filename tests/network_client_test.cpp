@@ -17,6 +17,7 @@
 
 #include "install_tree.h"
 #include "log.h"
+#include "loop_harness.h"
 #include "tcp_peer.h"
 #include "util.h"
 
@@ -62,13 +63,14 @@ protected:
         return n;
     }
 
-    std::string ReadLog() const { return ReadFile(m_dir.Path("link.log")); }
-    int CountLog(const std::string& strText) const
+    int CountLog(const std::string& strText) const { return CountOf(ReadFile(m_dir.Path("link.log")), strText); }
+
+    // The link started with the peer as its one server, and the peer's end accepted.
+    void ConnectLink(TcpPeer& peer)
     {
-        std::string strLog = ReadLog();
-        int n = 0;
-        for (size_t nPos = strLog.find(strText); nPos != std::string::npos; nPos = strLog.find(strText, nPos + 1)) ++n;
-        return n;
+        m_link.AddServer("127.0.0.1", peer.Port());
+        ASSERT_EQ(m_link.Start(true), 0);
+        ASSERT_TRUE(peer.Accept(3000));
     }
 
     void Push(const std::vector<unsigned char>& packet)
@@ -98,12 +100,8 @@ protected:
 // A socket connected to the peer, the peer's end accepted.
 int ConnectTo(TcpPeer& peer)
 {
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(peer.Port());
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 || !peer.Accept(3000)) {
+    int fd = ConnectLoopback(peer.Port());
+    if (fd >= 0 && !peer.Accept(3000)) {
         close(fd);
         return -1;
     }
@@ -154,9 +152,7 @@ TEST_F(LinkTest, ConnectsSendsAndReceivesWholePackets)
 TEST_F(LinkTest, AddressesAreThoseNotedAtTheConnectNotOfTheDescriptorNumber)
 {
     TcpPeer server, stranger;
-    m_link.AddServer("127.0.0.1", server.Port());
-    ASSERT_EQ(m_link.Start(true), 0);
-    ASSERT_TRUE(server.Accept(3000));
+    ConnectLink(server);
     ASSERT_TRUE(WaitUntil([&] { return CountEvents(BREL_CONNECT_OK) == 1; }, 2000));
     std::string strIp, strLocalIp;
     unsigned short nPort = 0, nLocalPort = 0;
@@ -261,9 +257,7 @@ TEST_F(LinkTest, FlagsActDuringTheSleepBetweenAttempts)
 TEST_F(LinkTest, PeerCloseAndBadFramingGiveAReconnect)
 {
     TcpPeer peer;
-    m_link.AddServer("127.0.0.1", peer.Port());
-    ASSERT_EQ(m_link.Start(true), 0);
-    ASSERT_TRUE(peer.Accept(3000));
+    ConnectLink(peer);
     peer.CloseConnection();
     ASSERT_TRUE(peer.Accept(3000));  // the same server again
     EXPECT_TRUE(WaitUntil([&] { return CountEvents(BREL_CONNECT_CLOSE) == 1; }, 2000));
@@ -286,19 +280,8 @@ TEST_F(LinkTest, StopIsNoticedWhileSleepingAndWhileConnecting)
     EXPECT_EQ(m_link.Stop(), 0);
     EXPECT_LT(GetNowMilliSecond() - lStart, 3000u);  // far below the 10 s it would otherwise wait
 
-    // A listener whose backlog is full lets a connect hang.
-    TcpPeer full(0, 0);
-    std::vector<int> fillers;
-    for (int i = 0; i < 4; ++i) {
-        int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_port = htons(full.Port());
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
-        fillers.push_back(fd);
-    }
-    SleepMs(100);
+    FullBacklogListener full;
+    ASSERT_TRUE(full.Full());
     CDataBufferSTLDeque rev(true, 0), send(false, 0);
     CNetworkClientBrel link(rev, send, false);
     link.SetConnectTimeout(10000);
@@ -308,7 +291,6 @@ TEST_F(LinkTest, StopIsNoticedWhileSleepingAndWhileConnecting)
     lStart = GetNowMilliSecond();
     EXPECT_EQ(link.Stop(), 0);
     EXPECT_LT(GetNowMilliSecond() - lStart, 3000u);  // far below the 10 s it would otherwise wait
-    for (int fd : fillers) close(fd);
 
     // With an empty list the link waits and still stops at once.
     CNetworkClientBrel empty(rev, send, false);
@@ -323,9 +305,7 @@ TEST_F(LinkTest, StopIsNoticedWhileSleepingAndWhileConnecting)
 TEST_F(LinkTest, InterruptedBlockGoesAgainWholeAndQueuedBlocksKeepTheirOrder)
 {
     TcpPeer peer;
-    m_link.AddServer("127.0.0.1", peer.Port());
-    ASSERT_EQ(m_link.Start(true), 0);
-    ASSERT_TRUE(peer.Accept(3000));
+    ConnectLink(peer);
     // Far more than the socket buffers hold: the send stops part way.
     std::vector<unsigned char> big = FramedPacket(32u << 20, 5);
     Push(big);
@@ -351,9 +331,7 @@ long ProcessCpuMs()
 TEST_F(LinkTest, AFullSocketWithBlocksQueuedDoesNotSpin)
 {
     TcpPeer peer;
-    m_link.AddServer("127.0.0.1", peer.Port());
-    ASSERT_EQ(m_link.Start(true), 0);
-    ASSERT_TRUE(peer.Accept(3000));
+    ConnectLink(peer);
     // The peer reads nothing: the socket fills while blocks wait in the send buffer, which
     // keeps its descriptor readable. The link must sleep on EPOLLOUT, not spin on that.
     std::vector<unsigned char> big = FramedPacket(16u << 20, 7);
@@ -379,9 +357,7 @@ TEST_F(LinkTest, SendBufferLimitDropsTheOldest)
         Push(p);
     }
     TcpPeer peer;
-    m_link.AddServer("127.0.0.1", peer.Port());
-    ASSERT_EQ(m_link.Start(true), 0);
-    ASSERT_TRUE(peer.Accept(3000));
+    ConnectLink(peer);
     for (int i = 5; i < 2005; ++i) {
         std::vector<unsigned char> p = peer.ReadPacket(3000);
         ASSERT_EQ(p.size(), 6u);
@@ -392,9 +368,7 @@ TEST_F(LinkTest, SendBufferLimitDropsTheOldest)
 TEST_F(LinkTest, LargePacketGrowsTheBufferAndAdjustGivesItBack)
 {
     TcpPeer peer;
-    m_link.AddServer("127.0.0.1", peer.Port());
-    ASSERT_EQ(m_link.Start(true), 0);
-    ASSERT_TRUE(peer.Accept(3000));
+    ConnectLink(peer);
     std::vector<unsigned char> big = FramedPacket(1 << 20, 3);
     ASSERT_TRUE(peer.Write(big));
     EXPECT_EQ(TakeReceived(5000), big);
@@ -410,9 +384,7 @@ TEST_F(LinkTest, LargePacketGrowsTheBufferAndAdjustGivesItBack)
 TEST_F(LinkTest, EmptyListOnSendEndsTheThreadAndForegroundRunBlocks)
 {
     TcpPeer peer;
-    m_link.AddServer("127.0.0.1", peer.Port());
-    ASSERT_EQ(m_link.Start(true), 0);
-    ASSERT_TRUE(peer.Accept(3000));
+    ConnectLink(peer);
     m_link.ClearServer();
     Push(FramedPacket(3, 1));
     EXPECT_TRUE(WaitUntil([&] { return m_link.GetThreadID() == 0; }, 2000));

@@ -5,10 +5,7 @@
 // and loops stopped and started again while clients connect.
 #include <gtest/gtest.h>
 #include <errno.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 
 #include <fstream>
 #include <map>
@@ -29,51 +26,7 @@
 using namespace brel_lib;
 using namespace agent_test;
 
-extern char** environ;
-
 namespace {
-
-// A listener whose accept queue is full: later SYNs are dropped, so a connect
-// to it neither succeeds nor fails until its own time limit.
-class FullBacklogListener {
-public:
-    FullBacklogListener()
-    {
-        m_fdListen = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        bind(m_fdListen, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
-        listen(m_fdListen, 0);
-        socklen_t nLen = sizeof(addr);
-        getsockname(m_fdListen, reinterpret_cast<sockaddr*>(&addr), &nLen);
-        m_nPort = ntohs(addr.sin_port);
-        // Fill the queue until a connect hangs.
-        for (int i = 0; i < 8; ++i) {
-            int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-            connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
-            m_vecFill.push_back(fd);
-            pollfd p{fd, POLLOUT, 0};
-            if (poll(&p, 1, 300) == 0) {
-                m_bFull = true;
-                break;
-            }
-        }
-    }
-    ~FullBacklogListener()
-    {
-        for (int fd : m_vecFill) close(fd);
-        close(m_fdListen);
-    }
-    unsigned short Port() const { return m_nPort; }
-    bool Full() const { return m_bFull; }
-
-private:
-    int m_fdListen = -1;
-    unsigned short m_nPort = 0;
-    bool m_bFull = false;
-    std::vector<int> m_vecFill;
-};
 
 class MultiLoopTest : public ::testing::Test {
 protected:
@@ -85,10 +38,7 @@ protected:
 
     void SetUp() override
     {
-        char szDir[] = "/tmp/multi_loop_test_XXXXXX";
-        ASSERT_NE(mkdtemp(szDir), nullptr);
-        m_strDir = szDir;
-        LogFile(m_strDir + "/loop");
+        LogFile(m_dir.Path("loop"));
         LogLevel(LOG_LEVEL_DEBUG);
         m_serverEvents.Attach(m_server);
         m_clientEvents.Attach(m_client);
@@ -100,25 +50,10 @@ protected:
         m_server.Stop();
         SetBrelRecvPacketMaxSize(0);
         LogFile("");
-        std::string strCommand = "rm -rf " + m_strDir;
-        ASSERT_EQ(system(strCommand.c_str()), 0);
     }
 
-    void StartServer()
-    {
-        ASSERT_EQ(m_server.CreateServer("127.0.0.1", m_nServerPort), 0);
-        std::string strIp;
-        ASSERT_EQ(m_server.GetListenIpPort(strIp, m_nServerPort), 0);
-        ASSERT_EQ(m_server.Start(), 0);
-    }
-
-    int CountLog(const std::string& strText) const
-    {
-        std::string strLog = ReadFile(m_strDir + "/loop.log");
-        int n = 0;
-        for (size_t nPos = strLog.find(strText); nPos != std::string::npos; nPos = strLog.find(strText, nPos + 1)) ++n;
-        return n;
-    }
+    void StartServer() { ASSERT_NE(m_nServerPort = StartOnLoopback(m_server), 0); }
+    int CountLog(const std::string& strText) const { return CountOf(ReadFile(m_dir.Path("loop.log")), strText); }
 
     // The id the server gave to the connection from a client's local port.
     unsigned int ServerIdOf(unsigned short nClientPort, int nTimeoutMs = 10000)
@@ -135,7 +70,7 @@ protected:
         return nId;
     }
 
-    std::string m_strDir;
+    TempDir m_dir{"multi_loop_test_"};
     unsigned short m_nServerPort = 0;
     CDataBufferSTLDeque m_serverRev, m_serverSend;
     CNetworkServerBrel m_server;
@@ -229,13 +164,8 @@ TEST_F(MultiLoopTest, BlocksBuiltInPlaceCrossBothLoopsWholeAndInOrder)
     for (int nRound = 0; nRound < 2; ++nRound) {
         for (unsigned int nSize : sizes) {
             for (int c = 0; c < 2; ++c) {
-                std::vector<unsigned char> packet(nSize);
-                unsigned int nContent = nSize - 6;
-                packet[0] = 0x30;
-                packet[1] = 0x84;
-                for (int i = 0; i < 4; ++i) packet[2 + i] = static_cast<unsigned char>(nContent >> (24 - 8 * i));
-                unsigned int nSeed = static_cast<unsigned int>(vecSent[c].size() * 2 + c);
-                for (unsigned int i = 6; i < nSize; ++i) packet[i] = static_cast<unsigned char>(i * 131 + nSeed);
+                std::vector<unsigned char> packet =
+                    PatternPacket(nSize, static_cast<unsigned int>(vecSent[c].size() * 2 + c));
                 char* pBlock = static_cast<char*>(CDataBufferSTLDeque::AllocBlock(nSize));
                 ASSERT_NE(pBlock, nullptr);
                 memcpy(pBlock, packet.data(), nSize);
@@ -269,42 +199,16 @@ TEST_F(MultiLoopTest, PeerThatStopsReadingIsServedWhenItResumesWhileOthersGoOn)
 {
     StartServer();
     EchoThread echo(m_serverRev, m_serverSend);
-    // 48 blocks of 512 KiB: far more than the kernel buffers of both ends hold.
-    std::vector<std::vector<unsigned char>> vecBlocks;
-    unsigned long long lTotal = 0, lHash = 1469598103934665603ULL;
-    for (int i = 0; i < 48; ++i) {
-        vecBlocks.push_back(FramedPacket(512 * 1024 - 5, static_cast<unsigned char>(i)));
-        lTotal += vecBlocks.back().size();
-        for (unsigned char c : vecBlocks.back()) lHash = (lHash ^ c) * 1099511628211ULL;
-    }
-
-    int fdOut[2];
-    ASSERT_EQ(pipe(fdOut), 0);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, fdOut[1], 1);
-    posix_spawn_file_actions_addclose(&actions, fdOut[0]);
-    std::string strPort = std::to_string(m_nServerPort), strBytes = std::to_string(lTotal);
-    char* argv[] = {const_cast<char*>(TCP_SINK_BINARY), const_cast<char*>(strPort.c_str()),
-                    const_cast<char*>(strBytes.c_str()), nullptr};
-    pid_t pid = 0;
-    ASSERT_EQ(posix_spawn(&pid, TCP_SINK_BINARY, &actions, nullptr, argv, environ), 0);
-    posix_spawn_file_actions_destroy(&actions);
-    close(fdOut[1]);
-    struct Reaper {
-        pid_t pid;
-        ~Reaper()
-        {
-            kill(pid, SIGCONT);
-            kill(pid, SIGKILL);
-            waitpid(pid, nullptr, 0);
-        }
-    } reaper{pid};
-
+    PlainClient reader(m_nServerPort, 65536);  // reads nothing until the test says
+    ASSERT_TRUE(reader.Connected());
     ASSERT_TRUE(m_serverEvents.WaitCount(BREL_CONNECT_NEW_CLIENT, 1, 5000));
     LoopEvent sink = m_serverEvents.Events(BREL_CONNECT_NEW_CLIENT)[0];
-    ASSERT_EQ(kill(pid, SIGSTOP), 0);
-    for (const auto& block : vecBlocks) PushTo(m_serverSend, sink.nConnectId, block);
+    // 48 blocks of 512 KiB: far more than the kernel buffers of both ends hold.
+    std::vector<std::vector<unsigned char>> vecBlocks;
+    for (int i = 0; i < 48; ++i) {
+        vecBlocks.push_back(FramedPacket(512 * 1024 - 5, static_cast<unsigned char>(i)));
+        PushTo(m_serverSend, sink.nConnectId, vecBlocks.back());
+    }
 
     // The kernel refuses the rest: the connection waits for EPOLLOUT with its blocks kept.
     ASSERT_TRUE(WaitUntil([&] { return EpollMaskOf(sink.fd, sink.fd) == (EPOLLIN | EPOLLOUT); }, 5000));
@@ -318,23 +222,11 @@ TEST_F(MultiLoopTest, PeerThatStopsReadingIsServedWhenItResumesWhileOthersGoOn)
     }
     EXPECT_EQ(EpollMaskOf(sink.fd, sink.fd), EPOLLIN | EPOLLOUT);
 
-    // Resumed, the peer gets every byte, in order, and the mask falls back to EPOLLIN.
-    ASSERT_EQ(kill(pid, SIGCONT), 0);
-    std::string strOut;
-    int64_t lDeadline = HarnessNowMs() + 30000;
-    while (strOut.find('\n', strOut.find("connected\n") + 10) == std::string::npos && HarnessNowMs() < lDeadline) {
-        pollfd p{fdOut[0], POLLIN, 0};
-        if (poll(&p, 1, 100) != 1) continue;
-        char buf[256];
-        ssize_t n = read(fdOut[0], buf, sizeof(buf));
-        if (n <= 0) break;
-        strOut.append(buf, static_cast<size_t>(n));
-    }
-    close(fdOut[0]);
-    char szExpected[64];
-    snprintf(szExpected, sizeof(szExpected), "%llu %016llx\n", lTotal, lHash);
-    EXPECT_EQ(strOut, std::string("connected\n") + szExpected);
-    // The peer closes once it has all; the loop sees that as the close of that one connection.
+    // Reading again, the peer gets every block, whole and in order, and the mask falls back to EPOLLIN.
+    for (size_t i = 0; i < vecBlocks.size(); ++i) ASSERT_TRUE(reader.ReadPacket(30000) == vecBlocks[i]) << i;
+    EXPECT_TRUE(WaitUntil([&] { return EpollMaskOf(sink.fd, sink.fd) == EPOLLIN; }, 5000));
+    // Its close is the close of that one connection.
+    reader.Close();
     EXPECT_TRUE(m_serverEvents.WaitFor(sink.nConnectId, BREL_CONNECT_CLOSE, 5000));
     EXPECT_EQ(m_serverEvents.Count(BREL_CONNECT_CLOSE), 1);
 }
@@ -532,11 +424,8 @@ TEST_F(MultiLoopTest, DestroyingARunningLoopStopsItAndClosesItsConnections)
     {
         CNetworkServerBrel server(rev, send, 4096);
         events.Attach(server);
-        ASSERT_EQ(server.CreateServer("127.0.0.1", 0), 0);
-        std::string strIp;
-        unsigned short nPort = 0;
-        ASSERT_EQ(server.GetListenIpPort(strIp, nPort), 0);
-        ASSERT_EQ(server.Start(), 0);
+        unsigned short nPort = StartOnLoopback(server);
+        ASSERT_NE(nPort, 0);
         pClient.reset(new PlainClient(nPort));
         ASSERT_TRUE(events.WaitCount(BREL_CONNECT_NEW_CLIENT, 1, 5000));
         PushTo(send, events.Events()[0].nConnectId, FramedPacket(100, 1));
@@ -565,26 +454,15 @@ TEST_F(MultiLoopTest, AcceptOutOfDescriptorsBacksOffInsteadOfSpinning)
     rlimit lowered = limit;
     if (lowered.rlim_cur > 4096) lowered.rlim_cur = 4096;
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &lowered), 0);
-    // Opened before the table fills; read again from its start for each figure.
-    std::string strStatPath = "/proc/self/task/" + std::to_string(nLoopTid) + "/stat";
+    // Opened before the table fills; read again from its start for each figure:
+    // the loop thread's time on a CPU, in ticks of 10 ms.
+    std::string strStatPath = "/proc/self/task/" + std::to_string(nLoopTid) + "/schedstat";
     int fdStat = open(strStatPath.c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(fdStat, 0);
     auto CpuTicks = [&] {
-        char buf[1024] = {0};
-        ssize_t n = pread(fdStat, buf, sizeof(buf) - 1, 0);
-        std::string strStat(buf, n > 0 ? static_cast<size_t>(n) : 0);
-        size_t nParen = strStat.rfind(')');
-        if (nParen == std::string::npos) return -1000L;
-        // Fields after the name, from the third on: utime is the 14th, stime the 15th.
-        long nUser = 0, nSystem = 0;
-        const char* p = strStat.c_str() + nParen + 2;
-        for (int i = 3; i <= 15 && *p != '\0'; ++i) {
-            if (i == 14) nUser = strtol(p, nullptr, 10);
-            if (i == 15) nSystem = strtol(p, nullptr, 10);
-            const char* pSpace = strchr(p, ' ');
-            if (pSpace == nullptr) break;
-            p = pSpace + 1;
-        }
-        return nUser + nSystem;
+        char buf[128] = {0};
+        return pread(fdStat, buf, sizeof(buf) - 1, 0) > 0 ? static_cast<long>(strtoull(buf, nullptr, 10) / 10000000)
+                                                          : -1000L;
     };
     // The second client waits in the backlog while the table is full.
     int fdWaiting = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -601,10 +479,7 @@ TEST_F(MultiLoopTest, AcceptOutOfDescriptorsBacksOffInsteadOfSpinning)
         }
     } filler{limit, {}};
     for (int fd = dup(fdWaiting); fd >= 0; fd = dup(fdWaiting)) filler.vecFill.push_back(fd);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(m_nServerPort);
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in addr = LoopbackAddr(m_nServerPort);
     int nConnect = connect(fdWaiting, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
 
     long nBefore = CpuTicks();
@@ -653,8 +528,7 @@ TEST_F(MultiLoopTest, LoopsStopAndStartAgainWhileClientsConnect)
         ASSERT_EQ(m_server.Stop(), 0);
         ASSERT_EQ(m_client.Stop(), 0);
         SleepMs(30);
-        ASSERT_EQ(m_server.CreateServer("127.0.0.1", m_nServerPort), 0);
-        ASSERT_EQ(m_server.Start(), 0);
+        ASSERT_EQ(StartOnLoopback(m_server, m_nServerPort), m_nServerPort);
         ASSERT_EQ(m_client.Start(), 0);
     }
     bRun = false;

@@ -43,10 +43,7 @@ protected:
 
     void SetUp() override
     {
-        char szDir[] = "/tmp/shaping_test_XXXXXX";
-        ASSERT_NE(mkdtemp(szDir), nullptr);
-        m_strDir = szDir;
-        LogFile(m_strDir + "/loop");
+        LogFile(m_dir.Path("loop"));
         LogLevel(LOG_LEVEL_DEBUG);
         g_bClockRuns = false;
         g_lClock = 1000000;
@@ -57,18 +54,13 @@ protected:
     {
         m_server.Stop();
         LogFile("");
-        std::string strCommand = "rm -rf " + m_strDir;
-        ASSERT_EQ(system(strCommand.c_str()), 0);
     }
 
     // Starts the loop on the driven clock and connects one plain client.
     void StartWithClient()
     {
         m_server.SetNetflowClock(DrivenClock);
-        ASSERT_EQ(m_server.CreateServer("127.0.0.1", 0), 0);
-        std::string strIp;
-        ASSERT_EQ(m_server.GetListenIpPort(strIp, m_nPort), 0);
-        ASSERT_EQ(m_server.Start(), 0);
+        ASSERT_NE(m_nPort = StartOnLoopback(m_server), 0);
         m_pClient.reset(new PlainClient(m_nPort));
         ASSERT_TRUE(m_pClient->Connected());
         ASSERT_TRUE(m_events.WaitCount(BREL_CONNECT_NEW_CLIENT, 1, 3000));
@@ -85,7 +77,7 @@ protected:
         return m_nReceived += m_pClient->ReadCount(1, 200);
     }
 
-    std::string m_strDir;
+    TempDir m_dir{"shaping_test_"};
     CDataBufferSTLDeque m_rev, m_send;
     CNetworkServerBrel m_server;
     LoopEventRecorder m_events;
@@ -218,10 +210,7 @@ TEST_F(ShapingTest, LimitedDirectionKeepsItsRateAndTheOtherRunsFree)
 {
     const unsigned int LIMIT = 400000;
     m_server.SetNetflowSendSpeed(LIMIT);
-    ASSERT_EQ(m_server.CreateServer("127.0.0.1", 0), 0);
-    std::string strIp;
-    ASSERT_EQ(m_server.GetListenIpPort(strIp, m_nPort), 0);
-    ASSERT_EQ(m_server.Start(), 0);
+    ASSERT_NE(m_nPort = StartOnLoopback(m_server), 0);
     PlainClient reader(m_nPort), writer(m_nPort);
     ASSERT_TRUE(m_events.WaitCount(BREL_CONNECT_NEW_CLIENT, 2, 3000));
     unsigned int nReaderId = 0;

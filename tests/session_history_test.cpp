@@ -14,10 +14,6 @@ std::string HistoryConfig(unsigned int nKeepSecond)
            "\ntask_max_concurrent = 5000\nheartbeat_second = 100000\n";
 }
 
-} // namespace
-
-namespace {
-
 TEST(SessionHistory, RepeatsAnswerWithoutEffectAndExpireByAge)
 {
     SessionHarness session(HistoryConfig(100));
@@ -59,10 +55,6 @@ TEST(SessionHistory, AnOversizedMapLosesItsLowestIdsFirst)
     session.AdvanceClock(181);
     EXPECT_EQ(session.Create(6), 0);
 }
-
-} // namespace
-
-namespace {
 
 TEST(SessionBuffer, ALargeReplyGrowsTheBlockAndTheShrinkGivesItBack)
 {

@@ -4,7 +4,7 @@
 // bad encrypted requests, a missing public key.
 #include <gtest/gtest.h>
 
-#include "server_crypto.h"
+#include "session_key_server.h"
 #include "session_harness.h"
 
 using namespace agent_test;
@@ -26,11 +26,8 @@ protected:
     bool NextRequest(unsigned int& nKeySn, std::string& strSecret, int nTimeoutMs = 3000)
     {
         ReqSessionKey req;
-        if (!Session().Next(req, nTimeoutMs)) return false;
         ReqSessionKeyEncData data;
-        if (!DecodeRecord(RsaPrivateDecrypt(m_strPrivate, std::string(req.encData.octs, req.encData.octetLen)), data)) {
-            return false;
-        }
+        if (!Session().Next(req, nTimeoutMs) || !OpenKeyRequest(m_strPrivate, req, data)) return false;
         nKeySn = static_cast<unsigned int>(data.keySn.value);
         strSecret.assign(data.oldKeyData.octs, data.oldKeyData.octetLen);
         return true;
@@ -39,17 +36,9 @@ protected:
     void Answer(const std::string& strSecret, const std::string& strKey, unsigned int nKeySn, int nRet = 0,
                 unsigned int nKeyId = 77)
     {
-        RspSessionKeyEncData data;
-        data.keyData.ReSet(strKey.data(), strKey.size());
-        data.keyId = static_cast<int>(nKeyId);
-        data.keySn = static_cast<int>(nKeySn);
-        data.validSecond = 100000;
-        std::string strEnc = AesEncrypt(strSecret, EncodeRecord(data));
         RspSessionKey rsp;
         rsp.ret = nRet;
-        rsp.moduleType = 2;
-        rsp.keyId = static_cast<int>(nKeyId);
-        rsp.encData.ReSet(strEnc.data(), strEnc.size());
+        SealKeyAnswer(rsp, strSecret, strKey, static_cast<int>(nKeySn), static_cast<int>(nKeyId));
         Session().Send(rsp);
     }
 

@@ -9,12 +9,14 @@
 #include <vector>
 
 #include "data_buffer.h"
+#include "loop_harness.h"
 #include "network/connection.h"
 #include "network/token_bucket.h"
 #include "tcp_peer.h"
 
 using namespace brel_lib;
 using agent_test::FramedPacket;
+using agent_test::PatternPacket;
 
 namespace {
 
@@ -121,10 +123,20 @@ std::vector<std::vector<unsigned char>> TakeAll(CDataBufferSTLDeque& rev)
     }
 }
 
-bool WriteAll(int fd, const std::vector<unsigned char>& v)
-{
-    return write(fd, v.data(), v.size()) == static_cast<ssize_t>(v.size());
-}
+// A connection on one end of a socket pair, the test writing at the other,
+// with the receive buffer that its packets go to.
+struct Wire {
+    explicit Wire(unsigned int nSize = 64) : conn(sp.fd[0], nSize) {}
+    bool Write(const std::vector<unsigned char>& v)
+    {
+        return write(sp.fd[1], v.data(), v.size()) == static_cast<ssize_t>(v.size());
+    }
+    int Receive() { return conn.Receive(rev); }
+
+    SocketPair sp;
+    CDataBufferSTLDeque rev{false, 0};
+    Connection conn;
+};
 
 TEST(ReceiveStep, PacketsSplitAtEveryByteArriveWholeAndInOrder)
 {
@@ -132,36 +144,32 @@ TEST(ReceiveStep, PacketsSplitAtEveryByteArriveWholeAndInOrder)
     std::vector<std::vector<unsigned char>> packets = {FramedPacket(3, 'a'), FramedPacket(200, 'b'), FramedPacket(0, 'x'), FramedPacket(70, 'c')};
     for (auto& p : packets) stream.insert(stream.end(), p.begin(), p.end());
     for (size_t nCut = 1; nCut < stream.size(); ++nCut) {
-        SocketPair sp;
-        CDataBufferSTLDeque rev(false, 0);
-        Connection conn(sp.fd[0]);
-        ASSERT_TRUE(WriteAll(sp.fd[1], std::vector<unsigned char>(stream.begin(), stream.begin() + nCut)));
-        EXPECT_EQ(conn.Receive(rev), 0);
-        ASSERT_TRUE(WriteAll(sp.fd[1], std::vector<unsigned char>(stream.begin() + nCut, stream.end())));
-        EXPECT_EQ(conn.Receive(rev), 0);
-        EXPECT_EQ(TakeAll(rev), packets) << "cut at " << nCut;
-        EXPECT_TRUE(conn.ReceiveBufEmpty());
+        Wire w;
+        ASSERT_TRUE(w.Write(std::vector<unsigned char>(stream.begin(), stream.begin() + nCut)));
+        EXPECT_EQ(w.Receive(), 0);
+        ASSERT_TRUE(w.Write(std::vector<unsigned char>(stream.begin() + nCut, stream.end())));
+        EXPECT_EQ(w.Receive(), 0);
+        EXPECT_EQ(TakeAll(w.rev), packets) << "cut at " << nCut;
+        EXPECT_TRUE(w.conn.ReceiveBufEmpty());
     }
 }
 
 TEST(ReceiveStep, ManyPacketsInOneReadAndTheBudget)
 {
-    SocketPair sp;
-    CDataBufferSTLDeque rev(false, 0);
-    Connection conn(sp.fd[0]);
+    Wire w;
     std::vector<unsigned char> stream;
     for (int i = 0; i < 200; ++i) {
         std::vector<unsigned char> p = FramedPacket(10, static_cast<unsigned char>(i));
         stream.insert(stream.end(), p.begin(), p.end());
     }
-    ASSERT_TRUE(WriteAll(sp.fd[1], stream));
+    ASSERT_TRUE(w.Write(stream));
     int ret = 0, nCalls = 0;
     do {
-        ret = conn.Receive(rev);
+        ret = w.Receive();
         ++nCalls;
     } while (ret == BREL_STEP_BUDGET && nCalls < 100);
     EXPECT_EQ(ret, 0);
-    std::vector<std::vector<unsigned char>> got = TakeAll(rev);
+    std::vector<std::vector<unsigned char>> got = TakeAll(w.rev);
     ASSERT_EQ(got.size(), 200u);
     for (int i = 0; i < 200; ++i) EXPECT_EQ(got[i][2], static_cast<unsigned char>(i));
 }
@@ -169,40 +177,34 @@ TEST(ReceiveStep, ManyPacketsInOneReadAndTheBudget)
 TEST(ReceiveStep, BadStreamLimitAndClose)
 {
     {
-        SocketPair sp;
-        CDataBufferSTLDeque rev(false, 0);
-        Connection conn(sp.fd[0]);
+        Wire w;
         std::vector<unsigned char> bad = FramedPacket(3, 'x');
         bad.push_back(0x31);
-        ASSERT_TRUE(WriteAll(sp.fd[1], bad));
-        EXPECT_EQ(conn.Receive(rev), BREL_STEP_BAD_STREAM);
-        EXPECT_TRUE(rev.Empty());  // the good packet before the bad byte is not delivered
+        ASSERT_TRUE(w.Write(bad));
+        EXPECT_EQ(w.Receive(), BREL_STEP_BAD_STREAM);
+        EXPECT_TRUE(w.rev.Empty());  // the good packet before the bad byte is not delivered
     }
     {
         SetBrelRecvPacketMaxSize(100);
-        SocketPair sp;
-        CDataBufferSTLDeque rev(false, 0);
-        Connection conn(sp.fd[0], 8192);
+        Wire w(8192);
         std::vector<unsigned char> big = FramedPacket(1000, 'x');
         // Complete within one read: passes, however large.
-        ASSERT_TRUE(WriteAll(sp.fd[1], big));
-        EXPECT_EQ(conn.Receive(rev), 0);
-        EXPECT_EQ(TakeAll(rev).size(), 1u);
+        ASSERT_TRUE(w.Write(big));
+        EXPECT_EQ(w.Receive(), 0);
+        EXPECT_EQ(TakeAll(w.rev).size(), 1u);
         // Incomplete beyond the limit: the connection is to be closed.
-        ASSERT_TRUE(WriteAll(sp.fd[1], std::vector<unsigned char>(big.begin(), big.begin() + 500)));
-        EXPECT_EQ(conn.Receive(rev), BREL_STEP_BAD_STREAM);
+        ASSERT_TRUE(w.Write(std::vector<unsigned char>(big.begin(), big.begin() + 500)));
+        EXPECT_EQ(w.Receive(), BREL_STEP_BAD_STREAM);
         SetBrelRecvPacketMaxSize(0);
     }
     {
-        SocketPair sp;
-        CDataBufferSTLDeque rev(false, 0);
-        Connection conn(sp.fd[0]);
-        ASSERT_TRUE(WriteAll(sp.fd[1], {0x30, 0x05, 1}));
-        close(sp.fd[1]);
-        sp.fd[1] = socket(AF_UNIX, SOCK_STREAM, 0);
-        EXPECT_EQ(conn.Receive(rev), 0);  // a short read: drained for now
-        EXPECT_EQ(conn.Receive(rev), BREL_STEP_PEER_CLOSED);
-        EXPECT_EQ(conn.nReceiveBufLen - conn.nReceiveBufUnusedLen, 3u);  // the rest stays in the buffer
+        Wire w;
+        ASSERT_TRUE(w.Write({0x30, 0x05, 1}));
+        close(w.sp.fd[1]);
+        w.sp.fd[1] = socket(AF_UNIX, SOCK_STREAM, 0);
+        EXPECT_EQ(w.Receive(), 0);  // a short read: drained for now
+        EXPECT_EQ(w.Receive(), BREL_STEP_PEER_CLOSED);
+        EXPECT_EQ(w.conn.nReceiveBufLen - w.conn.nReceiveBufUnusedLen, 3u);  // the rest stays in the buffer
     }
 }
 
@@ -224,18 +226,6 @@ TEST(Framing, LengthFromTheHead)
     EXPECT_EQ(Length({0x30, 0x84, 0x07, 0xff, 0xff, 0xfa}), static_cast<int>(MAX_LEN));
 }
 
-// A packet of nTotal bytes in all whose content tells where it sits.
-std::vector<unsigned char> PatternPacket(unsigned int nTotal, unsigned int nSeed)
-{
-    std::vector<unsigned char> p(nTotal);
-    unsigned int nContent = nTotal - 6;
-    p[0] = 0x30;
-    p[1] = 0x84;
-    for (int i = 0; i < 4; ++i) p[2 + i] = static_cast<unsigned char>(nContent >> (24 - 8 * i));
-    for (unsigned int i = 6; i < nTotal; ++i) p[i] = static_cast<unsigned char>(i * 31 + nSeed);
-    return p;
-}
-
 // Takes one packet; its block's address in pBlock.
 std::vector<unsigned char> TakeOne(CDataBufferSTLDeque& rev, const void** pBlock = nullptr)
 {
@@ -249,10 +239,10 @@ std::vector<unsigned char> TakeOne(CDataBufferSTLDeque& rev, const void** pBlock
 }
 
 // Receives until nPackets have arrived from a writer thread, or 20 s have passed.
-std::vector<std::vector<unsigned char>> ReceiveFromWriter(Connection& conn, int fdWrite,
-                                                          const std::vector<unsigned char>& stream, size_t nPackets)
+std::vector<std::vector<unsigned char>> ReceiveFromWriter(Wire& w, const std::vector<unsigned char>& stream,
+                                                          size_t nPackets)
 {
-    CDataBufferSTLDeque rev(false, 0);
+    int fdWrite = w.sp.fd[1];
     std::thread writer([&] {
         for (size_t nDone = 0; nDone < stream.size();) {
             ssize_t n = write(fdWrite, stream.data() + nDone, stream.size() - nDone);
@@ -263,10 +253,10 @@ std::vector<std::vector<unsigned char>> ReceiveFromWriter(Connection& conn, int 
     });
     std::vector<std::vector<unsigned char>> got;
     for (int i = 0; i < 100000 && got.size() < nPackets; ++i) {
-        int ret = conn.Receive(rev);
+        int ret = w.Receive();
         EXPECT_TRUE(ret == 0 || ret == BREL_STEP_BUDGET) << ret;
         if (ret != 0 && ret != BREL_STEP_BUDGET) break;
-        for (auto& p : TakeAll(rev)) got.push_back(std::move(p));
+        for (auto& p : TakeAll(w.rev)) got.push_back(std::move(p));
         if (got.size() < nPackets) usleep(200);
     }
     writer.join();
@@ -275,93 +265,87 @@ std::vector<std::vector<unsigned char>> ReceiveFromWriter(Connection& conn, int 
 
 TEST(ReceiveStep, PacketFillingTheBufferIsHandedOverInIt)
 {
-    SocketPair sp;
-    CDataBufferSTLDeque rev(false, 0);
     const unsigned int nBuf = 64 * 1024;
-    Connection conn(sp.fd[0], nBuf);
+    Wire w(nBuf);
     std::vector<unsigned char> big = PatternPacket(nBuf, 1);
-    ASSERT_TRUE(WriteAll(sp.fd[1], big));
-    const char* pBefore = conn.pReceiveBuf;
-    EXPECT_EQ(conn.Receive(rev), 0);
+    ASSERT_TRUE(w.Write(big));
+    const char* pBefore = w.conn.pReceiveBuf;
+    EXPECT_EQ(w.Receive(), 0);
     const void* pBlock = nullptr;
-    EXPECT_EQ(TakeOne(rev, &pBlock), big);
+    EXPECT_EQ(TakeOne(w.rev, &pBlock), big);
     EXPECT_EQ(pBlock, pBefore);  // no copy: the buffer itself
-    EXPECT_NE(conn.pReceiveBuf, pBefore);
-    EXPECT_EQ(conn.nReceiveBufLen, nBuf);
-    EXPECT_TRUE(conn.ReceiveBufEmpty());
+    EXPECT_NE(w.conn.pReceiveBuf, pBefore);
+    EXPECT_EQ(w.conn.nReceiveBufLen, nBuf);
+    EXPECT_TRUE(w.conn.ReceiveBufEmpty());
 }
 
 TEST(ReceiveStep, ReadStopsAtTheEndOfALargePacketOnceItsLengthIsKnown)
 {
-    SocketPair sp;
-    CDataBufferSTLDeque rev(false, 0);
-    Connection conn(sp.fd[0], 64 * 1024);
+    Wire w(64 * 1024);
     // The first read takes the first packet and the head of the second: the
     // first is copied out; the second's length is known from then on.
     std::vector<unsigned char> a = PatternPacket(40000, 3), b = PatternPacket(40000, 4);
     std::vector<unsigned char> ab = a;
     ab.insert(ab.end(), b.begin(), b.begin() + 30000);
-    ASSERT_TRUE(WriteAll(sp.fd[1], ab));
-    EXPECT_EQ(conn.Receive(rev), 0);
-    EXPECT_EQ(TakeOne(rev), a);
-    EXPECT_EQ(conn.nReceiveBufLen - conn.nReceiveBufUnusedLen, 30000u);  // all of b that came
+    ASSERT_TRUE(w.Write(ab));
+    EXPECT_EQ(w.Receive(), 0);
+    EXPECT_EQ(TakeOne(w.rev), a);
+    EXPECT_EQ(w.conn.nReceiveBufLen - w.conn.nReceiveBufUnusedLen, 30000u);  // all of b that came
     // The rest of b and a third packet: the read ends with b, which goes over in the buffer.
     std::vector<unsigned char> c = PatternPacket(20000, 5);
-    ASSERT_TRUE(WriteAll(sp.fd[1], std::vector<unsigned char>(b.begin() + 30000, b.end())));
-    const char* pBefore = conn.pReceiveBuf;
-    ASSERT_TRUE(WriteAll(sp.fd[1], c));
-    EXPECT_EQ(conn.Receive(rev), 0);
+    ASSERT_TRUE(w.Write(std::vector<unsigned char>(b.begin() + 30000, b.end())));
+    const char* pBefore = w.conn.pReceiveBuf;
+    ASSERT_TRUE(w.Write(c));
+    EXPECT_EQ(w.Receive(), 0);
     const void* pBlock = nullptr;
-    EXPECT_EQ(TakeOne(rev, &pBlock), b);
+    EXPECT_EQ(TakeOne(w.rev, &pBlock), b);
     EXPECT_EQ(pBlock, pBefore);
-    EXPECT_EQ(TakeOne(rev), c);
-    EXPECT_TRUE(rev.Empty());
+    EXPECT_EQ(TakeOne(w.rev), c);
+    EXPECT_TRUE(w.rev.Empty());
 
     // At a packet's start the read stops where a packet as large as the last
     // large one would end: a small packet behind it in the same write does not
     // keep it from going over in the buffer.
     std::vector<unsigned char> d = PatternPacket(40000, 6), e = PatternPacket(40000, 7), small = FramedPacket(10, 's');
-    ASSERT_TRUE(WriteAll(sp.fd[1], d));
-    EXPECT_EQ(conn.Receive(rev), 0);
-    EXPECT_EQ(TakeOne(rev), d);
+    ASSERT_TRUE(w.Write(d));
+    EXPECT_EQ(w.Receive(), 0);
+    EXPECT_EQ(TakeOne(w.rev), d);
     std::vector<unsigned char> both = e;
     both.insert(both.end(), small.begin(), small.end());
-    ASSERT_TRUE(WriteAll(sp.fd[1], both));
-    pBefore = conn.pReceiveBuf;
-    EXPECT_EQ(conn.Receive(rev), 0);
-    EXPECT_EQ(TakeOne(rev, &pBlock), e);
+    ASSERT_TRUE(w.Write(both));
+    pBefore = w.conn.pReceiveBuf;
+    EXPECT_EQ(w.Receive(), 0);
+    EXPECT_EQ(TakeOne(w.rev, &pBlock), e);
     EXPECT_EQ(pBlock, pBefore);
-    EXPECT_EQ(TakeOne(rev), small);
-    EXPECT_TRUE(conn.ReceiveBufEmpty());
+    EXPECT_EQ(TakeOne(w.rev), small);
+    EXPECT_TRUE(w.conn.ReceiveBufEmpty());
 }
 
 TEST(ReceiveStep, PacketLargerThanTheBufferGrowsItAndArrivesWhole)
 {
     {
-        SocketPair sp;
-        Connection conn(sp.fd[0], 16 * 1024);
+        Wire w(16 * 1024);
         std::vector<unsigned char> big = PatternPacket(100000, 6), small = FramedPacket(7, 't');
         std::vector<unsigned char> stream = big;
         stream.insert(stream.end(), small.begin(), small.end());
-        std::vector<std::vector<unsigned char>> got = ReceiveFromWriter(conn, sp.fd[1], stream, 2);
+        std::vector<std::vector<unsigned char>> got = ReceiveFromWriter(w, stream, 2);
         ASSERT_EQ(got.size(), 2u);
         EXPECT_EQ(got[0], big);
         EXPECT_EQ(got[1], small);
-        EXPECT_EQ(conn.nReceiveBufLen, 128u * 1024);  // doubled as far as the packet needed
-        EXPECT_TRUE(conn.ReceiveBufEmpty());
+        EXPECT_EQ(w.conn.nReceiveBufLen, 128u * 1024);  // doubled as far as the packet needed
+        EXPECT_TRUE(w.conn.ReceiveBufEmpty());
     }
     {
         // Beyond the spare pool's largest size class.
-        SocketPair sp;
-        Connection conn(sp.fd[0], 64 * 1024);
+        Wire w(64 * 1024);
         std::vector<unsigned char> huge = PatternPacket(5u << 20, 7), after = PatternPacket(30000, 8);
         std::vector<unsigned char> stream = huge;
         stream.insert(stream.end(), after.begin(), after.end());
-        std::vector<std::vector<unsigned char>> got = ReceiveFromWriter(conn, sp.fd[1], stream, 2);
+        std::vector<std::vector<unsigned char>> got = ReceiveFromWriter(w, stream, 2);
         ASSERT_EQ(got.size(), 2u);
         EXPECT_TRUE(got[0] == huge);
         EXPECT_TRUE(got[1] == after);
-        EXPECT_EQ(conn.nReceiveBufLen, 8u << 20);
+        EXPECT_EQ(w.conn.nReceiveBufLen, 8u << 20);
     }
 }
 
@@ -380,41 +364,37 @@ TEST(ReceiveStep, MixedSizesInRandomPiecesArriveWholeAndInOrder)
     }
     for (auto& p : packets) stream.insert(stream.end(), p.begin(), p.end());
 
-    SocketPair sp;
-    CDataBufferSTLDeque rev(false, 0);
-    Connection conn(sp.fd[0], 64 * 1024);
+    Wire w(64 * 1024);
     std::vector<std::vector<unsigned char>> got;
     for (size_t nDone = 0; nDone < stream.size();) {
         size_t nPiece = std::min<size_t>(stream.size() - nDone, 1 + rng() % 90000);
-        ASSERT_TRUE(WriteAll(sp.fd[1], std::vector<unsigned char>(stream.begin() + nDone, stream.begin() + nDone + nPiece)));
+        ASSERT_TRUE(w.Write(std::vector<unsigned char>(stream.begin() + nDone, stream.begin() + nDone + nPiece)));
         nDone += nPiece;
         int ret;
         do {
-            ret = conn.Receive(rev);
+            ret = w.Receive();
         } while (ret == BREL_STEP_BUDGET);
         ASSERT_EQ(ret, 0);
-        for (auto& p : TakeAll(rev)) got.push_back(std::move(p));
+        for (auto& p : TakeAll(w.rev)) got.push_back(std::move(p));
     }
     ASSERT_EQ(got.size(), packets.size());
     for (size_t i = 0; i < packets.size(); ++i) ASSERT_TRUE(got[i] == packets[i]) << "packet " << i;
-    EXPECT_TRUE(conn.ReceiveBufEmpty());
+    EXPECT_TRUE(w.conn.ReceiveBufEmpty());
 }
 
 // A large packet read up to its end is whole and goes; a bad byte behind it
 // still condemns the stream at the next read.
 TEST(ReceiveStep, BadByteAfterALargePacketStillFailsTheStream)
 {
-    SocketPair sp;
-    CDataBufferSTLDeque rev(false, 0);
-    Connection conn(sp.fd[0], 64 * 1024);
+    Wire w(64 * 1024);
     std::vector<unsigned char> a = PatternPacket(40000, 9);
-    ASSERT_TRUE(WriteAll(sp.fd[1], a));
-    EXPECT_EQ(conn.Receive(rev), 0);
-    EXPECT_EQ(TakeOne(rev), a);
+    ASSERT_TRUE(w.Write(a));
+    EXPECT_EQ(w.Receive(), 0);
+    EXPECT_EQ(TakeOne(w.rev), a);
     std::vector<unsigned char> b = PatternPacket(40000, 10);
     b.push_back(0x31);
-    ASSERT_TRUE(WriteAll(sp.fd[1], b));
-    EXPECT_EQ(conn.Receive(rev), BREL_STEP_BAD_STREAM);
+    ASSERT_TRUE(w.Write(b));
+    EXPECT_EQ(w.Receive(), BREL_STEP_BAD_STREAM);
 }
 
 TEST(SendStep, PartialWritesContinueAtTheRightByte)

@@ -97,7 +97,7 @@ void AgentFileDst::SendCreate(unsigned int nWorkId, const std::string& strSrcFil
 
 void AgentFileDst::SendCreate2(unsigned int nWorkId, const std::string& strSrcFile, const std::string& strDstPath,
                                     unsigned short nPort, unsigned int nSrcWorkId, int nFlag, unsigned long long lSize,
-                                    const std::vector<unsigned int>& vecIp)
+                                    const std::vector<unsigned int>& vecIp, int nTimeout)
 {
     ReqWorkFileDstCreate2 req;
     req.workId = static_cast<int>(nWorkId);
@@ -107,7 +107,7 @@ void AgentFileDst::SendCreate2(unsigned int nWorkId, const std::string& strSrcFi
     req.srcServerPort = nPort;
     req.srcWorkId = static_cast<int>(nSrcWorkId);
     req.flag = nFlag;
-    req.timeout = 0;
+    req.timeout = nTimeout;
     req.firstSrcAgentId = static_cast<int>(Loopback());
     req.firstSrcFile.Set(strSrcFile.data(), strSrcFile.size());
     req.modifyTime = 0;
@@ -187,6 +187,13 @@ int AgentFileTransfer::Transfer(unsigned int nWorkId, const std::string& strSrcP
     RspWorkFileDstQuery result;
     if (!WaitResult(nWorkId, nMark, nTimeoutMs, result)) return -1;
     return static_cast<int>(result.ret.value);
+}
+
+std::string Pattern(size_t n, unsigned int nSeed)
+{
+    std::string str(n, '\0');
+    for (size_t i = 0; i < n; ++i) str[i] = static_cast<char>((i * 131 + nSeed + i / 4093) & 0xFF);
+    return str;
 }
 
 bool SameFile(const std::string& strA, const std::string& strB)

@@ -29,7 +29,7 @@ protected:
                     unsigned int nSrcIp = Loopback());
     void SendCreate2(unsigned int nWorkId, const std::string& strSrcFile, const std::string& strDstPath,
                      unsigned short nPort, unsigned int nSrcWorkId, int nFlag, unsigned long long lSize,
-                     const std::vector<unsigned int>& vecIp);
+                     const std::vector<unsigned int>& vecIp, int nTimeout = 0);
     void SendSetAction(unsigned int nWorkId, int nAppend = 6);
     void SendQuery(unsigned int nWorkId, int nAppend = 7);
     void SendDelete(unsigned int nWorkId, int nAppend = 8);
@@ -69,6 +69,9 @@ protected:
     pid_t m_nDstPid = -1;
     pid_t m_nSrcPid = -1;
 };
+
+// n bytes of a pattern that no block repeats at a block's distance.
+std::string Pattern(size_t n, unsigned int nSeed);
 
 // True if the two files hold the same bytes; compared in chunks.
 bool SameFile(const std::string& strA, const std::string& strB);

@@ -29,6 +29,8 @@
 #include "install_tree.h"
 #include "network/socket.h"
 #include "network/network_multi.h"
+#include "network/network_server.h"
+#include "network/packet_listener.h"
 
 namespace agent_test {
 
@@ -108,83 +110,128 @@ inline int64_t HarnessNowMs()
         .count();
 }
 
+inline sockaddr_in LoopbackAddr(unsigned short nPort)
+{
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(nPort);
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return addr;
+}
+
+// A blocking socket connected to the port of 127.0.0.1, with the receive
+// buffer's size when one is given; -1 when the connect fails.
+inline int ConnectLoopback(unsigned short nPort, int nReceiveBuf = 0)
+{
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd >= 0 && nReceiveBuf > 0) setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &nReceiveBuf, sizeof(nReceiveBuf));
+    sockaddr_in addr = LoopbackAddr(nPort);
+    if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+        close(fd);
+        fd = -1;
+    }
+    return fd;
+}
+
+// Binds the server loop to a port of 127.0.0.1 the kernel picks and starts it; the port, 0 on failure.
+inline unsigned short StartOnLoopback(brel_lib::CNetworkServerBrel& server, unsigned short nPort = 0)
+{
+    std::string strIp;
+    if (server.CreateServer("127.0.0.1", nPort) != 0 || server.GetListenIpPort(strIp, nPort) != 0) return 0;
+    return server.Start() == 0 ? nPort : 0;
+}
+
+// How many times the text holds the needle.
+inline int CountOf(const std::string& strText, const std::string& strNeedle)
+{
+    int n = 0;
+    for (size_t nPos = strText.find(strNeedle); nPos != std::string::npos; nPos = strText.find(strNeedle, nPos + 1)) ++n;
+    return n;
+}
+
+// A listener whose accept queue is full: later SYNs are dropped, so a connect
+// to it neither succeeds nor fails until its own time limit.
+class FullBacklogListener {
+public:
+    FullBacklogListener()
+    {
+        m_fdListen = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in addr = LoopbackAddr(0);
+        bind(m_fdListen, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+        listen(m_fdListen, 0);
+        socklen_t nLen = sizeof(addr);
+        getsockname(m_fdListen, reinterpret_cast<sockaddr*>(&addr), &nLen);
+        m_nPort = ntohs(addr.sin_port);
+        // Fill the queue until a connect hangs.
+        for (int i = 0; i < 8; ++i) {
+            int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+            connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+            m_vecFill.push_back(fd);
+            pollfd p{fd, POLLOUT, 0};
+            if (poll(&p, 1, 300) == 0) {
+                m_bFull = true;
+                break;
+            }
+        }
+    }
+    ~FullBacklogListener()
+    {
+        for (int fd : m_vecFill) close(fd);
+        close(m_fdListen);
+    }
+    unsigned short Port() const { return m_nPort; }
+    bool Full() const { return m_bFull; }
+
+private:
+    int m_fdListen = -1;
+    unsigned short m_nPort = 0;
+    bool m_bFull = false;
+    std::vector<int> m_vecFill;
+};
+
 // A blocking TCP client of 127.0.0.1 that reads packets by the stream framing.
 class PlainClient {
 public:
-    explicit PlainClient(unsigned short nPort)
+    explicit PlainClient(unsigned short nPort, int nReceiveBuf = 0)
     {
-        m_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_port = htons(nPort);
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        if (connect(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) Close();
-        if (m_fd >= 0) {
-            int nOn = 1;
-            setsockopt(m_fd, IPPROTO_TCP, TCP_NODELAY, &nOn, sizeof(nOn));
-        }
+        m_conn.Attach(ConnectLoopback(nPort, nReceiveBuf));
+        int nOn = 1;
+        if (Connected()) setsockopt(Fd(), IPPROTO_TCP, TCP_NODELAY, &nOn, sizeof(nOn));
     }
-    ~PlainClient() { Close(); }
     PlainClient(const PlainClient&) = delete;
     PlainClient& operator=(const PlainClient&) = delete;
 
-    bool Connected() const { return m_fd >= 0; }
-    int Fd() const { return m_fd; }
-    void Close()
-    {
-        if (m_fd >= 0) close(m_fd);
-        m_fd = -1;
-    }
+    bool Connected() const { return m_conn.IsOpen(); }
+    int Fd() const { return m_conn.GetSocket(); }
+    void Close() { m_conn.Close(); }
     unsigned short LocalPort() const
     {
         sockaddr_in addr{};
         socklen_t nLen = sizeof(addr);
-        getsockname(m_fd, reinterpret_cast<sockaddr*>(&addr), &nLen);
+        getsockname(Fd(), reinterpret_cast<sockaddr*>(&addr), &nLen);
         return ntohs(addr.sin_port);
     }
 
-    bool Write(const std::vector<unsigned char>& bytes)
-    {
-        size_t nDone = 0;
-        while (nDone < bytes.size()) {
-            ssize_t n = send(m_fd, bytes.data() + nDone, bytes.size() - nDone, MSG_NOSIGNAL);
-            if (n <= 0) return false;
-            nDone += static_cast<size_t>(n);
-        }
-        return true;
-    }
+    bool Write(const std::vector<unsigned char>& bytes) { return m_conn.WriteAll(bytes.data(), bytes.size()) == 0; }
 
     // One whole packet, or empty on timeout, close or a broken stream.
     std::vector<unsigned char> ReadPacket(int nTimeoutMs)
     {
-        int64_t lDeadline = HarnessNowMs() + nTimeoutMs;
-        while (true) {
-            int n = brel_lib::asn_packet_complete(m_vecPending.data(), static_cast<unsigned int>(m_vecPending.size()));
-            if (n < 0) return {};
-            if (n > 0) {
-                std::vector<unsigned char> packet(m_vecPending.begin(), m_vecPending.begin() + n);
-                m_vecPending.erase(m_vecPending.begin(), m_vecPending.begin() + n);
-                return packet;
-            }
-            if (ReadSome(static_cast<int>(lDeadline - HarnessNowMs())) <= 0) return {};
-        }
+        std::vector<unsigned char> packet;
+        return m_conn.ReadPacket(packet, nTimeoutMs) == 1 ? packet : std::vector<unsigned char>();
     }
 
     // Reads whatever arrives until nBytes are in or the time is up; the count read.
     size_t ReadCount(size_t nBytes, int nTimeoutMs)
     {
         int64_t lDeadline = HarnessNowMs() + nTimeoutMs;
-        size_t nTotal = m_vecPending.size();
-        m_vecPending.clear();
-        while (nTotal < nBytes) {
+        size_t nTotal = 0;
+        while (true) {
+            nTotal += m_conn.Pending().size();
+            m_conn.Pending().clear();
             int nLeft = static_cast<int>(lDeadline - HarnessNowMs());
-            if (nLeft <= 0) break;
-            ssize_t n = ReadSome(nLeft);
-            if (n <= 0) break;
-            nTotal += m_vecPending.size();
-            m_vecPending.clear();
+            if (nTotal >= nBytes || nLeft <= 0 || m_conn.ReadSome(nLeft) <= 0) return nTotal;
         }
-        return nTotal;
     }
 
     // True when the peer closed (or reset) the connection within the time.
@@ -193,36 +240,27 @@ public:
         int64_t lDeadline = HarnessNowMs() + nTimeoutMs;
         while (true) {
             int nLeft = static_cast<int>(lDeadline - HarnessNowMs());
-            if (nLeft <= 0) return false;
-            ssize_t n = ReadSome(nLeft);
-            if (n == 0 || (n < 0 && m_bLastReadFailed)) return true;
-            if (n < 0) return false;
-            m_vecPending.clear();
+            int n = nLeft > 0 ? m_conn.ReadSome(nLeft) : -1;
+            if (n <= 0) return n == 0;
+            m_conn.Pending().clear();
         }
     }
 
 private:
-    // >0 bytes appended, 0 closed by the peer, -1 timeout or failure.
-    ssize_t ReadSome(int nTimeoutMs)
-    {
-        m_bLastReadFailed = false;
-        if (m_fd < 0 || nTimeoutMs <= 0) return -1;
-        pollfd p{m_fd, POLLIN, 0};
-        if (poll(&p, 1, nTimeoutMs) != 1) return -1;
-        unsigned char buf[65536];
-        ssize_t n = read(m_fd, buf, sizeof(buf));
-        if (n < 0) {
-            m_bLastReadFailed = true;
-            return -1;
-        }
-        m_vecPending.insert(m_vecPending.end(), buf, buf + n);
-        return n;
-    }
-
-    int m_fd = -1;
-    bool m_bLastReadFailed = false;
-    std::vector<unsigned char> m_vecPending;
+    brel_lib::CPacketConnection m_conn;
 };
+
+// A packet of nTotal bytes in all (a four-byte length) whose content tells where it sits.
+inline std::vector<unsigned char> PatternPacket(unsigned int nTotal, unsigned int nSeed)
+{
+    std::vector<unsigned char> p(nTotal);
+    unsigned int nContent = nTotal - 6;
+    p[0] = 0x30;
+    p[1] = 0x84;
+    for (int i = 0; i < 4; ++i) p[2 + i] = static_cast<unsigned char>(nContent >> (24 - 8 * i));
+    for (unsigned int i = 6; i < nTotal; ++i) p[i] = static_cast<unsigned char>(i * 31 + nSeed);
+    return p;
+}
 
 // Takes one block; false on timeout.
 inline bool TakePacket(brel_lib::CDataBufferSTLDeque& buffer, unsigned int nTimeoutMs, int& nAppend,
