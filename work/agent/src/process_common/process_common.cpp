@@ -255,6 +255,8 @@ time_t CProcessCommon::NextTimer()
     earlier(m_timePreSweepHistory + HISTORY_SWEEP_SECOND + 1);
     earlier(m_sessionKeys.NextUpdateTime(m_bHeartbeat));
     earlier(g_fileTransCache.NextAutoDelete());
+    time_t tMetrics = m_metrics.NextDueAt(AgentTime());
+    if (tMetrics != 0) earlier(tMetrics);  // 0: no metrics file
     return tNext;
 }
 
