@@ -224,7 +224,7 @@ unsigned long long CFileReadThread::QueueRoom(const ConnectQueue& conn, unsigned
     long long lTaken = g_pPeerTakenFun.load()(conn.nSockFd);
     if (lTaken < 0 || static_cast<unsigned long long>(lTaken) >= conn.lPushed) return lUnbounded;
     unsigned long long lQueued = conn.lPushed - static_cast<unsigned long long>(lTaken);
-    unsigned long long lMax = std::max(CONNECT_QUEUE_MAX, CONNECT_QUEUE_BLOCKS * nGetSize);
+    unsigned long long lMax = std::min(std::max(CONNECT_QUEUE_MAX, CONNECT_QUEUE_BLOCKS * nGetSize), CONNECT_QUEUE_CEILING);
     return lQueued >= lMax ? 0 : lMax - lQueued;
 }
 

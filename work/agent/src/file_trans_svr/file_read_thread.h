@@ -80,6 +80,11 @@ public:
     // always finished.
     static constexpr unsigned long long CONNECT_QUEUE_MAX = 8ULL << 20;
     static constexpr unsigned long long CONNECT_QUEUE_BLOCKS = 8;
+    // Whatever the blocks, a connection queues no more than this (and the
+    // block in hand): a peer asking for the largest blocks and not reading
+    // them must not hold eight of them here. The destination's largest
+    // requests stay below it.
+    static constexpr unsigned long long CONNECT_QUEUE_CEILING = 64ULL << 20;
     // Blocks of a request are read and summed in batches of up to this many
     // bytes, since the digests of a batch are computed side by side.
     static constexpr unsigned long long BATCH_BYTES_MAX = 32ULL << 20;
