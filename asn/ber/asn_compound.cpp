@@ -1,9 +1,9 @@
 #include "asn_compound.h"
 
-#include <stdio.h>
-
 #include <algorithm>
 #include <string>
+
+#include "asn_elmts.h"
 
 // ---- SEQUENCE --------------------------------------------------------------------
 
@@ -230,22 +230,13 @@ void AsnListBase::BDec(AsnBuf& b, AsnLen& bytesDecoded)
 
 void AsnListBase::BDecContent(AsnBuf& b, AsnTag, AsnLen elmtLen, AsnLen& bytesDecoded)
 {
-    AsnLen listBytesDecoded = 0;
-    while (elmtLen == INDEFINITE_LEN || listBytesDecoded < elmtLen) {
-        AsnTag tag = BDecTag(b, listBytesDecoded);
-        if (tag == 0 && elmtLen == INDEFINITE_LEN) {
-            unsigned char c = b.GetByte();
-            if (c != 0 || b.ReadError()) fprintf(stderr, "Warning - second octet of EOC not zero\n");
-            ++listBytesDecoded;
-            break;
-        }
+    bytesDecoded += BDecElmts(b, elmtLen, [&](AsnTag tag, AsnLen& listBytesDecoded) {
         if (!ElmtMatchesTag(tag)) AsnDecodeFail("Unexpected Tag", -104);
         AsnLen itemLen = BDecLen(b, listBytesDecoded);
         // Linked before its content is decoded, so a failure leaves nothing unowned.
         AsnType* pElmt = AppendBase();
         pElmt->BDecContent(b, tag, itemLen, listBytesDecoded);
-    }
-    bytesDecoded += listBytesDecoded;
+    });
 }
 
 void AsnListBase::Print(std::ostream& os) const

@@ -4,6 +4,8 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "asn_elmts.h"
+
 namespace {
 
 const char numToHexCharTblG[] = "0123456789abcdef";
@@ -215,15 +217,7 @@ void FillOctetStringStk(AsnBuf& b, AsnLen elmtLen, AsnLen& bytesDecoded, int nDe
     if (nDepth > MAX_CONS_STRING_DEPTH) {
         AsnDecodeFail("BDecConsOctetString: ERROR - constructed OCTET STRING nested too deep", -17);
     }
-    AsnLen totalElmtsLen = 0;
-    while (elmtLen == INDEFINITE_LEN || totalElmtsLen < elmtLen) {
-        AsnTag tag = BDecTag(b, totalElmtsLen);
-        if (tag == 0 && elmtLen == INDEFINITE_LEN) {
-            unsigned char c = b.GetByte();
-            if (c != 0 || b.ReadError()) fprintf(stderr, "Warning - second octet of EOC not zero\n");
-            ++totalElmtsLen;
-            break;
-        }
+    bytesDecoded += BDecElmts(b, elmtLen, [&](AsnTag tag, AsnLen& totalElmtsLen) {
         AsnLen innerLen = BDecLen(b, totalElmtsLen);
         if (tag == TAG_OCTETSTRING) {
             if (innerLen > b.Remaining()) {
@@ -238,8 +232,7 @@ void FillOctetStringStk(AsnBuf& b, AsnLen elmtLen, AsnLen& bytesDecoded, int nDe
             AsnDecodeFail(
                 "BDecConsOctetString: ERROR - decoded non-OCTET STRING tag inside a constructed OCTET STRING", -16);
         }
-    }
-    bytesDecoded += totalElmtsLen;
+    });
 }
 
 } // namespace
@@ -383,15 +376,7 @@ void FillBitStringStk(AsnBuf& b, AsnLen elmtLen, AsnLen& bytesDecoded, unsigned 
     if (nDepth > MAX_CONS_STRING_DEPTH) {
         AsnDecodeFail("BDecConsBitString: ERROR - constructed BIT STRING nested too deep", -5);
     }
-    AsnLen totalElmtsLen = 0;
-    while (elmtLen == INDEFINITE_LEN || totalElmtsLen < elmtLen) {
-        AsnTag tag = BDecTag(b, totalElmtsLen);
-        if (tag == 0 && elmtLen == INDEFINITE_LEN) {
-            unsigned char c = b.GetByte();
-            if (c != 0 || b.ReadError()) fprintf(stderr, "Warning - second octet of EOC not zero\n");
-            ++totalElmtsLen;
-            break;
-        }
+    bytesDecoded += BDecElmts(b, elmtLen, [&](AsnTag tag, AsnLen& totalElmtsLen) {
         AsnLen innerLen = BDecLen(b, totalElmtsLen);
         if (tag == TAG_BITSTRING) {
             if (cLastUnused != 0) {
@@ -411,8 +396,7 @@ void FillBitStringStk(AsnBuf& b, AsnLen elmtLen, AsnLen& bytesDecoded, unsigned 
         } else {
             AsnDecodeFail("BDecConsBitString: ERROR - decoded non-BIT STRING tag inside a constructed BIT STRING", -4);
         }
-    }
-    bytesDecoded += totalElmtsLen;
+    });
 }
 
 } // namespace
