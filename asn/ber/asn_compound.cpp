@@ -110,6 +110,23 @@ void AsnSeq::Print(std::ostream& os) const
 
 // ---- SEQUENCE OF -----------------------------------------------------------------
 
+namespace {
+
+typedef AsnListBase::AsnListElmt ListElmt;
+
+// Links p between pPrev and pNext, neighbours of each other; a null one is
+// an end of the list, whose first or last p becomes.
+ListElmt* LinkBetween(ListElmt* p, ListElmt* pPrev, ListElmt* pNext, ListElmt*& first, ListElmt*& last)
+{
+    p->prev = pPrev;
+    p->next = pNext;
+    (pPrev != nullptr ? pPrev->next : first) = p;
+    (pNext != nullptr ? pNext->prev : last) = p;
+    return p;
+}
+
+} // namespace
+
 AsnListBase::AsnListElmt* AsnListBase::NewNode()
 {
     AsnAllocBudget::Charge(sizeof(AsnListElmt));
@@ -120,50 +137,31 @@ AsnListBase::AsnListElmt* AsnListBase::NewNode()
     return p;
 }
 
+// Each insertion makes the new element the current one.
 AsnType* AsnListBase::AppendBase()
 {
-    AsnListElmt* p = NewNode();
-    p->prev = last;
-    if (last != nullptr) last->next = p;
-    last = p;
-    if (first == nullptr) first = p;
-    curr = p;
-    return p->elmt;
+    curr = LinkBetween(NewNode(), last, nullptr, first, last);
+    return curr->elmt;
 }
 
 AsnType* AsnListBase::PrependBase()
 {
-    AsnListElmt* p = NewNode();
-    p->next = first;
-    if (first != nullptr) first->prev = p;
-    first = p;
-    if (last == nullptr) last = p;
-    curr = p;
-    return p->elmt;
+    curr = LinkBetween(NewNode(), nullptr, first, first, last);
+    return curr->elmt;
 }
 
 AsnType* AsnListBase::InsertBeforeBase()
 {
-    if (curr == nullptr || curr == first) return PrependBase();
-    AsnListElmt* p = NewNode();
-    p->next = curr;
-    p->prev = curr->prev;
-    curr->prev->next = p;
-    curr->prev = p;
-    curr = p;
-    return p->elmt;
+    if (curr == nullptr) return PrependBase();
+    curr = LinkBetween(NewNode(), curr->prev, curr, first, last);
+    return curr->elmt;
 }
 
 AsnType* AsnListBase::InsertAfterBase()
 {
-    if (curr == nullptr || curr == last) return AppendBase();
-    AsnListElmt* p = NewNode();
-    p->prev = curr;
-    p->next = curr->next;
-    curr->next->prev = p;
-    curr->next = p;
-    curr = p;
-    return p->elmt;
+    if (curr == nullptr) return AppendBase();
+    curr = LinkBetween(NewNode(), curr, curr->next, first, last);
+    return curr->elmt;
 }
 
 void AsnListBase::SetCurrElmt(unsigned long i)
