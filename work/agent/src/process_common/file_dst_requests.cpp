@@ -20,15 +20,6 @@ void FillDstFailed(TRsp& rsp, int nRet, const TReq& req)
     rsp.routeSrcAgentId = static_cast<int>(g_nAgentId.load());
 }
 
-template <class TEnc, class TPlain>
-void CopyDstClearPart(const TEnc& enc, TPlain& plain)
-{
-    plain.workId = enc.workId;
-    plain.routeDstAgentId = enc.routeDstAgentId;
-    plain.routeSrcServerIp = enc.routeSrcServerIp;
-    plain.routeSrcServerId = enc.routeSrcServerId;
-}
-
 } // namespace
 
 // A known id is answered by silence; only an accepted create or delete is
@@ -81,14 +72,8 @@ void CProcessCommon::ReqFileDstDelete(ReqWorkFileDstDelete* pReq, int nAppend)
     m_mapDeletedWorkId[nWorkId] = static_cast<long>(g_timeNow);
 }
 
-void CProcessCommon::ReqFileDstCreateEnc(ReqWorkFileDstCreateEnc* pReq, int nAppend)
+void CProcessCommon::FillFromEncData(const ReqWorkFileDstCreateEncData& data, ReqWorkFileDstCreate& plain)
 {
-    ReqWorkFileDstCreateEncData data;
-    if (!m_sessionKeys.DecryptEncData("ReqFileDstCreateEnc", static_cast<unsigned int>(pReq->keySn.value),
-                                      pReq->encData, data))
-        return;
-    ReqWorkFileDstCreate plain;
-    CopyDstClearPart(*pReq, plain);
     plain.srcFile = data.srcFile;
     plain.dstPath = data.dstPath;
     plain.srcServerIp = data.srcServerIp;
@@ -96,17 +81,12 @@ void CProcessCommon::ReqFileDstCreateEnc(ReqWorkFileDstCreateEnc* pReq, int nApp
     plain.srcWorkId = data.srcWorkId;
     plain.flag = data.flag;
     plain.timeout = data.timeout;
-    ReqFileDstCreate(&plain, nAppend);
 }
 
-void CProcessCommon::ReqFileDstCreate2Enc(ReqWorkFileDstCreate2Enc* pReq, int nAppend)
+// The two lists of addresses are of different types: copied element by
+// element, which moves the current element of data's list.
+void CProcessCommon::FillFromEncData(ReqWorkFileDstCreate2EncData& data, ReqWorkFileDstCreate2& plain)
 {
-    ReqWorkFileDstCreate2EncData data;
-    if (!m_sessionKeys.DecryptEncData("ReqFileDstCreate2Enc", static_cast<unsigned int>(pReq->keySn.value),
-                                      pReq->encData, data))
-        return;
-    ReqWorkFileDstCreate2 plain;
-    CopyDstClearPart(*pReq, plain);
     plain.srcFile = data.srcFile;
     plain.dstPath = data.dstPath;
     data.srcServerIp.SetCurrToFirst();
@@ -121,19 +101,27 @@ void CProcessCommon::ReqFileDstCreate2Enc(ReqWorkFileDstCreate2Enc* pReq, int nA
     plain.modifyTime = data.modifyTime;
     plain.totalSizeHigh = data.totalSizeHigh;
     plain.totalSizeLow = data.totalSizeLow;
-    ReqFileDstCreate2(&plain, nAppend);
+}
+
+void CProcessCommon::FillFromEncData(const ReqWorkFileDstSetActionEncData& data, ReqWorkFileDstSetAction& plain)
+{
+    plain.action = data.action;
+}
+
+void CProcessCommon::ReqFileDstCreateEnc(ReqWorkFileDstCreateEnc* pReq, int nAppend)
+{
+    ServeEnc<ReqWorkFileDstCreateEncData>("ReqFileDstCreateEnc", pReq, nAppend, &CProcessCommon::ReqFileDstCreate);
+}
+
+void CProcessCommon::ReqFileDstCreate2Enc(ReqWorkFileDstCreate2Enc* pReq, int nAppend)
+{
+    ServeEnc<ReqWorkFileDstCreate2EncData>("ReqFileDstCreate2Enc", pReq, nAppend, &CProcessCommon::ReqFileDstCreate2);
 }
 
 void CProcessCommon::ReqFileDstSetActionEnc(ReqWorkFileDstSetActionEnc* pReq, int nAppend)
 {
-    ReqWorkFileDstSetActionEncData data;
-    if (!m_sessionKeys.DecryptEncData("ReqFileDstSetActionEnc", static_cast<unsigned int>(pReq->keySn.value),
-                                      pReq->encData, data))
-        return;
-    ReqWorkFileDstSetAction plain;
-    CopyDstClearPart(*pReq, plain);
-    plain.action = data.action;
-    ReqFileDstSetAction(&plain, nAppend);
+    ServeEnc<ReqWorkFileDstSetActionEncData>("ReqFileDstSetActionEnc", pReq, nAppend,
+                                             &CProcessCommon::ReqFileDstSetAction);
 }
 
 // The failure replies of the requests in hand.

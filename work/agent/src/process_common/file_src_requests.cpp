@@ -45,10 +45,7 @@ void CProcessCommon::ReqFileSrcCreateEnc(ReqWorkFileSrcCreateEnc* pReq, int nApp
     unsigned int nKeySn = static_cast<unsigned int>(pReq->keySn.value);
     if (!m_sessionKeys.DecryptEncData("ReqFileSrcCreateEnc", nKeySn, pReq->encData, data)) return;
     ReqWorkFileSrcCreate plain;
-    plain.workId = pReq->workId;
-    plain.routeDstAgentId = pReq->routeDstAgentId;
-    plain.routeSrcServerIp = pReq->routeSrcServerIp;
-    plain.routeSrcServerId = pReq->routeSrcServerId;
+    CopyClearPart(*pReq, plain);
     plain.srcFile = data.srcFile;
     plain.dstIp = data.dstIp;
     plain.flag = data.flag;
