@@ -22,30 +22,16 @@ void FillDstFailed(TRsp& rsp, int nRet, const TReq& req)
 
 } // namespace
 
-// A known id is answered by silence; only an accepted create or delete is
-// remembered, so that a refused one may be tried again.
 void CProcessCommon::ReqFileDstCreate(ReqWorkFileDstCreate* pReq, int nAppend)
 {
-    unsigned int nWorkId = static_cast<unsigned int>(pReq->workId.value);
-    if (m_mapCreatedWorkId.count(nWorkId) != 0) return;
-    int ret = m_fileTransClientManager.CreateTransClient(pReq, nAppend);
-    if (ret != 0) {
-        SendFileDstToServerCreateFailed(ret, *pReq, nAppend);
-        return;
-    }
-    m_mapCreatedWorkId[nWorkId] = static_cast<long>(g_timeNow);
+    ServeOnce(m_mapCreatedWorkId, pReq, nAppend, &CProcessCommon::SendFileDstToServerCreateFailed,
+              [&] { return m_fileTransClientManager.CreateTransClient(pReq, nAppend); });
 }
 
 void CProcessCommon::ReqFileDstCreate2(ReqWorkFileDstCreate2* pReq, int nAppend)
 {
-    unsigned int nWorkId = static_cast<unsigned int>(pReq->workId.value);
-    if (m_mapCreatedWorkId.count(nWorkId) != 0) return;
-    int ret = m_fileTransClientManager.CreateTransClient2(pReq, nAppend);
-    if (ret != 0) {
-        SendFileDstToServerCreate2Failed(ret, *pReq, nAppend);
-        return;
-    }
-    m_mapCreatedWorkId[nWorkId] = static_cast<long>(g_timeNow);
+    ServeOnce(m_mapCreatedWorkId, pReq, nAppend, &CProcessCommon::SendFileDstToServerCreate2Failed,
+              [&] { return m_fileTransClientManager.CreateTransClient2(pReq, nAppend); });
 }
 
 void CProcessCommon::ReqFileDstSetAction(ReqWorkFileDstSetAction* pReq, int nAppend)
@@ -62,14 +48,8 @@ void CProcessCommon::ReqFileDstQuery(ReqWorkFileDstQuery* pReq, int nAppend)
 
 void CProcessCommon::ReqFileDstDelete(ReqWorkFileDstDelete* pReq, int nAppend)
 {
-    unsigned int nWorkId = static_cast<unsigned int>(pReq->workId.value);
-    if (m_mapDeletedWorkId.count(nWorkId) != 0) return;
-    int ret = m_fileTransClientManager.DeleteWork(pReq, nAppend);
-    if (ret != 0) {
-        SendFileDstToServerDeleteFailed(ret, *pReq, nAppend);
-        return;
-    }
-    m_mapDeletedWorkId[nWorkId] = static_cast<long>(g_timeNow);
+    ServeOnce(m_mapDeletedWorkId, pReq, nAppend, &CProcessCommon::SendFileDstToServerDeleteFailed,
+              [&] { return m_fileTransClientManager.DeleteWork(pReq, nAppend); });
 }
 
 void CProcessCommon::FillFromEncData(const ReqWorkFileDstCreateEncData& data, ReqWorkFileDstCreate& plain)

@@ -16,6 +16,7 @@
 
 #include "asn_parse.h"
 #include "cmd_execute/cmd_execute.h"
+#include "common/agent_globals.h"
 #include "common/reply_route.h"
 #include "common/session_reply.h"
 #include "data_buffer.h"
@@ -99,6 +100,23 @@ private:
     void SendCmdToServerDeleteOk(unsigned int nWorkId, const ReplyRoute& route);
     void SendCmdToServerDeleteFailed(int nRet, unsigned int nWorkId, const ReplyRoute& route);
     void NotServedYet(Zik& body, int nAppend);
+
+    // A create or delete of a file work: a known id is answered by silence;
+    // fnServe is the manager's call, and only an accepted request is
+    // remembered, so that a refused one may be tried again.
+    template <class TReq, class FServe>
+    void ServeOnce(std::map<unsigned int, long>& mapHistory, TReq* pReq, int nAppend,
+                   void (CProcessCommon::*fnFailed)(int, const TReq&, int), FServe fnServe)
+    {
+        unsigned int nWorkId = static_cast<unsigned int>(pReq->workId.value);
+        if (mapHistory.count(nWorkId) != 0) return;
+        int ret = fnServe();
+        if (ret != 0) {
+            (this->*fnFailed)(ret, *pReq, nAppend);
+            return;
+        }
+        mapHistory[nWorkId] = static_cast<long>(g_timeNow);
+    }
 
     // File source requests (file_src_requests.cpp): a repeated create or
     // delete is answered by silence; the manager answers the rest itself.
