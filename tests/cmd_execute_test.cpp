@@ -347,9 +347,10 @@ TEST_F(CmdManagerTest, AUserThatBeginsWithADashNeverReachesSu)
     // su writes nothing to standard output: when it exits before the supervisor's
     // round, that pipe's bare hang-up ends the capture of both streams, so its
     // message may be lost.
-    if (!report.strErr.empty())
+    if (!report.strErr.empty()) {
         EXPECT_EQ(report.strErr,
                   "su: user -c does not exist or the user entry does not contain all the required fields\n");
+    }
     struct stat st;
     EXPECT_NE(stat(strMark.c_str(), &st), 0);  // nothing ran, as root or anyone
 }

@@ -35,5 +35,8 @@ private:
 
 std::ostream& operator<<(std::ostream& os, const MD5& md5);
 std::string md5(const std::string& strText);
+// The digest of what is left to read on the descriptor, read in 1 MiB
+// pieces: 0, or the errno of the read that failed (ENOMEM without a buffer).
+int Md5OfFd(int fd, std::string& strHex);
 
 } // namespace brel_lib

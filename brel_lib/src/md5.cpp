@@ -1,6 +1,9 @@
 #include "md5.h"
 
+#include <errno.h>
+#include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 namespace brel_lib {
 
@@ -197,5 +200,23 @@ std::string MD5::hexdigest() const
 std::ostream& operator<<(std::ostream& os, const MD5& md5) { return os << md5.hexdigest(); }
 
 std::string md5(const std::string& strText) { return MD5(strText).hexdigest(); }
+
+int Md5OfFd(int fd, std::string& strHex)
+{
+    const size_t READ_SIZE = 1048576;
+    char* pBuf = static_cast<char*>(malloc(READ_SIZE));
+    if (pBuf == nullptr) return ENOMEM;
+    MD5 digest;
+    ssize_t r = 0;
+    while ((r = read(fd, pBuf, READ_SIZE)) != 0) {
+        if (r < 0 && errno == EINTR) continue;
+        if (r < 0) break;
+        digest.update(pBuf, static_cast<unsigned int>(r));
+    }
+    int nErr = r < 0 ? errno : 0;
+    free(pBuf);
+    if (nErr == 0) strHex = digest.finalize().hexdigest();
+    return nErr;
+}
 
 } // namespace brel_lib

@@ -79,7 +79,7 @@ unsigned short AgentFileTransfer::Offer(unsigned int nWorkId, const std::string&
 
 void AgentFileDst::SendCreate(unsigned int nWorkId, const std::string& strSrcFile, const std::string& strDstPath,
                                    unsigned short nPort, unsigned int nSrcWorkId, int nFlag, int nAppend,
-                                   unsigned int nSrcIp)
+                                   unsigned int nSrcIp, int nTimeout)
 {
     ReqWorkFileDstCreate req;
     req.workId = static_cast<int>(nWorkId);
@@ -89,7 +89,7 @@ void AgentFileDst::SendCreate(unsigned int nWorkId, const std::string& strSrcFil
     req.srcServerPort = nPort;
     req.srcWorkId = static_cast<int>(nSrcWorkId);
     req.flag = nFlag;
-    req.timeout = 0;
+    req.timeout = nTimeout;
     req.routeSrcServerIp = 11;
     req.routeSrcServerId = 12;
     EXPECT_TRUE(Server().Send(req, nAppend));

@@ -26,7 +26,7 @@ protected:
     static unsigned int Loopback();
     void SendCreate(unsigned int nWorkId, const std::string& strSrcFile, const std::string& strDstPath,
                     unsigned short nPort, unsigned int nSrcWorkId, int nFlag = 0, int nAppend = 5,
-                    unsigned int nSrcIp = Loopback());
+                    unsigned int nSrcIp = Loopback(), int nTimeout = 0);
     void SendCreate2(unsigned int nWorkId, const std::string& strSrcFile, const std::string& strDstPath,
                      unsigned short nPort, unsigned int nSrcWorkId, int nFlag, unsigned long long lSize,
                      const std::vector<unsigned int>& vecIp, int nTimeout = 0);

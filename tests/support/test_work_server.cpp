@@ -6,9 +6,9 @@
 
 namespace agent_test {
 
-TestWorkServer::TestWorkServer(unsigned short nPort)
+TestWorkServer::TestWorkServer(unsigned short nPort, const std::string& strIp)
 {
-    if (m_listener.Listen("127.0.0.1", nPort) != 0) throw std::runtime_error("TestWorkServer: bind or listen failed");
+    if (m_listener.Listen(strIp, nPort) != 0) throw std::runtime_error("TestWorkServer: bind or listen failed");
     m_thread = std::thread([this] { Loop(); });
 }
 

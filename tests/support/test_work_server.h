@@ -9,6 +9,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -30,7 +31,8 @@ public:
         std::vector<unsigned char> bytes;
     };
 
-    explicit TestWorkServer(unsigned short nPort = 0);
+    // Listens on 127.0.0.1, or on the address given (a veth end of a test's own).
+    explicit TestWorkServer(unsigned short nPort = 0, const std::string& strIp = "127.0.0.1");
     ~TestWorkServer();
     TestWorkServer(const TestWorkServer&) = delete;
     TestWorkServer& operator=(const TestWorkServer&) = delete;

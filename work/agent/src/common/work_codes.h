@@ -49,4 +49,7 @@ enum {
     RET_DAEMON_DIR_DENIED = 340,   // the directory is missing or not writable for daemon
     RET_DAEMON_UNKNOWN = 341,
     RET_BLOCK_MD5_MISMATCH = 342,
+    // The opt-in whole-file check: the file isn't the one the create expected;
+    // the same meaning as the source's code for its file.
+    RET_DST_FILE_MD5_MISMATCH = RET_SRC_MD5_MISMATCH,
 };

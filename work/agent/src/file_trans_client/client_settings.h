@@ -25,6 +25,9 @@ extern std::atomic<int> g_nFinishSendResultDisSecondBeforeAutoDelete;
 // Opt-in: the destination file is opened with O_NOFOLLOW, so that a link
 // planted at its name is not followed.
 extern std::atomic<bool> g_bDstNoFollow;
+// Opt-in: a work whose create gave the whole file's MD5 compares it with the
+// file after the last block, and ends with 335 instead of 0 when they differ.
+extern std::atomic<bool> g_bCheckFileMd5;
 
 // The bits of a destination work's flag.
 enum {

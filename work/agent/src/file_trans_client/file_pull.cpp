@@ -1,6 +1,7 @@
 // The pull of a destination work: gets and look-ahead gets, and the handling
 // of each received block (position, digest, the write). All on the work's
 // write thread.
+#include <ctype.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <pwd.h>
@@ -38,6 +39,44 @@ int OpenDst(const std::string& strFile, int nOpenFlag, unsigned int nMode)
         fd = open(strFile.c_str(), nOpenFlag, nMode);
     } while (fd < 0 && errno == EINTR);
     return fd;
+}
+
+bool WholeFileCheckWanted(const FileTransClient& task) { return g_bCheckFileMd5 && !task.strFileMd5.empty(); }
+
+// Blocks are taken strictly in order, so a work that wrote the file from its
+// start digests it on the way and needs no second read at the end.
+void DigestWritten(FileTransClient& task, unsigned long long lBeginPos, const char* pContent, unsigned int nLength)
+{
+    if (lBeginPos == 0) {
+        task.md5Written = MD5();
+        task.bMd5Written = WholeFileCheckWanted(task);
+    }
+    if (task.bMd5Written) task.md5Written.update(pContent, nLength);
+}
+
+// The result of a work whose last block is written: 0, or 335 when the file
+// isn't the one its create expected. A work that didn't see every block
+// (it took over a pull, or the check was turned on midway) reads the file.
+int WholeFileResult(FileTransClient& task)
+{
+    if (!WholeFileCheckWanted(task)) return 0;
+    std::string strOurMd5;
+    if (task.bMd5Written) {
+        strOurMd5 = task.md5Written.finalize().hexdigest();
+    } else {
+        int fd = OpenDst(task.strDstFile, O_RDONLY | O_CLOEXEC | (g_bDstNoFollow ? O_NOFOLLOW : 0), 0);
+        int nErr = fd < 0 ? errno : Md5OfFd(fd, strOurMd5);
+        if (fd >= 0) close(fd);
+        if (nErr != 0) strOurMd5.clear();
+    }
+    std::string strExpected = task.strFileMd5;
+    for (char& c : strExpected) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    if (strOurMd5 == strExpected) return 0;
+    Log(LOG_LEVEL_WARNING,
+        "CFileWriteThread::RspFileAgentGet(file md5 is not equal, work id: %u, total size: %llu, expected md5: %s, "
+        "our calc md5: %s)",
+        task.nWorkId, task.nTotalSize, task.strFileMd5.c_str(), strOurMd5.c_str());
+    return RET_DST_FILE_MD5_MISMATCH;
 }
 
 } // namespace
@@ -286,6 +325,7 @@ void CFileWriteThread::RspFileAgentGet(RspWorkFileAgentGet* pPacket, unsigned in
     bool bGiveToDaemon =
         !bFileExist && (task.nFlag & FILE_DST_FLAG_FOR_DAEMON) && !(task.nFlag & FILE_DST_FLAG_CACHE);
     if (!WriteBlock(task, pContent, nLength, lBeginPos, nAccessBit, nOpenFlag, bGiveToDaemon)) return;
+    DigestWritten(task, lBeginPos, pContent, nLength);
     uint64_t lEnd = GetNowMilliSecond();
     if (lEnd > lBegin) {
         task.nStatDealMSecond += static_cast<unsigned int>(lEnd - lBegin);
@@ -300,7 +340,7 @@ void CFileWriteThread::RspFileAgentGet(RspWorkFileAgentGet* pPacket, unsigned in
         if (!(task.nFlag & FILE_DST_FLAG_QUIET))
             Log(LOG_LEVEL_INFO, "CFileWriteThread::RspFileAgentGet(the file is transport finish, work id: %u, total size: %llu)",
                 nWorkId, task.nTotalSize);
-        FinishWork(task, 0);
+        FinishWork(task, WholeFileResult(task));
         return;
     }
     ContinuePipeline(task);

@@ -33,6 +33,7 @@ std::atomic<bool> g_bEnableMd5Check{true};
 std::atomic<unsigned int> g_nPreGetPacketNum{3};
 std::atomic<int> g_nFinishSendResultDisSecondBeforeAutoDelete{300};
 std::atomic<bool> g_bDstNoFollow{false};
+std::atomic<bool> g_bCheckFileMd5{false};
 
 namespace {
 
@@ -155,6 +156,7 @@ void CFileTransClientManager::LoadCfg(bool bFirst)
         g_nFinishSendResultDisSecondBeforeAutoDelete =
             secondsOr("task_finish_send_result_dis_second_before_auto_delete", 300);
         g_bDstNoFollow = StringToInt(cfgFile.GetIni("file_trans_client_dst_no_follow", "")) != 0;
+        g_bCheckFileMd5 = StringToInt(cfgFile.GetIni("file_trans_client_check_file_md5", "")) != 0;
     }
     m_networkMultiClient.SetNetflowRecvSpeed(static_cast<unsigned int>(g_nMaxRecvSpeed.load()));
 }
@@ -268,7 +270,8 @@ CFileWriteThread* CFileTransClientManager::TakeNextThread(unsigned int nWorkId)
     return m_vecFileWriteThread[nThread];
 }
 
-int CFileTransClientManager::CreateTransClient(ReqWorkFileDstCreate* pPacket, int nAppend)
+int CFileTransClientManager::CreateTransClient(ReqWorkFileDstCreate* pPacket, int nAppend,
+                                               const std::string& strFileMd5)
 {
     unsigned int nWorkId = static_cast<unsigned int>(pPacket->workId.value);
     std::string strSrcFile = OctsText(pPacket->srcFile);
@@ -305,6 +308,7 @@ int CFileTransClientManager::CreateTransClient(ReqWorkFileDstCreate* pPacket, in
     pReq->m_nSrcWorkId = static_cast<unsigned int>(pPacket->srcWorkId.value);
     pReq->m_nFlag = nFlag;
     pReq->m_nTimeoutSecond = TimeoutOf(pPacket->timeout);
+    pReq->m_strFileMd5 = strFileMd5;
     pThread->AddReq(pReq);
     if (!(nFlag & FILE_DST_FLAG_QUIET))
         Log(LOG_LEVEL_INFO,
@@ -314,7 +318,8 @@ int CFileTransClientManager::CreateTransClient(ReqWorkFileDstCreate* pPacket, in
     return 0;
 }
 
-int CFileTransClientManager::CreateTransClient2(ReqWorkFileDstCreate2* pPacket, int nAppend)
+int CFileTransClientManager::CreateTransClient2(ReqWorkFileDstCreate2* pPacket, int nAppend,
+                                                const std::string& strFileMd5)
 {
     unsigned int nWorkId = static_cast<unsigned int>(pPacket->workId.value);
     std::string strSrcFile = OctsText(pPacket->srcFile);
@@ -412,6 +417,7 @@ int CFileTransClientManager::CreateTransClient2(ReqWorkFileDstCreate2* pPacket, 
     pReq->m_nFlag = bCache ? nFlag : (nFlag | FILE_DST_FLAG_FIRST_SRC_NAME);
     pReq->m_strFirstSrcFile = strFirstSrcFile;
     pReq->m_nTimeoutSecond = TimeoutOf(pPacket->timeout);
+    pReq->m_strFileMd5 = strFileMd5;
     if (pReq2 != nullptr) {
         pReq2->m_nFirstSrcAgentId = static_cast<unsigned int>(pPacket->firstSrcAgentId.value);
         pReq2->m_tFileModify = tFileModify;

@@ -31,8 +31,12 @@ public:
 
     // Session thread: 0 when the write thread will reply, or the ret code
     // that the session sends back itself.
-    int CreateTransClient(ReqWorkFileDstCreate* pPacket, int nAppend);
-    int CreateTransClient2(ReqWorkFileDstCreate2* pPacket, int nAppend);
+    // strFileMd5: the whole file's MD5 that the work is to end with, for the
+    // opt-in check; the server's create records carry none, so it is empty
+    // unless a caller in the agent knows it.
+    int CreateTransClient(ReqWorkFileDstCreate* pPacket, int nAppend, const std::string& strFileMd5 = std::string());
+    int CreateTransClient2(ReqWorkFileDstCreate2* pPacket, int nAppend,
+                           const std::string& strFileMd5 = std::string());
     int SetActionWork(ReqWorkFileDstSetAction* pPacket, int nAppend);
     int QueryWork(ReqWorkFileDstQuery* pPacket, int nAppend);
     int DeleteWork(ReqWorkFileDstDelete* pPacket, int nAppend);

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "md5.h"
+
 // Roles of a work in the sharing of one pull by a cache id.
 enum { FTC_TRANS_COMMON = 0, FTC_TRANS_MASTER = 1, FTC_TRANS_SLAVE = 2 };
 
@@ -56,6 +58,12 @@ struct FileTransClient {
     std::string strFirstSrcFile;
     time_t tFileModify = 0;
     unsigned long long lFileSize = 0;
+    // The opt-in whole-file check: the MD5 that the create expects, and the
+    // digest of the blocks as this work wrote them, kept only while it wrote
+    // the file from position 0 itself (a slave that took over reads the file).
+    std::string strFileMd5;
+    brel_lib::MD5 md5Written;
+    bool bMd5Written = false;
 };
 
 // A slave takes the progress of its master: status, pipeline, statistics,

@@ -45,6 +45,7 @@ public:
     unsigned int m_nFlag = 0;
     std::string m_strFirstSrcFile;
     int m_nTimeoutSecond = 0;
+    std::string m_strFileMd5;  // the whole file's expected MD5; empty for none
 };
 
 class CFileWriteReqCreate2 : public CFileWriteReqCreate {

@@ -197,6 +197,7 @@ FileTransClient& CFileWriteThread::MakeWork(const CFileWriteReqCreate& req)
     task.nRouteSrcServerIp = req.m_nRouteSrcServerIp;
     task.nRouteSrcServerId = req.m_nRouteSrcServerId;
     task.strFirstSrcFile = req.m_strFirstSrcFile;
+    task.strFileMd5 = req.m_strFileMd5;
     task.bIsFirstMaster = true;
     task.nNowAllGetNum = task.nNowInGetNum = g_nGetNumPerReq;
     task.nNowGetSize = g_nGetSizePerReq;

@@ -20,8 +20,6 @@ using namespace brel_lib;
 
 namespace {
 
-// The sum is read through a buffer of this size.
-const size_t MD5_READ_BUF_SIZE = 1048576;
 // Ports below the search's end belong to the system.
 const unsigned short LOWEST_PORT = 1025;
 
@@ -129,28 +127,17 @@ int CFileTransSvrManager::CheckFileMd5(const std::string& strSrcFile, time_t tFi
                 "CFileTransSvrManager::CreateTransSvr(open src file is error, work id: %u, errno: %d)", nWorkId, errno);
             return RET_SRC_FILE_UNREADABLE;
         }
-        char* pBuf = static_cast<char*>(malloc(MD5_READ_BUF_SIZE));
-        if (pBuf == nullptr) {
+        int nErr = Md5OfFd(fd, strRealMd5);
+        close(fd);
+        if (nErr == ENOMEM) {
             Log(LOG_LEVEL_WARNING, "CFileTransSvrManager::CreateTransSvr(malloc failed, we exit, size: 1M)");
             ExitProcess(1);
         }
-        MD5 md5;
-        ssize_t r = 0;
-        while ((r = read(fd, pBuf, MD5_READ_BUF_SIZE)) != 0) {
-            if (r < 0 && errno == EINTR) continue;
-            if (r < 0) break;
-            md5.update(pBuf, static_cast<unsigned int>(r));
-        }
-        int nErr = errno;
-        free(pBuf);
-        close(fd);
-        if (r < 0) {
+        if (nErr != 0) {
             Log(LOG_LEVEL_WARNING,
                 "CFileTransSvrManager::CreateTransSvr(read src file is error, work id: %u, errno: %d)", nWorkId, nErr);
             return RET_SRC_FILE_UNREADABLE;
         }
-        md5.finalize();
-        strRealMd5 = md5.hexdigest();
         FileMd5 entry;
         entry.timeModify = tFileModify;
         entry.timeLastUsed = g_timeNow;
