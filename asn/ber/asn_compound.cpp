@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <string>
 
-#include "asn_elmts.h"
+#include "asn_steps.h"
 
 // ---- SEQUENCE --------------------------------------------------------------------
 
@@ -12,15 +12,6 @@ namespace {
 bool FieldMatchesTag(const AsnField& field, AsnTag tag)
 {
     return field.pValue != nullptr ? field.pValue->MatchesTag(tag) : field.pPtr->TypeMatchesTag(tag);
-}
-
-// The SEQUENCE header that records and lists share: length and tag 30
-// written in front of the content, which is already written.
-AsnLen EncodeSequence(AsnBuf& b, AsnLen contentLen)
-{
-    AsnLen len = contentLen + BEncDefLen(b, contentLen);
-    b.PutByteRvs(TAG_SEQUENCE >> 24);
-    return len + 1;
 }
 
 // Reads the tag, which must be 30, and the length.
@@ -54,7 +45,7 @@ AsnLen AsnSeq::BEncContent(AsnBuf& b)
     return len;
 }
 
-AsnLen AsnSeq::BEnc(AsnBuf& b) { return EncodeSequence(b, BEncContent(b)); }
+AsnLen AsnSeq::BEnc(AsnBuf& b) { return BEncHeader(b, BEncContent(b), TAG_SEQUENCE >> 24); }
 
 void AsnSeq::BDec(AsnBuf& b, AsnLen& bytesDecoded)
 {
@@ -218,7 +209,7 @@ AsnLen AsnListBase::BEncContent(AsnBuf& b)
     return len;
 }
 
-AsnLen AsnListBase::BEnc(AsnBuf& b) { return EncodeSequence(b, BEncContent(b)); }
+AsnLen AsnListBase::BEnc(AsnBuf& b) { return BEncHeader(b, BEncContent(b), TAG_SEQUENCE >> 24); }
 
 void AsnListBase::BDec(AsnBuf& b, AsnLen& bytesDecoded)
 {

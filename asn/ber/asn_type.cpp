@@ -4,7 +4,7 @@
 #include <stdio.h>
 #include <string.h>
 
-#include "asn_elmts.h"
+#include "asn_steps.h"
 
 namespace {
 
@@ -107,13 +107,7 @@ AsnLen AsnInt::BEncContent(AsnBuf& b)
     return len;
 }
 
-AsnLen AsnInt::BEnc(AsnBuf& b)
-{
-    AsnLen len = BEncContent(b);
-    b.PutByteRvs(static_cast<unsigned char>(len));
-    b.PutByteRvs(INTEGER_TAG_CODE);
-    return len + 2;
-}
+AsnLen AsnInt::BEnc(AsnBuf& b) { return BEncHeader(b, BEncContent(b), INTEGER_TAG_CODE); }
 
 void AsnInt::BDecContent(AsnBuf& b, AsnTag, AsnLen elmtLen, AsnLen& bytesDecoded)
 {
@@ -183,13 +177,7 @@ AsnLen AsnOcts::BEncContent(AsnBuf& b)
     return octetLen;
 }
 
-AsnLen AsnOcts::BEnc(AsnBuf& b)
-{
-    AsnLen len = BEncContent(b);
-    len += BEncDefLen(b, len);
-    b.PutByteRvs(OCTETSTRING_TAG_CODE);
-    return len + 1;
-}
+AsnLen AsnOcts::BEnc(AsnBuf& b) { return BEncHeader(b, BEncContent(b), OCTETSTRING_TAG_CODE); }
 
 void AsnOcts::BDecContent(AsnBuf& b, AsnTag tag, AsnLen elmtLen, AsnLen& bytesDecoded)
 {
@@ -343,13 +331,7 @@ AsnLen AsnBits::BEncContent(AsnBuf& b)
     return n + 1;
 }
 
-AsnLen AsnBits::BEnc(AsnBuf& b)
-{
-    AsnLen len = BEncContent(b);
-    len += BEncDefLen(b, len);
-    b.PutByteRvs(BITSTRING_TAG_CODE);
-    return len + 1;
-}
+AsnLen AsnBits::BEnc(AsnBuf& b) { return BEncHeader(b, BEncContent(b), BITSTRING_TAG_CODE); }
 
 void AsnBits::BDecContent(AsnBuf& b, AsnTag tag, AsnLen elmtLen, AsnLen& bytesDecoded)
 {
