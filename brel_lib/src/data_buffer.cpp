@@ -1,6 +1,7 @@
 #include "data_buffer.h"
 
 #include <errno.h>
+#include <malloc.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
@@ -167,13 +168,18 @@ private:
         return pTrimmed;
     }
 
+    // The trimmed blocks came from the arenas of whichever threads pushed
+    // them; freed there, their pages would stay resident as those arenas' free
+    // space, so the heap is trimmed after them and the pages go to the system.
     static void FreeList(SpareNode* pNode)
     {
+        if (pNode == nullptr) return;
         while (pNode != nullptr) {
             SpareNode* pNext = pNode->pNext;
             free(pNode);
             pNode = pNext;
         }
+        malloc_trim(0);
     }
 
     CLock m_lock;  // guards everything below

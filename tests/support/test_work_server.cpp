@@ -124,6 +124,14 @@ std::vector<TestWorkServer::Received> TestWorkServer::Packets()
     return m_vecReceived;
 }
 
+std::vector<TestWorkServer::Received> TestWorkServer::Drain()
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    std::vector<Received> vecTaken;
+    vecTaken.swap(m_vecReceived);
+    return vecTaken;
+}
+
 int TestWorkServer::Connections()
 {
     std::lock_guard<std::mutex> lock(m_mutex);

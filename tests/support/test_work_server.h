@@ -46,6 +46,9 @@ public:
     bool WaitConnections(int n, int nTimeoutMs);
     int Count(int nChoiceId);
     std::vector<Received> Packets();
+    // Hands over the packets recorded so far and forgets them, so that a long
+    // run keeps neither their memory nor the cost of the waits that scan them.
+    std::vector<Received> Drain();
     int Connections();
     int64_t ConnectTimeMs(int nConnection);
 

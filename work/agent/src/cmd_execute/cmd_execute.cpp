@@ -256,6 +256,14 @@ unsigned int CCmdExecuteManager::GetNowWorkSize()
     return static_cast<unsigned int>(m_mapWorkNotBegin.size() + m_mapWorkRunning.size() + m_mapWorkFinish.size());
 }
 
+void CCmdExecuteManager::CountWorks(unsigned int nByStage[3])
+{
+    CAutoLock lock(m_lock);
+    nByStage[WORK_NOT_BEGIN] = static_cast<unsigned int>(m_mapWorkNotBegin.size());
+    nByStage[WORK_RUNNING] = static_cast<unsigned int>(m_mapWorkRunning.size());
+    nByStage[WORK_FINISHED] = static_cast<unsigned int>(m_mapWorkFinish.size());
+}
+
 void CCmdExecuteManager::FreeCommonWork(CommonWork* pWork)
 {
     FreePipeAndMemory(*pWork);

@@ -78,6 +78,8 @@ public:
     int DeleteWork(unsigned int& nFlag, unsigned int nWorkId);
     // Works in all three stages.
     unsigned int GetNowWorkSize();
+    // Works by stage: not begun, running, finished.
+    void CountWorks(unsigned int nByStage[3]);
 
     void Run() override;
 

@@ -1,6 +1,7 @@
 // The replies of the file destination to the server. Each answers for the
 // work in the thread's register (the m_nNow fields), except a successful
 // query, which carries the work's own route: it is also the unasked report.
+#include "common/agent_counters.h"
 #include "common/agent_globals.h"
 #include "common/work_codes.h"
 #include "file_trans_client/file_write_thread.h"
@@ -47,6 +48,7 @@ template void CFileWriteThread::SendToServerFile(ReqWorkFileAgentHeartbeat&);
     do {                                                                                                      \
         Log(nLevel, "CFileWriteThread::%s(ret: %d, work id: %u, append: %d)", Name, nRet, m_nNowWorkId,      \
             m_nNowAppend);                                                                                    \
+        CountRefusal(nRet);                                                                                   \
         Rsp rsp;                                                                                              \
         FillReply(rsp, nRet, m_nNowWorkId, m_nNowRouteSrcServerIp, m_nNowRouteSrcServerId);                   \
         SendToServerMain(rsp, m_nNowAppend);                                                                  \
@@ -89,6 +91,7 @@ void CFileWriteThread::SendFileDstToServerQueryFailed(int nRet)
 {
     Log(LOG_LEVEL_WARNING, "CFileWriteThread::SendFileDstToServerQueryFailed(ret: %d, work id: %u, append: %d)", nRet,
         m_nNowWorkId, m_nNowAppend);
+    CountRefusal(nRet);
     RspWorkFileDstQuery rsp;
     FillReply(rsp, nRet, m_nNowWorkId, m_nNowRouteSrcServerIp, m_nNowRouteSrcServerId);
     rsp.status = WORK_UNKNOWN;

@@ -256,6 +256,15 @@ int CFileTransClientManager::CheckNewWork(const char* szFunction, unsigned int n
     return 0;
 }
 
+void CFileTransClientManager::CountWorks(unsigned int nByStage[3], unsigned int& nQueued)
+{
+    nQueued = 0;
+    for (CFileWriteThread* pThread : m_vecFileWriteThread) {
+        pThread->CountWorks(nByStage);
+        nQueued += pThread->QueuedRequests();
+    }
+}
+
 CFileWriteThread* CFileTransClientManager::TakeNextThread(unsigned int nWorkId)
 {
     unsigned int nThread = m_nNowFileWriteThread;

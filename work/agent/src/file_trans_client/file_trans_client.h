@@ -53,6 +53,10 @@ public:
     void Lock() { m_lock.Lock(); }
     void UnLock() { m_lock.UnLock(); }
 
+    // Session thread, for the metrics: the works by stage and the requests
+    // waiting, over all write threads.
+    void CountWorks(unsigned int nByStage[3], unsigned int& nQueued);
+
     // Network thread of the connecting loop.
     void NetCallback(unsigned int nConnectId, brel_lib::BREL_NET_CALLBACK_TYPE nType, int fd);
 

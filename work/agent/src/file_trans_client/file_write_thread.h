@@ -7,6 +7,7 @@
 
 #include <time.h>
 
+#include <atomic>
 #include <list>
 #include <map>
 #include <string>
@@ -31,6 +32,10 @@ public:
 
     // Any thread: the thread owns the request from here on.
     void AddReq(CFileWriteReqBase* pReq);
+    // Any thread, for the metrics: adds the works by stage as of the thread's
+    // last pass, and returns the requests waiting.
+    void CountWorks(unsigned int nByStage[3]) const;
+    unsigned int QueuedRequests();
     void Run() override;
 
     // The steps of the requests, on the thread itself.
@@ -50,13 +55,19 @@ public:
     // The pull (file_pull.cpp).
     void ReqFileAgentGet(FileTransClient& task);
     void ReqFileAgentPreGet(FileTransClient& task);
-    void RspFileAgentGet(RspWorkFileAgentGet* pPacket, unsigned int nSpeed);
+    // strOurMd5: the content's digest where it was computed ahead, or empty.
+    void RspFileAgentGet(RspWorkFileAgentGet* pPacket, unsigned int nSpeed, const std::string& strOurMd5 = "");
 
     // The end of a work and the sweep (file_finish.cpp).
     void FinishWork(FileTransClient& task, int nRet);
     void DealReGetAndAutoDelete();
 
 private:
+    // Decodes the block of a data request, and frees it.
+    static void Decode(CFileWriteReqReceiveData* pReq);
+    // Decodes the data request and those waiting behind it, and sums the
+    // contents of the batch together.
+    void DigestAhead(CFileWriteReqReceiveData* pFirst);
     void SetNowFrom(const FileWriteReqRoute& req);
     void SetNowFrom(const FileTransClient& task);
     FileTransClient& MakeWork(const CFileWriteReqCreate& req);
@@ -72,6 +83,7 @@ private:
     void DealRunningWork(FileTransClient& task, time_t tNow);
     void LeaveMasterSlaveList(FileTransClient& task);
     void PrintWork(FILE* fp, const FileTransClient& task);
+    void PublishStages();
 
     // The replies to the server (file_dst_reply.cpp).
     void SendFileDstToServerCreateOk();
@@ -114,6 +126,9 @@ private:
     unsigned int m_nWorkFailedCount = 0;
     unsigned long long m_lAllGetSize = 0;
     time_t m_timeLastTaskEnd = 0;
+
+    // Written by the thread at the end of each pass, read by the metrics.
+    std::atomic<unsigned int> m_nWorksByStage[3] = {};
 };
 
 extern const char* const g_strFileTransClientInfo;

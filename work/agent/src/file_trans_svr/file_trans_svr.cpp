@@ -5,6 +5,7 @@
 #include <sys/epoll.h>
 #include <unistd.h>
 
+#include "common/agent_counters.h"
 #include "common/agent_clock.h"
 #include "common/agent_globals.h"
 #include "ethnet.h"
@@ -212,6 +213,7 @@ void CFileTransSvrManager::Run()
             CleanMd5Map();
         }
         DealIdleListener();
+        m_nWorkCount.store(static_cast<unsigned int>(m_mapWork.size()), std::memory_order_relaxed);
     }
     close(epfd);
     m_tServerLastRunning = 0;
@@ -386,6 +388,7 @@ void CFileTransSvrManager::SendFileSrcToServerCreateFailed(int ret)
 {
     Log(LOG_LEVEL_WARNING, "CFileTransSvrManager::SendFileSrcToServerCreateFailed(ret: %d, work id: %u, append: %d)",
         ret, m_nNowWorkId, m_nNowAppend);
+    CountRefusal(ret);
     RspWorkFileSrcCreate rsp;
     FillFileSrcCreate(rsp, m_nNowWorkId, NowRoute(), ret, 0, 0);
     SendToServerMain(rsp);
@@ -405,6 +408,7 @@ void CFileTransSvrManager::SendFileSrcToServerCreate2Failed(int ret)
 {
     Log(LOG_LEVEL_WARNING, "CFileTransSvrManager::SendFileSrcToServerCreate2Failed(ret: %d, work id: %u, append: %d)",
         ret, m_nNowWorkId, m_nNowAppend);
+    CountRefusal(ret);
     RspWorkFileSrcCreate2 rsp;
     FillFileSrcCreate2(rsp, m_nNowWorkId, NowRoute(), ret, std::vector<unsigned int>(), 0, 0, 0);
     SendToServerMain(rsp);
@@ -423,6 +427,7 @@ void CFileTransSvrManager::SendFileSrcToServerDeleteFailed(int ret)
 {
     Log(LOG_LEVEL_WARNING, "CFileTransSvrManager::SendFileSrcToServerDeleteFailed(ret: %d, work id: %u, append: %d)",
         ret, m_nNowWorkId, m_nNowAppend);
+    CountRefusal(ret);
     RspWorkFileSrcDelete rsp;
     FillFileSrcDelete(rsp, m_nNowWorkId, NowRoute(), ret);
     SendToServerMain(rsp);

@@ -75,6 +75,8 @@ public:
     void NetCallback(unsigned int nConnectId, brel_lib::BREL_NET_CALLBACK_TYPE type, int nSockFd);
     // Any thread: the manager owns the object from here on.
     void AddReq(CFileSvrReqBase* pReq);
+    // Any thread, for the metrics: the works as of the manager's last pass.
+    unsigned int WorkCount() const { return m_nWorkCount.load(std::memory_order_relaxed); }
 
     void Run() override;
 
@@ -169,6 +171,8 @@ private:
     // Written by other threads.
     std::atomic<time_t> m_tServerLastRunning{0};  // 0 while the listener is closed
     std::atomic<bool> m_bLoadCfg{false};
+    // Written at the end of each of the manager's passes.
+    std::atomic<unsigned int> m_nWorkCount{0};
 };
 
 // Registered with the listening loop; the context is the manager.

@@ -1,6 +1,7 @@
 // The session's side of the file destination: the server's requests for
 // destination works, plain and encrypted, and the failure replies for what
 // the manager refused; the write threads send every other reply.
+#include "common/agent_counters.h"
 #include "common/agent_globals.h"
 #include "common/work_codes.h"
 #include "process_common/process_common.h"
@@ -110,6 +111,7 @@ void CProcessCommon::SendFileDstFailed(const char* szFunction, int nRet, const T
 {
     Log(bExpected ? LOG_LEVEL_DEBUG : LOG_LEVEL_WARNING, "CProcessCommon::%s(ret: %d, work id: %u, append: %d)",
         szFunction, nRet, static_cast<unsigned int>(req.workId.value), nAppend);
+    CountRefusal(nRet);
     TRsp rsp;
     FillDstFailed(rsp, nRet, req);
     SendToServer(rsp, nAppend);

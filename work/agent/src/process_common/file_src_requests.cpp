@@ -1,6 +1,7 @@
 // The session's side of the file source: the requests of the server that
 // create and delete source works, plain and encrypted, and the failure
 // replies for what the manager refused before queueing.
+#include "common/agent_counters.h"
 #include "common/agent_globals.h"
 #include "process_common/process_common.h"
 
@@ -52,6 +53,7 @@ void CProcessCommon::SendFileSrcToServerCreateFailed(int nRet, const ReqWorkFile
 {
     Log(LOG_LEVEL_WARNING, "CProcessCommon::SendFileSrcToServerCreateFailed(ret: %d, work id: %u, append: %d)", nRet,
         static_cast<unsigned int>(req.workId.value), nAppend);
+    CountRefusal(nRet);
     RspWorkFileSrcCreate rsp;
     FillFileSrcCreate(rsp, static_cast<unsigned int>(req.workId.value), RouteOf(req, nAppend), nRet, 0, 0);
     SendToServer(rsp, nAppend);
@@ -61,6 +63,7 @@ void CProcessCommon::SendFileSrcToServerCreate2Failed(int nRet, const ReqWorkFil
 {
     Log(LOG_LEVEL_WARNING, "CProcessCommon::SendFileSrcToServerCreate2Failed(ret: %d, work id: %u, append: %d)", nRet,
         static_cast<unsigned int>(req.workId.value), nAppend);
+    CountRefusal(nRet);
     RspWorkFileSrcCreate2 rsp;
     FillFileSrcCreate2(rsp, static_cast<unsigned int>(req.workId.value), RouteOf(req, nAppend), nRet,
                        std::vector<unsigned int>(), 0, 0, 0);
@@ -71,6 +74,7 @@ void CProcessCommon::SendFileSrcToServerDeleteFailed(int nRet, const ReqWorkFile
 {
     Log(LOG_LEVEL_WARNING, "CProcessCommon::SendFileSrcToServerDeleteFailed(ret: %d, work id: %u, append: %d)", nRet,
         static_cast<unsigned int>(req.workId.value), nAppend);
+    CountRefusal(nRet);
     RspWorkFileSrcDelete rsp;
     FillFileSrcDelete(rsp, static_cast<unsigned int>(req.workId.value), RouteOf(req, nAppend), nRet);
     SendToServer(rsp, nAppend);

@@ -1,8 +1,10 @@
 #include "process_common/process_common.h"
 
+#include <malloc.h>
 #include <stdlib.h>
 
 #include "common/agent_clock.h"
+#include "common/agent_counters.h"
 #include "common/agent_globals.h"
 #include "common/work_codes.h"
 #include "file_trans_cache/file_trans_cache.h"
@@ -172,6 +174,8 @@ void CProcessCommon::LoadCfg()
         m_strRestartShell = strRestart.empty() ? "../tools/op/restart.sh" : strRestart;
     }
     m_sessionKeys.LoadCfg(ini);
+    m_metrics.Configure(ini.GetIni("prometheus_textfile_path", ""),
+                        StringToInt(ini.GetIni("prometheus_textfile_interval_second", "")));
 }
 
 std::string CProcessCommon::RestartShell()
@@ -183,6 +187,7 @@ std::string CProcessCommon::RestartShell()
 void CProcessCommon::NetConnected(BREL_NET_CALLBACK_TYPE type)
 {
     if (type != BREL_CONNECT_OK) return;
+    g_agentCounters.lLinkConnects.fetch_add(1, std::memory_order_relaxed);
     m_timePreSendHeartbeat = AgentTime() - m_nHeartbeatSecond + 2;
 }
 
@@ -241,10 +246,30 @@ void CProcessCommon::DealTimers(int& nGetNewWsLeft)
     PullBack(m_timePreSweepHistory, tNow);
     if (tNow - m_timePreSweepHistory > HISTORY_SWEEP_SECOND) {
         m_timePreSweepHistory = tNow;
+        size_t nBefore = m_mapCreatedWorkId.size() + m_mapDeletedWorkId.size();
         SweepHistory(m_mapCreatedWorkId, tNow);
         SweepHistory(m_mapDeletedWorkId, tNow);
+        // The maps hold every id of a sweep period, so a burst of requests leaves
+        // thousands of freed nodes: give their pages back rather than keep the peak.
+        if (m_mapCreatedWorkId.size() + m_mapDeletedWorkId.size() < nBefore) malloc_trim(0);
     }
     g_fileTransCache.DealAutoDelete(tNow);
+    if (m_metrics.Due(tNow)) WriteMetrics(tNow);
+}
+
+void CProcessCommon::WriteMetrics(time_t tNow)
+{
+    MetricsSnapshot s;
+    m_taskManager.CountWorks(s.nCmdWorks);
+    s.nFileSrcWorks = m_fileTransSvrManager.WorkCount();
+    m_fileTransClientManager.CountWorks(s.nFileDstWorks, s.nFileWriteQueue);
+    s.lFileBytesSent = g_lWorkTransmitSize.load(std::memory_order_relaxed);
+    s.lFileBytesReceived = g_agentCounters.lFileBytesReceived.load(std::memory_order_relaxed);
+    s.lLinkConnects = g_agentCounters.lLinkConnects.load(std::memory_order_relaxed);
+    s.lRefusedRequests = g_agentCounters.lRefusedRequests.load(std::memory_order_relaxed);
+    s.nServerRecvQueue = m_revDataBuffer.GetDataNum();
+    s.nServerSendQueue = m_sendDataBuffer.GetDataNum();
+    m_metrics.Write(FormatMetrics(s), tNow);
 }
 
 void CProcessCommon::SweepHistory(std::map<unsigned int, long>& mapHistory, time_t tNow)
@@ -375,6 +400,7 @@ void CProcessCommon::SendCmdReply(const char* szFunction, bool bOk, int nRet, un
     } else {
         Log(LOG_LEVEL_WARNING, "CProcessCommon::%s(ret: %d, work id: %u, append: %d)", szFunction, nRet, nWorkId,
             route.nAppend);
+        CountRefusal(nRet);
     }
     rsp.ret = nRet;
     rsp.workId = static_cast<int>(nWorkId);

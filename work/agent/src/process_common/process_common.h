@@ -23,6 +23,7 @@
 #include "file_trans_client/file_trans_client.h"
 #include "file_trans_svr/file_trans_svr.h"
 #include "network/network_client.h"
+#include "process_common/metrics_textfile.h"
 #include "process_common/session_keys.h"
 #include "thread.h"
 #include "zik_pkt.h"
@@ -158,6 +159,8 @@ private:
     void ReqExit();
     void SendExitNotice();
     void DealAutoAdjustAsnBufSize();
+    // The metrics textfile: one reading of the counters and the tables, written.
+    void WriteMetrics(time_t tNow);
 
     // Session keys and the encrypted requests.
     void ReqUpdateSessionKey();
@@ -244,6 +247,7 @@ private:
     std::map<unsigned int, long> m_mapCreatedWorkId;
     std::map<unsigned int, long> m_mapDeletedWorkId;
     CSessionKeys m_sessionKeys;  // its settings are written by the main thread
+    CMetricsTextfile m_metrics;  // its settings are written by the main thread
 };
 
 // Registered with the link: passes a successful connect to the session.
