@@ -23,7 +23,6 @@ namespace {
 
 const unsigned int WRITE_THREAD_STACK_SIZE = 0x100000;
 const unsigned int PACKET_BUF_MIN_SIZE = 1024;
-const unsigned int REQ_WAIT_MILLISECOND = 50;
 const time_t SWEEP_SECOND = 5;
 // Blocks waiting in the queue are summed together, up to this many blocks
 // and about this many bytes: the digests of a batch are computed side by side.
@@ -100,11 +99,17 @@ void CFileWriteThread::AddReq(CFileWriteReqBase* pReq)
     Log(LOG_LEVEL_LOWEST, "CFileWriteThread::AddReq(req deq size: %u, thread id: %d)", m_deqReq.size(), m_nThreadId);
 }
 
+void CFileWriteThread::WakeUp() { m_dataEventReq.SetEvent(); }
+
 void CFileWriteThread::Run()
 {
     time_t timePreTestNeedReGetAndAutoDelete = g_timeNow;
+    WatchAgentClock(this);
     while (m_nContinueRun) {
-        if (m_dataEventReq.WaitForSingleObject(REQ_WAIT_MILLISECOND) == 1) {
+        // A request, a stop or a moved clock wakes the wait; the sweep of the works is its only deadline.
+        int nWait = m_mapWork.empty() ? DEADLINE_WAIT_MAX_MILLISECOND
+                                      : MilliSecondsUntilAgentTime(timePreTestNeedReGetAndAutoDelete + SWEEP_SECOND);
+        if (m_dataEventReq.WaitForSingleObject(static_cast<unsigned int>(nWait)) == 1) {
             while (m_nContinueRun) {
                 CFileWriteReqBase* pReq = nullptr;
                 unsigned int nLeft = 0;
@@ -129,6 +134,7 @@ void CFileWriteThread::Run()
         }
         PublishStages();
     }
+    UnwatchAgentClock(this);
     for (auto& item : m_mapWork)
         if (item.second.nConnectId != 0) m_networkMultiClient.CloseClient(item.second.nConnectId);
     m_mapWork.clear();

@@ -37,6 +37,8 @@ public:
     void CountWorks(unsigned int nByStage[3]) const;
     unsigned int QueuedRequests();
     void Run() override;
+    // Any thread: the thread looks at its flag and its deadline now.
+    void WakeUp() override;
 
     // The steps of the requests, on the thread itself.
     void CreateTransClient(CFileWriteReqCreate* pReq);

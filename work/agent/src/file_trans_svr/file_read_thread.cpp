@@ -31,7 +31,8 @@ const unsigned int PACKET_BUF_MIN_SIZE = 525312;
 // An idle thread gives its large buffers back after this many seconds.
 const time_t IDLE_RELEASE_SECOND = 29;
 // Waits of the loop: idle, and while a connection waits for its peer.
-const unsigned int IDLE_WAIT_MILLISECOND = 50;
+// What an idle thread keeps of its packet buffer.
+const unsigned int IDLE_PACKET_BUF_SIZE = 10;
 const unsigned int PEER_WAIT_MILLISECOND = 5;
 // Requests taken from the queue in one pass.
 const int TAKE_MAX = 500;
@@ -123,7 +124,8 @@ size_t CFileReadThread::HeldRequests() { return m_nHeld; }
 void CFileReadThread::Run()
 {
     m_tLastWork = g_timeNow;
-    unsigned int nWait = IDLE_WAIT_MILLISECOND;
+    unsigned int nWait = 0;
+    WatchAgentClock(this);
     while (m_nContinueRun != 0) {
         TakeRequests(nWait);
         if (ServeConnects()) {
@@ -132,10 +134,22 @@ void CFileReadThread::Run()
         } else if (!m_deqTurn.empty()) {
             nWait = PEER_WAIT_MILLISECOND;
         } else {
-            nWait = IDLE_WAIT_MILLISECOND;
             ReleaseIdleBuffers();
+            nWait = IdleWait();
         }
     }
+    UnwatchAgentClock(this);
+}
+
+void CFileReadThread::WakeUp() { m_deqReq.WakeTaker(); }
+
+unsigned int CFileReadThread::IdleWait() const
+{
+    // A request or a stop wakes the wait; the only deadline is the release of the buffers.
+    bool bHolding = m_packetBuf.Size() != IDLE_PACKET_BUF_SIZE || m_nReadFileBufSize != 0;
+    int nWait = bHolding ? MilliSecondsUntilAgentTime(m_tLastWork + IDLE_RELEASE_SECOND + 1)
+                         : DEADLINE_WAIT_MAX_MILLISECOND;
+    return nWait > 0 ? static_cast<unsigned int>(nWait) : PEER_WAIT_MILLISECOND;
 }
 
 void CFileReadThread::TakeRequests(unsigned int nWaitMilliSecond)
@@ -157,7 +171,7 @@ void CFileReadThread::ReleaseIdleBuffers()
     PullBack(m_tLastWork, tNow);
     if (tNow - m_tLastWork <= IDLE_RELEASE_SECOND) return;
     m_tLastWork = tNow;
-    if (m_packetBuf.Size() != 10 && !m_packetBuf.Allocate(10)) {
+    if (m_packetBuf.Size() != IDLE_PACKET_BUF_SIZE && !m_packetBuf.Allocate(IDLE_PACKET_BUF_SIZE)) {
         Log(LOG_LEVEL_ERROR, "CFileReadThread::Run(malloc packet buf is error, we exit)");
         ExitProcess(1);
     }

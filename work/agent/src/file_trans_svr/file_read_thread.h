@@ -101,6 +101,8 @@ public:
     void AddReq(CFileReadThreadReqBase* pReq);
 
     void Run() override;
+    // Any thread: the thread looks at its flag and its deadline now.
+    void WakeUp() override;
 
     // Steps of a request, on the thread itself.
     bool ReqFileAgentGet(CFileReadThreadReqRead* pReq);
@@ -143,6 +145,9 @@ private:
     brel_lib::CNetworkMultiBase* m_pNetwork;  // CloseClient may be called from any thread
     // Request pointers from the manager; nothing else travels here.
     brel_lib::CDataBufferSTLDeque m_deqReq;
+
+    // The wait of an idle pass: until the buffers are to be released, if held.
+    unsigned int IdleWait() const;
 
     // The thread's own.
     brel_lib::CPacketBuffer m_packetBuf;

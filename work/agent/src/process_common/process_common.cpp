@@ -19,7 +19,8 @@ namespace {
 
 const unsigned int PACKET_BUF_SIZE = 524288;
 // Consumers of the receive buffer wait this long, so the timers run between packets.
-const unsigned int REV_WAIT_MILLISECOND = 100;
+// The wait after a pass that found a timer still due: never a busy loop.
+const unsigned int DUE_WAIT_MILLISECOND = 100;
 // The history is swept after more than this many seconds.
 const time_t HISTORY_SWEEP_SECOND = 179;
 // A history map beyond this size loses its lowest work ids first.
@@ -146,6 +147,7 @@ void CProcessCommon::ReloadCfg()
 {
     Log(LOG_LEVEL_INFO, "CProcessCommon::ReloadCfg");
     LoadCfg();
+    WakeUp();  // the periods may have changed
     m_taskManager.ReloadCfg();
     m_fileTransSvrManager.ReloadCfg();
     m_fileTransClientManager.ReloadCfg();
@@ -189,6 +191,7 @@ void CProcessCommon::NetConnected(BREL_NET_CALLBACK_TYPE type)
     if (type != BREL_CONNECT_OK) return;
     g_agentCounters.lLinkConnects.fetch_add(1, std::memory_order_relaxed);
     m_timePreSendHeartbeat = AgentTime() - m_nHeartbeatSecond + 2;
+    WakeUp();  // the session thread waits for the old schedule
 }
 
 // ---- the loop ----------------------------------------------------------------------
@@ -197,24 +200,46 @@ void CProcessCommon::Run()
 {
     int nGetNewWsLeft = GET_NEW_WS_TIMES;
     time_t tNow = AgentTime();
-    g_timeNow = tNow;
     m_timePreAdjustBuf = m_timePreSweepHistory = m_timePreRespondHeartbeat = tNow;
+    WatchAgentClock(this);
     while (m_nContinueRun != 0) {
         DealTimers(nGetNewWsLeft);
+        // A packet, a stop, a new schedule or a moved clock wakes the wait; otherwise
+        // it lasts until the next timer comes due.
+        int nWait = MilliSecondsUntilAgentTime(NextTimer());
         unsigned int nLength = 0;
-        char* pData = static_cast<char*>(m_revDataBuffer.GetFrontAndPop(nLength, REV_WAIT_MILLISECOND));
+        char* pData = static_cast<char*>(
+            m_revDataBuffer.GetFrontAndPop(nLength, nWait > 0 ? static_cast<unsigned int>(nWait) : DUE_WAIT_MILLISECOND));
         if (pData != nullptr) {
             DealReq(pData, nLength);
             CDataBufferSTLDeque::FreePopData(pData);
         }
     }
+    UnwatchAgentClock(this);
     SendExitNotice();
+}
+
+void CProcessCommon::WakeUp() { m_revDataBuffer.WakeTaker(); }
+
+time_t CProcessCommon::NextTimer()
+{
+    time_t tNext = m_timePreSendHeartbeat + m_nHeartbeatSecond;
+    auto earlier = [&tNext](time_t t) {
+        if (t < tNext) tNext = t;
+    };
+    earlier(m_timePreRespondHeartbeat + m_nServerHeartbeatRespondSecond);
+    earlier(m_timePreAdjustBuf + m_nAsnBufferAutoAdjustSecond);
+    earlier(m_timePreSweepHistory + HISTORY_SWEEP_SECOND + 1);
+    earlier(m_sessionKeys.NextUpdateTime(m_bHeartbeat));
+    earlier(g_fileTransCache.NextAutoDelete());
+    time_t tMetrics = m_metrics.NextDueAt(AgentTime());
+    if (tMetrics != 0) earlier(tMetrics);  // 0: no metrics file
+    return tNext;
 }
 
 void CProcessCommon::DealTimers(int& nGetNewWsLeft)
 {
     time_t tNow = AgentTime();
-    g_timeNow = tNow;
     time_t tPreSend = m_timePreSendHeartbeat;
     if (tPreSend > tNow) m_timePreSendHeartbeat.compare_exchange_strong(tPreSend, tNow);
     PullBack(m_timePreRespondHeartbeat, tNow);

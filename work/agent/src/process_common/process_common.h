@@ -55,6 +55,8 @@ public:
     void NetConnected(brel_lib::BREL_NET_CALLBACK_TYPE type);
 
     void Run() override;
+    // Any thread: the session looks at its flag and its timers now.
+    void WakeUp() override;
 
 private:
     // Every handler gets the request and the append of its envelope.
@@ -149,6 +151,8 @@ private:
 
     // Timers of one pass, and the history sweep.
     void DealTimers(int& nGetNewWsLeft);
+    // The time the next timer of DealTimers comes due.
+    time_t NextTimer();
     void SweepHistory(std::map<unsigned int, long>& mapHistory, time_t tNow);
 
     // Heartbeat, agent info, exit notice and buffer shrink.
