@@ -28,29 +28,6 @@ const size_t HISTORY_MAX_ENTRIES = 1000;
 // Requests for a new server go out with the first heartbeats only.
 const int GET_NEW_WS_TIMES = 2;
 
-// The clear part of an encrypted request, the same in every form: the work id
-// and the route. The rest of the plain record comes from the EncData record.
-template <class TEnc, class TPlain>
-void CopyClearPart(const TEnc& enc, TPlain& plain)
-{
-    plain.workId = enc.workId;
-    plain.routeDstAgentId = enc.routeDstAgentId;
-    plain.routeSrcServerIp = enc.routeSrcServerIp;
-    plain.routeSrcServerId = enc.routeSrcServerId;
-}
-
-// The secret fields of the encrypted command requests, into the plain record.
-void FillFromEncData(const ReqWorkCmdCreateEncData& data, ReqWorkCmdCreate& plain)
-{
-    plain.flag = data.flag;
-    plain.timeout = data.timeout;
-    plain.bufSize = data.bufSize;
-    plain.execUser = data.execUser;
-    plain.cmd = data.cmd;
-}
-
-void FillFromEncData(const ReqWorkCmdSetActionEncData& data, ReqWorkCmdSetAction& plain) { plain.action = data.action; }
-
 } // namespace
 
 void GNetConnected(unsigned int, BREL_NET_CALLBACK_TYPE type, void* pAppend, int)
@@ -550,30 +527,28 @@ void CProcessCommon::DealRspSessionKey(RspSessionKey* pRsp, int)
     if (m_sessionKeys.DealResponse(*pRsp, used)) SendToServer(used, 0);
 }
 
-// The plain form of an encrypted command request is rebuilt from the clear part
-// (work id and route) and the decrypted EncData record, and served as a plain
-// request from there on. A request whose key is unknown gets no answer.
-template <class TData, class TEnc, class TPlain>
-void CProcessCommon::ServeCmdEnc(const char* szHandler, TEnc* pReq, int nAppend,
-                                 void (CProcessCommon::*fnServe)(TPlain*, int))
+void CProcessCommon::FillFromEncData(const ReqWorkCmdCreateEncData& data, ReqWorkCmdCreate& plain)
 {
-    TData data;
-    unsigned int nKeySn = static_cast<unsigned int>(pReq->keySn.value);
-    if (!m_sessionKeys.DecryptEncData(szHandler, nKeySn, pReq->encData, data)) return;
-    TPlain plain;
-    CopyClearPart(*pReq, plain);
-    FillFromEncData(data, plain);
-    (this->*fnServe)(&plain, nAppend);
+    plain.flag = data.flag;
+    plain.timeout = data.timeout;
+    plain.bufSize = data.bufSize;
+    plain.execUser = data.execUser;
+    plain.cmd = data.cmd;
+}
+
+void CProcessCommon::FillFromEncData(const ReqWorkCmdSetActionEncData& data, ReqWorkCmdSetAction& plain)
+{
+    plain.action = data.action;
 }
 
 void CProcessCommon::ReqCmdCreateEnc(ReqWorkCmdCreateEnc* pReq, int nAppend)
 {
-    ServeCmdEnc<ReqWorkCmdCreateEncData>("ReqCmdCreateEnc", pReq, nAppend, &CProcessCommon::ReqCmdCreate);
+    ServeEnc<ReqWorkCmdCreateEncData>("ReqCmdCreateEnc", pReq, nAppend, &CProcessCommon::ReqCmdCreate);
 }
 
 void CProcessCommon::ReqCmdSetActionEnc(ReqWorkCmdSetActionEnc* pReq, int nAppend)
 {
-    ServeCmdEnc<ReqWorkCmdSetActionEncData>("ReqCmdSetActionEnc", pReq, nAppend, &CProcessCommon::ReqCmdSetAction);
+    ServeEnc<ReqWorkCmdSetActionEncData>("ReqCmdSetActionEnc", pReq, nAppend, &CProcessCommon::ReqCmdSetAction);
 }
 
 // ---- heartbeat, agent info, exit notice ---------------------------------------------
