@@ -1,10 +1,8 @@
 // Command works through a real agent: the time from the start request to the
 // unasked result for `true`, beside a bare fork, exec and waitpid of
 // /bin/sh -c true taken in turn with it, so that both see the same load of a
-// shared machine; then the idle footprint of the connected agent.
-// BENCH_WORKS sets the number of works (200), BENCH_IDLE_SECONDS the idle
-// measurement (60), BENCH_KILL_TREE the agent's task_kill_process_tree.
-#include <dirent.h>
+// shared machine. BENCH_WORKS sets the number of works (200), BENCH_KILL_TREE
+// the agent's task_kill_process_tree. The idle footprint is idle_bench's.
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -13,8 +11,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <fstream>
-#include <sstream>
 #include <vector>
 
 #include "install_tree.h"
@@ -57,46 +53,6 @@ double BareForkExec()
     return NowUs() - t0;
 }
 
-// CPU ticks, context switches of all threads, resident KiB.
-struct Usage {
-    long long lTicks = 0;
-    long long lSwitches = 0;
-    long long lRssKiB = 0;
-};
-
-Usage Sample(pid_t pid)
-{
-    Usage u;
-    std::string strStat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
-    size_t nPos = strStat.rfind(')');
-    std::istringstream in(strStat.substr(nPos + 2));
-    std::string strField;
-    for (int i = 3; i <= 15 && in >> strField; ++i) {
-        if (i == 14 || i == 15) u.lTicks += atoll(strField.c_str());
-    }
-    std::string strTasks = "/proc/" + std::to_string(pid) + "/task";
-    DIR* pDir = opendir(strTasks.c_str());
-    while (pDir != nullptr) {
-        dirent* pEntry = readdir(pDir);
-        if (pEntry == nullptr) break;
-        if (pEntry->d_name[0] == '.') continue;
-        std::istringstream status(ReadFile(strTasks + "/" + pEntry->d_name + "/status"));
-        std::string strLine;
-        while (std::getline(status, strLine)) {
-            if (strLine.find("ctxt_switches:") != std::string::npos) {
-                u.lSwitches += atoll(strLine.substr(strLine.find(':') + 1).c_str());
-            }
-        }
-    }
-    if (pDir != nullptr) closedir(pDir);
-    std::istringstream status(ReadFile("/proc/" + std::to_string(pid) + "/status"));
-    std::string strLine;
-    while (std::getline(status, strLine)) {
-        if (strLine.rfind("VmRSS:", 0) == 0) u.lRssKiB = atoll(strLine.substr(6).c_str());
-    }
-    return u;
-}
-
 } // namespace
 
 int main()
@@ -107,7 +63,6 @@ int main()
         return 0;
     }
     const int nWorks = EnvInt("BENCH_WORKS", 200);
-    const int nIdleSeconds = EnvInt("BENCH_IDLE_SECONDS", 60);
     TestWorkServer server;
     server.SetAnswerHeartbeats(true);
     InstallTree tree;
@@ -151,16 +106,6 @@ int main()
            dAgentMedian, "fork+exec+waitpid, median", dBareMedian, dAgentMedian / dBareMedian);
     printf("%-44s %10.0f us     | %-28s %10.0f us     | ratio %.2f\n", "start to result of `true`, mean", dAgentMean,
            "fork+exec+waitpid, mean", dBareMean, dAgentMean / dBareMean);
-    fflush(stdout);
-
-    sleep(2);
-    Usage before = Sample(pid);
-    sleep(static_cast<unsigned int>(nIdleSeconds));
-    Usage after = Sample(pid);
-    double dTickMs = 1000.0 / static_cast<double>(sysconf(_SC_CLK_TCK));
-    printf("idle agent over %ds: cpu %.2f ms/s, wake-ups %.1f /s, resident %lld KiB\n", nIdleSeconds,
-           static_cast<double>(after.lTicks - before.lTicks) * dTickMs / nIdleSeconds,
-           static_cast<double>(after.lSwitches - before.lSwitches) / nIdleSeconds, after.lRssKiB);
     kill(pid, SIGINT);
     tree.WaitExit(pid, 5000);
     return 0;

@@ -194,6 +194,28 @@ TEST(DataBuffer, BlockingTakeTimesOutAndWakesAcrossThreads)
     producer.join();
 }
 
+// A consumer waiting for its next deadline is woken for its flags: at once when
+// asked before it waits, in the wait otherwise, and with a block if one is there.
+TEST(DataBuffer, WakeTakerEndsTheNextWaitOnce)
+{
+    CDataBufferSTLDeque buf(true, 0);
+    buf.WakeTaker();
+    EXPECT_EQ(TakeString(buf, 3600 * 1000), "<null>");
+    std::thread waker([&] {
+        Sleep(30);
+        buf.WakeTaker();
+    });
+    EXPECT_EQ(TakeString(buf, 3600 * 1000), "<null>");
+    waker.join();
+    buf.Push("kept", 4, BREL_DATA_NORMAL_PRI);
+    buf.WakeTaker();
+    EXPECT_EQ(TakeString(buf, 3600 * 1000), "kept");
+    EXPECT_EQ(TakeString(buf, 3600 * 1000), "<null>");  // the wake-up waited for this take
+    uint64_t lStart = GetNowMilliSecond();
+    EXPECT_EQ(TakeString(buf, 60), "<null>");
+    EXPECT_GE(GetNowMilliSecond() - lStart, 55u);  // and was spent
+}
+
 // Three takers wait without end; pushing three blocks "x" must wake each of them.
 void ExpectEveryWaitingTakerWoken(CDataBufferSTLDeque& buf, const std::function<void(int)>& pushX)
 {

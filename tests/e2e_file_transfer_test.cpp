@@ -131,3 +131,24 @@ TEST_F(FileTransferTest, ASparseFileBeyondFourGiBArrivesByteIdentical)
 }
 
 } // namespace
+
+// After a transfer both agents run every thread they have: the source's
+// listener and read threads, the destination's loop and write threads. Idle,
+// each waits for events until a deadline mostly a minute away (ten seconds for
+// the loops, the heartbeat's five for the session), so only a stop that wakes
+// every thread ends both agents in a few seconds, under any load.
+TEST_F(FileTransferTest, BothAgentsStopAtOnceWithEveryThreadRunning)
+{
+    std::string strSrc = SrcTree().Path("src_stop");
+    WriteFile(strSrc, Pattern(BLOCK + 1, 9));
+    ASSERT_EQ(Transfer(900, strSrc, Tree().Path("dst_stop")), 0);
+    SleepMs(1000);  // every thread back in its wait
+    int64_t lBegin = SteadyMs();
+    kill(m_nDstPid, SIGINT);
+    kill(m_nSrcPid, SIGINT);
+    EXPECT_EQ(Tree().WaitExit(m_nDstPid, 60000), 0);
+    EXPECT_EQ(SrcTree().WaitExit(m_nSrcPid, 60000), 0);
+    EXPECT_LT(SteadyMs() - lBegin, 4000) << "a thread waited for its deadline instead of being woken";
+    EXPECT_NE(Tree().ReadLog().find("we end"), std::string::npos);
+    EXPECT_NE(SrcTree().ReadLog().find("we end"), std::string::npos);
+}

@@ -46,6 +46,12 @@ TEST_F(AgentMetrics, FileFollowsCommandAndRefusal)
     query.workId = 8;
     ASSERT_TRUE(Server().Send(query, 3));
     EXPECT_TRUE(WaitLine("zik_agent_refused_requests_total 1")) << ReadFile(m_strPath);
+
+    // With nothing on the link the file is still written at its interval: the
+    // session's wait ends at the write's deadline. Each write renames a new file.
+    ASSERT_EQ(stat(m_strPath.c_str(), &st), 0);
+    ino_t nInode = st.st_ino;
+    EXPECT_TRUE(WaitUntil([&] { return stat(m_strPath.c_str(), &st) == 0 && st.st_ino != nInode; }, 10000));
     Stop(pid);
 }
 

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "file_peer.h"
+#include "md5.h"
 #include "server_crypto.h"
 #include "session_harness.h"
 
@@ -205,6 +206,29 @@ TEST_F(FileDstSession, ADirectoryMadeOnRequestWith0x2000)
     ASSERT_EQ(CreateRet(10), 0);
     EXPECT_EQ(StartAndServeWhole(10, "abc"), 0);
     EXPECT_EQ(ReadFile(strDst), "abc");
+}
+
+// Blocks that wait in the queue together are summed together: each keeps its
+// own digest, and the bad one in the middle ends the work after the first.
+TEST_F(FileDstSession, BlocksSummedTogetherKeepTheirOwnDigests)
+{
+    Begin();
+    std::string strDst = S().Path("batch");
+    SendCreate(12, strDst);
+    ASSERT_EQ(CreateRet(12), 0);
+    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(12)), 0);
+    ReqWorkFileAgentGet get;
+    ASSERT_TRUE(WaitGet(get));
+    std::string strA(100, 'a'), strB(100, 'b'), strC(100, 'c');
+    std::string strWrong = brel_lib::md5(strC);
+    Answer(12, 0, strA, 300);
+    EXPECT_TRUE(AnswerGet(m_source, 12, 100, strB, 300, &strWrong));
+    Answer(12, 200, strC, 300);
+    RspWorkFileDstQuery result;
+    ASSERT_TRUE(Result(12, result));
+    EXPECT_EQ(result.ret.value, 342);
+    EXPECT_EQ(result.okSizeLow.value, 100);
+    EXPECT_EQ(ReadFile(strDst), strA);
 }
 
 TEST_F(FileDstSession, ASourceFailureBecomesTheWorksResult)
@@ -553,6 +577,8 @@ TEST_F(FileDstSession, OnlyAResponseRestoresTheReconnectsAndTheirEndIs317)
         EXPECT_EQ(get.beginPosLow.value, 1000) << "the work goes on where it stood";
     }
     Answer(130, 1000, strBlock, 3000);
+    // The response counts once it is taken: the link may not drop before that.
+    ASSERT_TRUE(WaitUntil([&] { return ReadFile(S().Path("reconnected")).size() == 2000; }, 5000));
     for (int i = 0; i < 2; ++i) {
         lose();
         ASSERT_TRUE(GetOn(++nConnection, get)) << "the response gave the allowance back";

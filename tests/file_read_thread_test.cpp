@@ -100,6 +100,8 @@ protected:
         m_thread.AddReq(pReq);
     }
 
+    unsigned long long StalledBytes(const std::string& strPath, int nBlock, int nNum, int nStalledFd, int nLiveFd);
+
     // The next answer; false when none comes within the time.
     bool Next(Answer& out, int nTimeoutMs = 3000)
     {
@@ -319,31 +321,40 @@ TEST_F(ReadThreadTest, DigestsCanBeSwitchedOff)
     EXPECT_EQ(a.strMd5, "");
 }
 
-TEST_F(ReadThreadTest, APeerThatTakesNothingWaitsWhileOthersAreServed)
+// Connection 1 (stalled, takes nothing) asks for nNum blocks of the file, connection 2
+// for two after it; returns what the stalled one got once connection 2 was served and
+// nothing more came.
+unsigned long long ReadThreadTest::StalledBytes(const std::string& strPath, int nBlock, int nNum, int nStalledFd,
+                                                int nLiveFd)
 {
-    std::string strPath = File("big", Pattern(64 << 20));
-    const int nStalledFd = 1000, nLiveFd = 1001;
     SetTaken(nStalledFd, 0);
     SetTaken(nLiveFd, 0);
-    // The stalled peer asks for all of it; the other for 1 MiB after it.
-    Get(strPath, 0, 512 * 1024, 128, 1, false, nStalledFd);
-    Get(strPath, 0, 512 * 1024, 2, 2, false, nLiveFd);
+    Get(strPath, 0, nBlock, nNum, 1, false, nStalledFd);
+    Get(strPath, 0, nBlock, 2, 2, false, nLiveFd);
     // Bounds far above what a loaded sanitized run needs: they only end a failing one.
     unsigned long long lStalledBytes = 0;
     int nLive = 0;
     int64_t lDeadline = agent_test::SteadyMs() + 60000;
-    while ((nLive < 2 || lStalledBytes < CFileReadThread::CONNECT_QUEUE_MAX) && agent_test::SteadyMs() < lDeadline) {
+    while (nLive < 2 && agent_test::SteadyMs() < lDeadline) {
         Answer a;
         if (!Next(a, 100)) continue;
         if (a.nConnectId == 1) lStalledBytes += a.strContent.size();
         if (a.nConnectId == 2) ++nLive;
     }
     EXPECT_EQ(nLive, 2);
-    // The stalled connection stopped at its bound, one block beyond at most.
     Answer more;
     while (Next(more, 1000)) {
         if (more.nConnectId == 1) lStalledBytes += more.strContent.size();
     }
+    return lStalledBytes;
+}
+
+TEST_F(ReadThreadTest, APeerThatTakesNothingWaitsWhileOthersAreServed)
+{
+    std::string strPath = File("big", Pattern(64 << 20));
+    const int nStalledFd = 1000, nLiveFd = 1001;
+    // The stalled connection stopped at its bound, one block beyond at most.
+    unsigned long long lStalledBytes = StalledBytes(strPath, 512 * 1024, 128, nStalledFd, nLiveFd);
     EXPECT_GE(lStalledBytes, CFileReadThread::CONNECT_QUEUE_MAX - 512 * 1024);
     EXPECT_LE(lStalledBytes, CFileReadThread::CONNECT_QUEUE_MAX + 512 * 1024);
     EXPECT_EQ(m_thread.HeldRequests(), 1u);
@@ -360,6 +371,18 @@ TEST_F(ReadThreadTest, APeerThatTakesNothingWaitsWhileOthersAreServed)
     EXPECT_EQ(m_thread.HeldRequests(), 0u);
 }
 
+
+TEST_F(ReadThreadTest, LargeBlocksQueueNoMoreThanTheCeiling)
+{
+    // A peer asking for 16 MiB blocks and not reading them: eight of them
+    // would be 128 MiB; the ceiling stops it at 64 MiB and the block in hand.
+    std::string strPath = File("holes", "");
+    ASSERT_EQ(truncate(strPath.c_str(), 256LL << 20), 0);
+    const int nBlock = 16 << 20;
+    unsigned long long lStalledBytes = StalledBytes(strPath, nBlock, 16, 1002, 1003);
+    EXPECT_GE(lStalledBytes, CFileReadThread::CONNECT_QUEUE_CEILING);
+    EXPECT_LE(lStalledBytes, CFileReadThread::CONNECT_QUEUE_CEILING + nBlock);
+}
 TEST_F(ReadThreadTest, AConnectionWithTooManyWaitingRequestsIsForgotten)
 {
     std::string strPath = File("big", Pattern(16 << 20));

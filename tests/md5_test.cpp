@@ -40,6 +40,35 @@ TEST(Md5, SplitUpdatesGiveTheSameDigest)
     }
 }
 
+// Batches of buffers digested side by side give each buffer's own digest:
+// lengths that end inside a chunk, on its edge, and shorter than one, groups
+// wider than the lanes, and the same buffer twice; in the wide form of 8
+// lanes where the processor has one, and in the narrow form of 4.
+TEST(Md5, BatchOfBuffersGivesEachOnesDigest)
+{
+    std::string strData;
+    for (int i = 0; i < 300000; ++i) strData += static_cast<char>((i * 2654435761u) >> 13);
+    const unsigned int anLength[] = {100000, 100000, 64, 0, 65, 99999, 63, 1, 128, 100000, 4096 + 7, 300000};
+    for (size_t nCount : {size_t(1), size_t(2), size_t(4), size_t(5), size_t(8), size_t(9), size_t(12)}) {
+        std::vector<const unsigned char*> vecData;
+        std::vector<unsigned int> vecLength;
+        for (size_t i = 0; i < nCount; ++i) {
+            // Buffers 0 and 1 are the same bytes; the others start apart.
+            size_t nStart = i == 1 ? 0 : i * 17;
+            unsigned int nLength = std::min<unsigned int>(anLength[i], static_cast<unsigned int>(strData.size() - nStart));
+            vecData.push_back(reinterpret_cast<const unsigned char*>(strData.data()) + nStart);
+            vecLength.push_back(nLength);
+        }
+        for (int nLanesMax : {8, 4}) {
+            std::vector<std::string> vecHex(nCount);
+            MD5::HexDigests(vecData.data(), vecLength.data(), nCount, vecHex.data(), nLanesMax);
+            for (size_t i = 0; i < nCount; ++i)
+                EXPECT_EQ(vecHex[i], Digest(std::string(reinterpret_cast<const char*>(vecData[i]), vecLength[i])))
+                    << "count " << nCount << ", buffer " << i << ", lanes " << nLanesMax;
+        }
+    }
+}
+
 TEST(Md5, FinalizeOnceAndHexBeforeIsEmpty)
 {
     MD5 md5;

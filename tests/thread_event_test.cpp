@@ -55,6 +55,50 @@ TEST(Thread, RunEndingByItselfLooksIdleAndCanStartAgain)
     EXPECT_EQ(thread.m_nRuns, 2);
 }
 
+// A thread that waits an hour unless woken, as an idle loop waits for a far deadline.
+class WaitingThread : public CThread {
+public:
+    ~WaitingThread() override { Stop(); }
+    void Run() override
+    {
+        while (m_nContinueRun) {
+            WaitWakeUp(3600 * 1000);
+            ++m_nWakeUps;
+        }
+    }
+    std::atomic<int> m_nWakeUps{0};
+};
+
+// A wake-up that comes before the wait is kept for it, and a stop wakes the
+// wait: with a lost wake-up either step would hang for the hour.
+TEST(Thread, WakeUpIsKeptForTheNextWaitAndAStopWakesIt)
+{
+    WaitingThread thread;
+    thread.WakeUp();  // before the thread runs at all
+    ASSERT_EQ(thread.Start(), 0);
+    for (int i = 0; i < 1000 && thread.m_nWakeUps == 0; ++i) Sleep(5);
+    EXPECT_EQ(thread.m_nWakeUps, 1);
+    EXPECT_EQ(thread.Stop(), 0);
+    EXPECT_EQ(thread.m_nWakeUps, 2);
+}
+
+TEST(Thread, MilliSecondsUntilADeadlineOfWholeSeconds)
+{
+    struct Case {
+        time_t tDeadline;
+        long long lNowMs;
+        int nMax, nWait;
+    } cases[] = {
+        {100, 99250, 60000, 750},   // the rest of the second before
+        {100, 100000, 60000, 0},    // due now
+        {100, 100400, 60000, 0},    // past
+        {200, 99000, 60000, 60000}, // far: the longest wait
+        {103, 100999, 60000, 2001},
+        {static_cast<time_t>(1) << 62, 100000, 60000, 60000},  // never: no overflow to "due"
+    };
+    for (const Case& c : cases) EXPECT_EQ(MilliSecondsUntil(c.tDeadline, c.lNowMs, c.nMax), c.nWait) << c.lNowMs;
+}
+
 TEST(Event, SignalClearAndPoll)
 {
     CEvent event;

@@ -4,6 +4,7 @@ set -euo pipefail
 PACKAGES=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libssl-dev openssl util-linux passwd mount
   pkg-config libtasn1-6-dev
   faketime iproute2  # the end-to-end tests and the soak (tools/soak.sh): a clock moved or sped up for the real agent, a rate limit on a namespace's link
+  rsync  # the file transfer benchmark measures rsync in daemon mode beside the agents
   dpkg-dev file systemd)  # for the Debian packages: their dependencies (dpkg-shlibdeps, file) and unit check (systemd-analyze)
 missing=()
 for p in "${PACKAGES[@]}"; do

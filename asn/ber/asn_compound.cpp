@@ -1,9 +1,9 @@
 #include "asn_compound.h"
 
-#include <stdio.h>
-
 #include <algorithm>
 #include <string>
+
+#include "asn_steps.h"
 
 // ---- SEQUENCE --------------------------------------------------------------------
 
@@ -12,15 +12,6 @@ namespace {
 bool FieldMatchesTag(const AsnField& field, AsnTag tag)
 {
     return field.pValue != nullptr ? field.pValue->MatchesTag(tag) : field.pPtr->TypeMatchesTag(tag);
-}
-
-// The SEQUENCE header that records and lists share: length and tag 30
-// written in front of the content, which is already written.
-AsnLen EncodeSequence(AsnBuf& b, AsnLen contentLen)
-{
-    AsnLen len = contentLen + BEncDefLen(b, contentLen);
-    b.PutByteRvs(TAG_SEQUENCE >> 24);
-    return len + 1;
 }
 
 // Reads the tag, which must be 30, and the length.
@@ -54,7 +45,7 @@ AsnLen AsnSeq::BEncContent(AsnBuf& b)
     return len;
 }
 
-AsnLen AsnSeq::BEnc(AsnBuf& b) { return EncodeSequence(b, BEncContent(b)); }
+AsnLen AsnSeq::BEnc(AsnBuf& b) { return BEncHeader(b, BEncContent(b), TAG_SEQUENCE >> 24); }
 
 void AsnSeq::BDec(AsnBuf& b, AsnLen& bytesDecoded)
 {
@@ -110,6 +101,23 @@ void AsnSeq::Print(std::ostream& os) const
 
 // ---- SEQUENCE OF -----------------------------------------------------------------
 
+namespace {
+
+typedef AsnListBase::AsnListElmt ListElmt;
+
+// Links p between pPrev and pNext, neighbours of each other; a null one is
+// an end of the list, whose first or last p becomes.
+ListElmt* LinkBetween(ListElmt* p, ListElmt* pPrev, ListElmt* pNext, ListElmt*& first, ListElmt*& last)
+{
+    p->prev = pPrev;
+    p->next = pNext;
+    (pPrev != nullptr ? pPrev->next : first) = p;
+    (pNext != nullptr ? pNext->prev : last) = p;
+    return p;
+}
+
+} // namespace
+
 AsnListBase::AsnListElmt* AsnListBase::NewNode()
 {
     AsnAllocBudget::Charge(sizeof(AsnListElmt));
@@ -120,50 +128,31 @@ AsnListBase::AsnListElmt* AsnListBase::NewNode()
     return p;
 }
 
+// Each insertion makes the new element the current one.
 AsnType* AsnListBase::AppendBase()
 {
-    AsnListElmt* p = NewNode();
-    p->prev = last;
-    if (last != nullptr) last->next = p;
-    last = p;
-    if (first == nullptr) first = p;
-    curr = p;
-    return p->elmt;
+    curr = LinkBetween(NewNode(), last, nullptr, first, last);
+    return curr->elmt;
 }
 
 AsnType* AsnListBase::PrependBase()
 {
-    AsnListElmt* p = NewNode();
-    p->next = first;
-    if (first != nullptr) first->prev = p;
-    first = p;
-    if (last == nullptr) last = p;
-    curr = p;
-    return p->elmt;
+    curr = LinkBetween(NewNode(), nullptr, first, first, last);
+    return curr->elmt;
 }
 
 AsnType* AsnListBase::InsertBeforeBase()
 {
-    if (curr == nullptr || curr == first) return PrependBase();
-    AsnListElmt* p = NewNode();
-    p->next = curr;
-    p->prev = curr->prev;
-    curr->prev->next = p;
-    curr->prev = p;
-    curr = p;
-    return p->elmt;
+    if (curr == nullptr) return PrependBase();
+    curr = LinkBetween(NewNode(), curr->prev, curr, first, last);
+    return curr->elmt;
 }
 
 AsnType* AsnListBase::InsertAfterBase()
 {
-    if (curr == nullptr || curr == last) return AppendBase();
-    AsnListElmt* p = NewNode();
-    p->prev = curr;
-    p->next = curr->next;
-    curr->next->prev = p;
-    curr->next = p;
-    curr = p;
-    return p->elmt;
+    if (curr == nullptr) return AppendBase();
+    curr = LinkBetween(NewNode(), curr, curr->next, first, last);
+    return curr->elmt;
 }
 
 void AsnListBase::SetCurrElmt(unsigned long i)
@@ -220,7 +209,7 @@ AsnLen AsnListBase::BEncContent(AsnBuf& b)
     return len;
 }
 
-AsnLen AsnListBase::BEnc(AsnBuf& b) { return EncodeSequence(b, BEncContent(b)); }
+AsnLen AsnListBase::BEnc(AsnBuf& b) { return BEncHeader(b, BEncContent(b), TAG_SEQUENCE >> 24); }
 
 void AsnListBase::BDec(AsnBuf& b, AsnLen& bytesDecoded)
 {
@@ -230,22 +219,13 @@ void AsnListBase::BDec(AsnBuf& b, AsnLen& bytesDecoded)
 
 void AsnListBase::BDecContent(AsnBuf& b, AsnTag, AsnLen elmtLen, AsnLen& bytesDecoded)
 {
-    AsnLen listBytesDecoded = 0;
-    while (elmtLen == INDEFINITE_LEN || listBytesDecoded < elmtLen) {
-        AsnTag tag = BDecTag(b, listBytesDecoded);
-        if (tag == 0 && elmtLen == INDEFINITE_LEN) {
-            unsigned char c = b.GetByte();
-            if (c != 0 || b.ReadError()) fprintf(stderr, "Warning - second octet of EOC not zero\n");
-            ++listBytesDecoded;
-            break;
-        }
+    bytesDecoded += BDecElmts(b, elmtLen, [&](AsnTag tag, AsnLen& listBytesDecoded) {
         if (!ElmtMatchesTag(tag)) AsnDecodeFail("Unexpected Tag", -104);
         AsnLen itemLen = BDecLen(b, listBytesDecoded);
         // Linked before its content is decoded, so a failure leaves nothing unowned.
         AsnType* pElmt = AppendBase();
         pElmt->BDecContent(b, tag, itemLen, listBytesDecoded);
-    }
-    bytesDecoded += listBytesDecoded;
+    });
 }
 
 void AsnListBase::Print(std::ostream& os) const

@@ -4,6 +4,8 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "asn_steps.h"
+
 namespace {
 
 const char numToHexCharTblG[] = "0123456789abcdef";
@@ -105,13 +107,7 @@ AsnLen AsnInt::BEncContent(AsnBuf& b)
     return len;
 }
 
-AsnLen AsnInt::BEnc(AsnBuf& b)
-{
-    AsnLen len = BEncContent(b);
-    b.PutByteRvs(static_cast<unsigned char>(len));
-    b.PutByteRvs(INTEGER_TAG_CODE);
-    return len + 2;
-}
+AsnLen AsnInt::BEnc(AsnBuf& b) { return BEncHeader(b, BEncContent(b), INTEGER_TAG_CODE); }
 
 void AsnInt::BDecContent(AsnBuf& b, AsnTag, AsnLen elmtLen, AsnLen& bytesDecoded)
 {
@@ -181,13 +177,7 @@ AsnLen AsnOcts::BEncContent(AsnBuf& b)
     return octetLen;
 }
 
-AsnLen AsnOcts::BEnc(AsnBuf& b)
-{
-    AsnLen len = BEncContent(b);
-    len += BEncDefLen(b, len);
-    b.PutByteRvs(OCTETSTRING_TAG_CODE);
-    return len + 1;
-}
+AsnLen AsnOcts::BEnc(AsnBuf& b) { return BEncHeader(b, BEncContent(b), OCTETSTRING_TAG_CODE); }
 
 void AsnOcts::BDecContent(AsnBuf& b, AsnTag tag, AsnLen elmtLen, AsnLen& bytesDecoded)
 {
@@ -215,15 +205,7 @@ void FillOctetStringStk(AsnBuf& b, AsnLen elmtLen, AsnLen& bytesDecoded, int nDe
     if (nDepth > MAX_CONS_STRING_DEPTH) {
         AsnDecodeFail("BDecConsOctetString: ERROR - constructed OCTET STRING nested too deep", -17);
     }
-    AsnLen totalElmtsLen = 0;
-    while (elmtLen == INDEFINITE_LEN || totalElmtsLen < elmtLen) {
-        AsnTag tag = BDecTag(b, totalElmtsLen);
-        if (tag == 0 && elmtLen == INDEFINITE_LEN) {
-            unsigned char c = b.GetByte();
-            if (c != 0 || b.ReadError()) fprintf(stderr, "Warning - second octet of EOC not zero\n");
-            ++totalElmtsLen;
-            break;
-        }
+    bytesDecoded += BDecElmts(b, elmtLen, [&](AsnTag tag, AsnLen& totalElmtsLen) {
         AsnLen innerLen = BDecLen(b, totalElmtsLen);
         if (tag == TAG_OCTETSTRING) {
             if (innerLen > b.Remaining()) {
@@ -238,8 +220,7 @@ void FillOctetStringStk(AsnBuf& b, AsnLen elmtLen, AsnLen& bytesDecoded, int nDe
             AsnDecodeFail(
                 "BDecConsOctetString: ERROR - decoded non-OCTET STRING tag inside a constructed OCTET STRING", -16);
         }
-    }
-    bytesDecoded += totalElmtsLen;
+    });
 }
 
 } // namespace
@@ -350,13 +331,7 @@ AsnLen AsnBits::BEncContent(AsnBuf& b)
     return n + 1;
 }
 
-AsnLen AsnBits::BEnc(AsnBuf& b)
-{
-    AsnLen len = BEncContent(b);
-    len += BEncDefLen(b, len);
-    b.PutByteRvs(BITSTRING_TAG_CODE);
-    return len + 1;
-}
+AsnLen AsnBits::BEnc(AsnBuf& b) { return BEncHeader(b, BEncContent(b), BITSTRING_TAG_CODE); }
 
 void AsnBits::BDecContent(AsnBuf& b, AsnTag tag, AsnLen elmtLen, AsnLen& bytesDecoded)
 {
@@ -383,15 +358,7 @@ void FillBitStringStk(AsnBuf& b, AsnLen elmtLen, AsnLen& bytesDecoded, unsigned 
     if (nDepth > MAX_CONS_STRING_DEPTH) {
         AsnDecodeFail("BDecConsBitString: ERROR - constructed BIT STRING nested too deep", -5);
     }
-    AsnLen totalElmtsLen = 0;
-    while (elmtLen == INDEFINITE_LEN || totalElmtsLen < elmtLen) {
-        AsnTag tag = BDecTag(b, totalElmtsLen);
-        if (tag == 0 && elmtLen == INDEFINITE_LEN) {
-            unsigned char c = b.GetByte();
-            if (c != 0 || b.ReadError()) fprintf(stderr, "Warning - second octet of EOC not zero\n");
-            ++totalElmtsLen;
-            break;
-        }
+    bytesDecoded += BDecElmts(b, elmtLen, [&](AsnTag tag, AsnLen& totalElmtsLen) {
         AsnLen innerLen = BDecLen(b, totalElmtsLen);
         if (tag == TAG_BITSTRING) {
             if (cLastUnused != 0) {
@@ -411,8 +378,7 @@ void FillBitStringStk(AsnBuf& b, AsnLen elmtLen, AsnLen& bytesDecoded, unsigned 
         } else {
             AsnDecodeFail("BDecConsBitString: ERROR - decoded non-BIT STRING tag inside a constructed BIT STRING", -4);
         }
-    }
-    bytesDecoded += totalElmtsLen;
+    });
 }
 
 } // namespace

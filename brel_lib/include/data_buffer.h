@@ -71,6 +71,11 @@ public:
     void* GetFrontAndPop2(unsigned int& nSize, int& nAppend, unsigned int nTimeoutMilliSecond);
     void* GetFrontAndPop3(unsigned int& nSize, unsigned int& nSpeed, int& nAppend, unsigned int nTimeoutMilliSecond);
 
+    // Any thread: the next (or the current) blocking take returns at once, with a
+    // block if one is there and null if not; kept until a take waits. Wakes the
+    // consumer for its run flag or its deadlines.
+    void WakeTaker();
+
     void Pop();
     // Any thread, also after the buffer that gave the block is gone.
     static void FreePopData(void* pBuffer);
@@ -137,6 +142,7 @@ private:
     bool m_bEventRaised = false;
     bool m_bEventWatched = false;  // set by GetReadableFd: pushes raise the event from then on
     unsigned int m_nWaiters = 0;   // takers inside the condition wait
+    bool m_bWakeTaker = false;     // set by WakeTaker, taken by the next blocking take
     const bool m_bBlockGet;
     const unsigned int m_nPacketNumToDel;
     unsigned long long m_lPacketAllSize = 0;

@@ -441,6 +441,14 @@ void* CDataBufferSTLDeque::GetFrontAndPop3(unsigned int& nSize, unsigned int& nS
     return GetFrontPrivate(nSize, nSpeed, nAppend, nTimeoutMilliSecond, true);
 }
 
+void CDataBufferSTLDeque::WakeTaker()
+{
+    LockOrExit("lock is error 4");
+    m_bWakeTaker = true;
+    pthread_cond_broadcast(&m_condData);
+    UnLockOrExit("unlock is error 4");
+}
+
 void CDataBufferSTLDeque::LockOrExit(const char* szText)
 {
     int ret = m_lock.Lock();
@@ -476,6 +484,10 @@ bool CDataBufferSTLDeque::WaitForData(unsigned int nTimeoutMilliSecond)
     }
     // Another consumer may be faster after any wake-up, so the lines are looked at each time.
     while (EmptyPrivate()) {
+        if (m_bWakeTaker) {
+            m_bWakeTaker = false;
+            return false;
+        }
         ++m_nWaiters;
         int ret = bForever ? pthread_cond_wait(&m_condData, m_lock.GetMutex())
                            : pthread_cond_timedwait(&m_condData, m_lock.GetMutex(), &tsEnd);

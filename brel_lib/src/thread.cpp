@@ -2,7 +2,9 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include "util.h"
@@ -11,9 +13,16 @@ namespace brel_lib {
 
 // ---- CThread ---------------------------------------------------------------
 
-CThread::CThread(unsigned int nStackSize) : m_nContinueRun(0), m_hThread(0), m_nStackSize(nStackSize) {}
+CThread::CThread(unsigned int nStackSize)
+    : m_nContinueRun(0), m_hThread(0), m_nStackSize(nStackSize), m_fdWake(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC))
+{
+}
 
-CThread::~CThread() { CThread::Stop(); }
+CThread::~CThread()
+{
+    CThread::Stop();
+    if (m_fdWake >= 0) close(m_fdWake);
+}
 
 int CThread::Start()
 {
@@ -38,6 +47,7 @@ int CThread::Start()
 int CThread::Stop()
 {
     m_nContinueRun = 0;
+    WakeUp();
     pthread_t hThread;
     {
         CAutoLock lock(m_lockHandle);
@@ -45,6 +55,47 @@ int CThread::Stop()
         m_hThread = 0;
     }
     return hThread == 0 ? 0 : pthread_join(hThread, nullptr);
+}
+
+void CThread::WakeUp()
+{
+    if (m_fdWake < 0) return;
+    uint64_t lOne = 1;
+    // A full counter (never reached) would mean a wake-up is pending already.
+    while (write(m_fdWake, &lOne, sizeof(lOne)) < 0 && errno == EINTR) {
+    }
+}
+
+void CThread::TakeWakeUp()
+{
+    if (m_fdWake < 0) return;
+    uint64_t lCount = 0;
+    while (read(m_fdWake, &lCount, sizeof(lCount)) < 0 && errno == EINTR) {
+    }
+}
+
+void CThread::WaitWakeUp(unsigned int nMilliSecond)
+{
+    if (m_fdWake < 0) {
+        Sleep(nMilliSecond);
+        return;
+    }
+    pollfd pfd{m_fdWake, POLLIN, 0};
+    if (poll(&pfd, 1, static_cast<int>(nMilliSecond)) > 0) TakeWakeUp();
+}
+
+int MilliSecondsUntil(time_t tDeadline, long long lNowMilliSecond, int nMaxMilliSecond)
+{
+    // Far deadlines (a "never") are compared in seconds first: in milliseconds they would overflow.
+    if (static_cast<long long>(tDeadline) - lNowMilliSecond / 1000 > nMaxMilliSecond / 1000 + 1) return nMaxMilliSecond;
+    long long lWait = static_cast<long long>(tDeadline) * 1000 - lNowMilliSecond;
+    if (lWait < 0) return 0;
+    return lWait > nMaxMilliSecond ? nMaxMilliSecond : static_cast<int>(lWait);
+}
+
+int MilliSecondsUntil(time_t tDeadline, int nMaxMilliSecond)
+{
+    return MilliSecondsUntil(tDeadline, static_cast<long long>(GetNowMilliSecond()), nMaxMilliSecond);
 }
 
 pthread_t CThread::GetThreadID()

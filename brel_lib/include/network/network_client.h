@@ -47,7 +47,11 @@ public:
     std::vector<ServerInfo> GetServers();
 
     // Any thread.
-    void SetFlag(NET_FLAG flag) { m_nFlag |= flag; }
+    void SetFlag(NET_FLAG flag)
+    {
+        m_nFlag |= flag;
+        WakeUp();
+    }
     void SetServerSwitchSecond(unsigned int nSecond) { m_nServerConnectFailedSwitchMilliSecond = nSecond * 1000; }
     void SetConnectFailedSwitchTime(unsigned int nMilliSecond) { m_nServerConnectFailedSwitchMilliSecond = nMilliSecond; }
     void SetConnectTimeout(unsigned int nMilliSecond) { m_nConnectTimeout = nMilliSecond; }
@@ -67,7 +71,7 @@ public:
     void Run() override;
 
 private:
-    enum { RECEIVE_BUF_SIZE = 8192, ADJUST_SECOND = 120 };
+    enum { RECEIVE_BUF_SIZE = 8192, ADJUST_SECOND = 120, TOKEN_WAIT_MILLISECOND = 50 };
 
     int ConnectToServer();
     // Copies the current entry, wrapping the index; false on an empty list.

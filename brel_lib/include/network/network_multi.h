@@ -88,6 +88,8 @@ protected:
     virtual void DealCloseStep(LoopState& st, bool bCloseClient);
     // The new-client control block arrived.
     virtual void NewClientEventDeal(int epfd, bool bRecvNoToken);
+    // The longest wait before the derived loop's own timed check (a connect that may time out).
+    virtual int NextCheckMilliSecond() const;
     // A connection is leaving the table; the derived loop drops its own references.
     virtual void ForgetConnect(unsigned int nConnectId);
     // End of Run: every connection closed without a callback.
@@ -118,6 +120,7 @@ protected:
 
     // Written by the loop at the top of each pass, read by connecting callers.
     std::atomic<time_t> m_nNowTime;
+    ConnectInfo m_wakeInfo;  // the epoll data of the thread's wake-up descriptor
 
     // Guards m_vecNeedCloseConnectId and the derived client's list of new
     // connections; never held across a callback.

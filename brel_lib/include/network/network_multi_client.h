@@ -44,6 +44,7 @@ private:
     void NewClientEventDeal(int epfd, bool bRecvNoToken) override;
     bool DealOwnEvent(LoopState& st, uint32_t nEvent, ConnectInfo* pInfo) override;
     void DealCloseStep(LoopState& st, bool bCloseClient) override;
+    int NextCheckMilliSecond() const override;
     void ForgetConnect(unsigned int nConnectId) override;
     void DealAsyncConnectEvent(int epfd, uint32_t nEvent, ConnectInfo& info, bool bRecvNoToken);
     void DealAsyncConnectTimeout(int epfd);

@@ -35,6 +35,11 @@ private:
     const char* LoopName() const override { return "CNetworkServerBrel"; }
     bool DealOwnEvent(LoopState& st, uint32_t nEvent, ConnectInfo* pInfo) override;
     void DealCloseStep(LoopState& st, bool bCloseClient) override;
+    // While the listener is out of the set, the pass that may take it back.
+    int NextCheckMilliSecond() const override
+    {
+        return m_bAcceptPaused ? static_cast<int>(ACCEPT_BACKOFF_MILLISECOND) : DEADLINE_WAIT_MAX_MILLISECOND;
+    }
     int AcceptNewClient(int epfd, bool bRecvNoToken);
     void PauseAccept(int epfd);
     void ResumeAcceptIfDue(int epfd);

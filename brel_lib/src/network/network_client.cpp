@@ -52,6 +52,7 @@ int CNetworkClientBrel::Stop()
 {
     if (m_bUseNewThread) return CThread::Stop();
     m_nContinueRun = 0;
+    WakeUp();
     return 0;
 }
 
@@ -188,7 +189,7 @@ int CNetworkClientBrel::ConnectToServer()
         ServerInfo server;
         if (!CurrentServer(server)) {
             Log(LOG_LEVEL_WARNING, "CNetworkClientBrel::ConnectToServer(it is not add any server ip now)");
-            for (int i = 0; i < 10 && m_nContinueRun != 0; ++i) Sleep(50);
+            WaitWakeUp(500);
             continue;
         }
         m_connect.strIp = server.strIp;
@@ -211,11 +212,13 @@ int CNetworkClientBrel::ConnectToServer()
                 "CNetworkClientBrel::ConnectToServer(connect the server is failed, we will retry again after sleep "
                 "some time, errno: %d)",
                 ret);
-            // Sleep in 50 ms slices, so that a stop or a flag is seen at once.
+            // A stop or a move between servers wakes the sleep (SetFlag wakes the thread).
             const unsigned int nFlags = NET_FLAG_CONNECT_NEW_SERVER | NET_FLAG_CONNECT_NEXT_SERVER;
-            for (unsigned int n = 0; n < m_nConnectFailedSleepTime / 50 + 1; ++n) {
-                if (m_nContinueRun == 0 || (m_nFlag & nFlags) != 0) break;
-                Sleep(50);
+            uint64_t lEnd = GetNowMilliSecond() + m_nConnectFailedSleepTime;
+            while (m_nContinueRun != 0 && (m_nFlag & nFlags) == 0) {
+                uint64_t lNow = GetNowMilliSecond();
+                if (lNow >= lEnd || lEnd - lNow > m_nConnectFailedSleepTime) break;  // done, or the clock went back
+                WaitWakeUp(static_cast<unsigned int>(lEnd - lNow));
             }
             if (m_nContinueRun == 0) return -1;
             if (TakeMoveFlag(NET_FLAG_CONNECT_NEW_SERVER, "ConnectToServer") ||
@@ -291,6 +294,8 @@ void CNetworkClientBrel::Run()
     const int fdBuffer = m_sendBuffer.GetReadableFd();
     EpollMod(epfd, m_sockTcp.GetSocket(), EPOLLIN, true);
     EpollMod(epfd, fdBuffer, EPOLLIN, true);
+    // A stop, a flag or a move between servers wakes the wait through this.
+    if (WakeFd() >= 0) EpollMod(epfd, WakeFd(), EPOLLIN, true);
     bool bSetEpollOut = false;
     // The send buffer's descriptor stays readable while blocks wait. While the socket is full
     // or tokens are out it is taken out of the set, or the level-triggered wait would spin:
@@ -310,8 +315,12 @@ void CNetworkClientBrel::Run()
             tLastAdjust = tNow;
             AdjustBufSize();
         }
-        epoll_event events[2];
-        int n = epoll_wait(epfd, events, 2, 50);
+        // Sockets and queues wake the wait; otherwise it lasts until the next
+        // buffer adjustment, or a moment while the send side waits for tokens.
+        int nWait = bWaitToken ? TOKEN_WAIT_MILLISECOND
+                               : MilliSecondsUntil(tLastAdjust + ADJUST_SECOND + 1, DEADLINE_WAIT_MAX_MILLISECOND);
+        epoll_event events[3];
+        int n = epoll_wait(epfd, events, 3, nWait);
         if (n < 0) {
             if (errno == EINTR) continue;
             int nErr = errno;
@@ -323,6 +332,10 @@ void CNetworkClientBrel::Run()
         for (int i = 0; i < n; ++i) {
             if (events[i].data.fd == fdBuffer) {
                 bNeedSendData = true;
+                continue;
+            }
+            if (events[i].data.fd == WakeFd()) {
+                TakeWakeUp();  // the flags are looked at below, the run flag by the loop
                 continue;
             }
             uint32_t nEvent = events[i].events;

@@ -141,6 +141,11 @@ void CNetworkMultiBase::BeginLoop(LoopState& st, int epfd, ConnectInfo* pSendDat
             m_sendBuffer.GetReadableFd(), ret);
         ExitProcess(ret);
     }
+    // A stop wakes the wait through the thread's own descriptor.
+    if (WakeFd() >= 0 && AddSpecialFdToEpoll(&m_wakeInfo, WakeFd(), epfd) != 0) {
+        Log(LOG_LEVEL_ERROR, "%s::Run(epoll_ctl add wake fd is error, fd: %d, errno: %d)", LoopName(), WakeFd(), errno);
+        ExitProcess(errno);
+    }
     st.nLastAutoCloseCheck = time(nullptr);
     // Blocks may have waited while the loop was stopped, behind a cleared event.
     if (!m_sendBuffer.Empty()) m_sendBuffer.SetEvent();
@@ -164,12 +169,16 @@ void CNetworkMultiBase::RunPass(LoopState& st)
         AutoCloseNoAccessConnect(st.epfd);
     }
     ApplyNetflowSettings();
+    // Descriptors wake the wait; otherwise it lasts until tokens come back, a
+    // check of the derived loop, or the next check of silent connections.
     int nTimeout = DealNoToken(st);
-    if (nTimeout > MAX_WAIT_MILLISECOND || nTimeout < 0) nTimeout = MAX_WAIT_MILLISECOND;
+    if (nTimeout > MAX_WAIT_MILLISECOND) nTimeout = MAX_WAIT_MILLISECOND;
+    if (nTimeout < 0) nTimeout = MilliSecondsUntil(st.nLastAutoCloseCheck + AUTO_CLOSE_CHECK_SECOND + 1, NextCheckMilliSecond());
     st.bSendNoToken = st.bRecvNoToken = false;
 
     epoll_event events[MAX_STEP];
     int n = epoll_wait(st.epfd, events, MAX_STEP, nTimeout);
+    m_nNowTime = time(nullptr);
     if (n < 0) {
         if (errno == EINTR) return;
         int nErr = errno;
@@ -181,6 +190,10 @@ void CNetworkMultiBase::RunPass(LoopState& st)
         ConnectInfo* pInfo = static_cast<ConnectInfo*>(events[i].data.ptr);
         if (pInfo == st.pSendDataBufInfo) {
             bSendDataBuf = true;
+            continue;
+        }
+        if (pInfo == &m_wakeInfo) {
+            TakeWakeUp();  // a stop: the loop looks at its flag after the pass
             continue;
         }
         if (DealOwnEvent(st, events[i].events, pInfo)) continue;
@@ -203,6 +216,8 @@ void CNetworkMultiBase::DealCloseStep(LoopState& st, bool bCloseClient)
 }
 
 void CNetworkMultiBase::NewClientEventDeal(int, bool) {}
+
+int CNetworkMultiBase::NextCheckMilliSecond() const { return DEADLINE_WAIT_MAX_MILLISECOND; }
 
 void CNetworkMultiBase::ForgetConnect(unsigned int) {}
 

@@ -79,7 +79,7 @@ int CNetworkMultiClientBrel::ConnectToServerPrivate(unsigned int& nConnectId,
     pInfo->nPort = nServerPort;
     pInfo->pReceiveBuf = pReceiveBuf;
     pInfo->nReceiveBufLen = pInfo->nReceiveBufUnusedLen = m_nReceiveBufDefaultSize;
-    pInfo->nLastAccessTime = m_nNowTime;
+    pInfo->nLastAccessTime = time(nullptr);  // the caller's thread: the loop's time may be a wait old
     const int fd = sock.GetSocket();
     sock.Detach();
     {
@@ -178,6 +178,11 @@ void CNetworkMultiClientBrel::DealAsyncConnectEvent(int epfd, uint32_t nEvent, C
     info.bNeedTestConnected = false;
     ModifyInfoEpollFlag(epfd, info, bRecvNoToken ? 0u : static_cast<uint32_t>(EPOLLIN));
     Notify(info.nConnectId, BREL_CONNECT_OK, info.sockFd);
+}
+
+int CNetworkMultiClientBrel::NextCheckMilliSecond() const
+{
+    return m_mapAsyncNewClient.empty() ? DEADLINE_WAIT_MAX_MILLISECOND : static_cast<int>(CONNECT_TIMEOUT_SCAN_MILLISECOND);
 }
 
 void CNetworkMultiClientBrel::DealCloseStep(LoopState& st, bool bCloseClient)

@@ -1,8 +1,13 @@
-// The main thread once the agent runs: the 200 ms watch of the stop and
-// reload flags, the reload on SIGUSR1 and the 300-second agent id refresh.
+// The main thread once the agent runs: the watch of the stop and reload
+// flags, which a signal wakes, the reload on SIGUSR1 and the 300-second
+// agent id refresh.
 #include "agent_main_loop.h"
 
+#include <errno.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 #include <time.h>
 
 #include <atomic>
@@ -27,15 +32,53 @@ std::atomic<int> g_nContinueRun{1};
 std::atomic<int> g_nReloadCfg{0};
 static_assert(std::atomic<int>::is_always_lock_free, "signal flags must be lock-free");
 
+// Written by the handlers after their flag, so that the main loop wakes at
+// once; -1 when there is none, and the loop then looks every round.
+int g_fdSignal = -1;
+
 // Main thread only.
 std::string g_strAgentId;
 unsigned int g_nNeedExit = 0;
 
 const unsigned int AGENT_ID_REFRESH_SECOND = 300;
-const unsigned int MAIN_LOOP_SLEEP_MS = 200;
+// Without the signal descriptor the loop sleeps in rounds of this length.
+const int MAIN_LOOP_SLEEP_MS = 200;
 
-void sig_quit(int) { g_nContinueRun = 0; }
-void reload_cfg(int) { g_nReloadCfg = 1; }
+void WakeMainLoop()
+{
+    if (g_fdSignal < 0) return;
+    int nSavedErrno = errno;  // a handler leaves errno as it found it
+    uint64_t lOne = 1;
+    ssize_t n = write(g_fdSignal, &lOne, sizeof(lOne));
+    (void)n;
+    errno = nSavedErrno;
+}
+
+void sig_quit(int)
+{
+    g_nContinueRun = 0;
+    WakeMainLoop();
+}
+
+void reload_cfg(int)
+{
+    g_nReloadCfg = 1;
+    WakeMainLoop();
+}
+
+// Waits for a signal or until the time is up.
+void WaitForSignal(int nMilliSecond)
+{
+    if (g_fdSignal < 0) {
+        Sleep(static_cast<unsigned int>(nMilliSecond < MAIN_LOOP_SLEEP_MS ? nMilliSecond : MAIN_LOOP_SLEEP_MS));
+        return;
+    }
+    pollfd pfd{g_fdSignal, POLLIN, 0};
+    if (poll(&pfd, 1, nMilliSecond) <= 0) return;
+    uint64_t lCount = 0;
+    ssize_t n = read(g_fdSignal, &lCount, sizeof(lCount));
+    (void)n;
+}
 
 // Derives the 32-bit agent id from an IPv4 text, an interface name or a
 // decimal number; 0 when none gives a usable value.
@@ -120,6 +163,7 @@ void LoadMainCfgAtStart()
 
 void InstallStopAndReloadSignals()
 {
+    if (g_fdSignal < 0) g_fdSignal = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     SetSignal(SIGINT, sig_quit);
     SetSignal(SIGQUIT, sig_quit);
     SetSignal(SIGUSR1, reload_cfg);
@@ -155,6 +199,9 @@ void MainLoop(const CIniFile& iniMain, CNetworkClientBrel& link, CProcessCommon&
             tRefresh = tNow;
             RefreshAgentId();
         }
-        Sleep(MAIN_LOOP_SLEEP_MS);
+        // A flag is stored before its handler wakes the wait, so none is missed.
+        if (g_nContinueRun != 0 && g_nReloadCfg == 0) {
+            WaitForSignal(MilliSecondsUntil(tRefresh + AGENT_ID_REFRESH_SECOND + 1, DEADLINE_WAIT_MAX_MILLISECOND));
+        }
     }
 }

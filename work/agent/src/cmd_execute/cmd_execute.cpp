@@ -25,9 +25,6 @@ namespace {
 
 const unsigned int CMD_MANAGER_STACK_SIZE = 0x100000;
 const int ROUND_MILLISECOND = 20;
-// With no work running nothing needs the short round; the thread still sees
-// its stop flag, a dump request and the expiry passes in time.
-const int IDLE_ROUND_MILLISECOND = 200;
 const int EVENTS_PER_ROUND = 20;
 const char* const FILE_CMD_INFO = "../log/cmd_info";
 // Data words in the epoll set: a work id alone for its pipes, with a mark
@@ -102,7 +99,10 @@ void CCmdExecuteManager::ReloadCfg()
 {
     Log(LOG_LEVEL_INFO, "CCmdExecuteManager::ReloadCfg");
     LoadCfg();
+    WakeUp();  // a dump may be asked for, the expiry period may have changed
 }
+
+void CCmdExecuteManager::WakeUp() { m_eventNewWork.SetEvent(); }
 
 void CCmdExecuteManager::LoadCfg()
 {
@@ -478,6 +478,7 @@ void CCmdExecuteManager::Run()
     }
     time_t tPre = AgentTime();
     bool bIdle = true;
+    WatchAgentClock(this);
     while (m_nContinueRun != 0) {
         // Cgroups for the next launches are made here, not on the start path.
         if (m_bKillProcessTree) m_processTree.Prepare(*m_pChildOps);
@@ -496,7 +497,10 @@ void CCmdExecuteManager::Run()
         }
         if (m_bPrintAgentInfo.exchange(false)) PrintAgentInfo();
         epoll_event events[EVENTS_PER_ROUND];
-        int n = epoll_wait(epfd, events, EVENTS_PER_ROUND, bIdle ? IDLE_ROUND_MILLISECOND : ROUND_MILLISECOND);
+        // With no work running nothing needs the short round: the wait lasts until
+        // the next expiry pass, and a new work, a reload, a stop or a moved clock wakes it.
+        int nWait = bIdle ? MilliSecondsUntilAgentTime(tPre + m_nAutoDeleteTestSecond) : ROUND_MILLISECOND;
+        int n = epoll_wait(epfd, events, EVENTS_PER_ROUND, nWait);
         if (n == 0) continue;
         if (n < 0) {
             if (errno == EINTR) continue;
@@ -507,6 +511,7 @@ void CCmdExecuteManager::Run()
         CAutoLock lock(m_lock);
         if (DealEvents(epfd, events, n)) DealProcessFinish(epfd);
     }
+    UnwatchAgentClock(this);
     close(epfd);
     FreeAllRes();
     m_processTree.Cleanup();

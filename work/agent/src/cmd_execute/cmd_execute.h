@@ -82,6 +82,8 @@ public:
     void CountWorks(unsigned int nByStage[3]);
 
     void Run() override;
+    // Any thread: the supervisor looks at its flag, its new works and its deadlines now.
+    void WakeUp() override;
 
 private:
     typedef std::map<unsigned int, CommonWork*> WorkMap;

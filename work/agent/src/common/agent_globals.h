@@ -6,6 +6,8 @@
 #include <atomic>
 #include <string>
 
+#include "common/agent_clock.h"
+
 // Version of the agent; printed by -v and reported to the server.
 extern const std::string g_strVersion;
 // Path of the configuration file, from the first argument.
@@ -15,7 +17,7 @@ extern std::string g_strCfgFile;
 extern std::atomic<unsigned int> g_nAgentId;
 // Process start, taken before any fork.
 extern const time_t g_nStartTime;
-// The coarse clock, written once per pass by the session thread.
-extern std::atomic<time_t> g_timeNow;
+// The agent's clock in seconds (AgentTime), read where it is needed.
+extern CAgentNow g_timeNow;
 // need_get_new_ws as last read; cleared by the session thread.
 extern std::atomic<bool> g_bNeedGetNewWs;

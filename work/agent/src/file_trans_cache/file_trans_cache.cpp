@@ -171,6 +171,13 @@ void CFileTransCache::DealAutoDelete(time_t)
     }
 }
 
+time_t CFileTransCache::NextAutoDelete()
+{
+    time_t tAccess = m_tLastAutoDeleteAccessTime + ACCESS_SWEEP_SECOND + 1;
+    time_t tNotFinish = m_tLastAutoDeleteNotFinishTime + NOT_FINISH_SWEEP_SECOND + 1;
+    return tAccess < tNotFinish ? tAccess : tNotFinish;
+}
+
 std::list<TransitFileCache*>::iterator CFileTransCache::RemoveEntry(std::list<TransitFileCache*>::iterator it,
                                                                     const char* szFunction)
 {

@@ -57,6 +57,8 @@ public:
     void UpdateCacheAccessTime(const std::string& strCacheId);
     // The periodic sweeps; session thread, each pass.
     void DealAutoDelete(time_t now);
+    // When DealAutoDelete has a sweep to do next.
+    time_t NextAutoDelete();
 
     // For dumps and tests.
     unsigned long long CacheNowSize();

@@ -256,7 +256,8 @@ bool CFileWriteThread::GiveToDaemon(FileTransClient& task, int fd)
     return true;
 }
 
-void CFileWriteThread::RspFileAgentGet(RspWorkFileAgentGet* pPacket, unsigned int nSpeed)
+void CFileWriteThread::RspFileAgentGet(RspWorkFileAgentGet* pPacket, unsigned int nSpeed,
+                                       const std::string& strOurMd5Ahead)
 {
     uint64_t lBegin = GetNowMilliSecond();
     int ret = static_cast<int>(pPacket->ret.value);
@@ -308,10 +309,13 @@ void CFileWriteThread::RspFileAgentGet(RspWorkFileAgentGet* pPacket, unsigned in
     if (task.nTransType == FTC_TRANS_MASTER) g_fileTransCache.UpdateCacheAccessTime(task.strCacheId);
 
     if (g_bEnableMd5Check && !strMd5.empty()) {
-        MD5 md5;
-        md5.update(pContent, nLength);
-        md5.finalize();
-        std::string strOurMd5 = md5.hexdigest();
+        std::string strOurMd5 = strOurMd5Ahead;
+        if (strOurMd5.empty()) {
+            MD5 md5;
+            md5.update(pContent, nLength);
+            md5.finalize();
+            strOurMd5 = md5.hexdigest();
+        }
         if (strOurMd5 != strMd5) {
             Log(LOG_LEVEL_WARNING,
                 "CFileWriteThread::RspFileAgentGet(md5 is not equal, work id: %u, begin pos: %llu, get size: %u, svr "

@@ -39,7 +39,8 @@ namespace {
 
 const unsigned int MANAGER_STACK_SIZE = 0x100000;
 const unsigned int RECEIVE_BUF_DEFAULT_SIZE = 0x20000;
-const unsigned int REV_WAIT_MILLISECOND = 50;
+// The longest wait while works run.
+const unsigned int WORKS_WAIT_MILLISECOND = 1000;
 const int REV_PACKETS_PER_PASS = 499;
 const int NO_TIMEOUT_SECOND = 0x7fffffff;
 
@@ -106,6 +107,7 @@ void CFileTransClientManager::ReloadCfg()
 {
     Log(LOG_LEVEL_INFO, "CFileTransClientManager::ReloadCfg");
     LoadCfg(false);
+    WakeUp();  // a dump may be asked for
 }
 
 void CFileTransClientManager::LoadCfg(bool bFirst)
@@ -276,6 +278,7 @@ CFileWriteThread* CFileTransClientManager::TakeNextThread(unsigned int nWorkId)
         m_networkMultiClient.Start();
         m_tServerLastRunning = g_timeNow;
     }
+    WakeUp();  // the manager's wait turns to the one of running works
     return m_vecFileWriteThread[nThread];
 }
 
@@ -535,13 +538,14 @@ void CFileTransClientManager::NetCallback(unsigned int nConnectId, BREL_NET_CALL
 
 // ---- the thread ------------------------------------------------------------------
 
-void CFileTransClientManager::DealReceivedPackets()
+void CFileTransClientManager::DealReceivedPackets(unsigned int nWaitMilliSecond)
 {
     for (int i = 0; i < REV_PACKETS_PER_PASS && m_nContinueRun; ++i) {
         unsigned int nSize = 0;
         unsigned int nSpeed = 0;
         int nConnectId = 0;
-        char* pData = static_cast<char*>(m_revDataBuffer.GetFrontAndPop3(nSize, nSpeed, nConnectId, REV_WAIT_MILLISECOND));
+        char* pData = static_cast<char*>(
+            m_revDataBuffer.GetFrontAndPop3(nSize, nSpeed, nConnectId, i == 0 ? nWaitMilliSecond : 0));
         if (pData == nullptr) return;
         CFileWriteThread* pThread = nullptr;
         {
@@ -581,13 +585,34 @@ void CFileTransClientManager::DealIdleClient()
     }
 }
 
+unsigned int CFileTransClientManager::NextWait()
+{
+    time_t tDeadline = TIME_NEVER;
+    {
+        CAutoLock lock(m_lock);
+        // While works run the time of the last one is kept a second fresh; after
+        // that the wait lasts until the client loop's idle time is up.
+        if (!m_mapWorkIdThreadId.empty()) return WORKS_WAIT_MILLISECOND;
+        if (m_tServerLastRunning != 0) tDeadline = m_tServerLastRunning + g_nClientThreadKeepTimeoutSecond;
+    }
+    int nWait = MilliSecondsUntilAgentTime(tDeadline);
+    return nWait > 0 ? static_cast<unsigned int>(nWait) : WORKS_WAIT_MILLISECOND;
+}
+
+void CFileTransClientManager::WakeUp() { m_revDataBuffer.WakeTaker(); }
+
 void CFileTransClientManager::Run()
 {
+    WatchAgentClock(this);
+    unsigned int nWait = 0;
     while (m_nContinueRun) {
-        DealReceivedPackets();
+        // Packets, a reload, a stop or a moved clock wake the wait.
+        DealReceivedPackets(nWait);
         if (m_bPrintAgentInfo.exchange(false)) PrintAgentInfo();
         DealIdleClient();
+        nWait = NextWait();
     }
+    UnwatchAgentClock(this);
     {
         CAutoLock lock(m_lock);
         m_tServerLastRunning = 0;

@@ -45,6 +45,8 @@ public:
     // thread starts, so that a create always finds them.
     int Start() override;
     void Run() override;
+    // Any thread: the manager looks at its flag and its deadline now.
+    void WakeUp() override;
 
     // Write threads: a work is gone; and around the start of a connect, so
     // that no event of the new connection passes before its route exists.
@@ -69,7 +71,9 @@ private:
     int CheckNewWork(const char* szFunction, unsigned int nWorkId, const std::string& strSrcFile,
                      const std::string& strIp, unsigned short nPort, bool bLast);
     CFileWriteThread* TakeNextThread(unsigned int nWorkId);  // m_lock held
-    void DealReceivedPackets();
+    void DealReceivedPackets(unsigned int nWaitMilliSecond);
+    // The wait before the next pass: until the client loop's idle time is up.
+    unsigned int NextWait();
     void DealIdleClient();
     template <class T>
     int RouteRequest(const char* szFunction, T* pPacket, CFileWriteReqBase* pReq, FileWriteReqRoute& route,

@@ -5,10 +5,12 @@
 
 #include <time.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "network/connection.h"
+#include "zik_pkt.h"
 
 class CFileWriteThread;
 
@@ -88,6 +90,11 @@ public:
     char* m_pData = nullptr;
     unsigned int m_nSize = 0;
     unsigned int m_nSpeed = 0;
+    // Once decoded (the block is freed then): the packet, null if it did
+    // not decode, and the digest of its content where it was summed ahead.
+    bool m_bDecoded = false;
+    std::unique_ptr<ZikPacket> m_pPacket;
+    std::string m_strOurMd5;
 };
 
 class CFileWriteReqNetConnectCallback : public CFileWriteReqBase {

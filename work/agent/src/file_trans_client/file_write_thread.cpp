@@ -12,6 +12,7 @@
 #include "file_trans_client/client_settings.h"
 #include "file_trans_client/file_trans_client.h"
 #include "log.h"
+#include "md5.h"
 #include "util.h"
 
 using namespace brel_lib;
@@ -22,8 +23,11 @@ namespace {
 
 const unsigned int WRITE_THREAD_STACK_SIZE = 0x100000;
 const unsigned int PACKET_BUF_MIN_SIZE = 1024;
-const unsigned int REQ_WAIT_MILLISECOND = 50;
 const time_t SWEEP_SECOND = 5;
+// Blocks waiting in the queue are summed together, up to this many blocks
+// and about this many bytes: the digests of a batch are computed side by side.
+const size_t DIGEST_BATCH_MAX = 8;
+const unsigned long long DIGEST_BATCH_BYTES = 32ULL << 20;
 
 const char* TransTypeName(int nTransType)
 {
@@ -95,11 +99,17 @@ void CFileWriteThread::AddReq(CFileWriteReqBase* pReq)
     Log(LOG_LEVEL_LOWEST, "CFileWriteThread::AddReq(req deq size: %u, thread id: %d)", m_deqReq.size(), m_nThreadId);
 }
 
+void CFileWriteThread::WakeUp() { m_dataEventReq.SetEvent(); }
+
 void CFileWriteThread::Run()
 {
     time_t timePreTestNeedReGetAndAutoDelete = g_timeNow;
+    WatchAgentClock(this);
     while (m_nContinueRun) {
-        if (m_dataEventReq.WaitForSingleObject(REQ_WAIT_MILLISECOND) == 1) {
+        // A request, a stop or a moved clock wakes the wait; the sweep of the works is its only deadline.
+        int nWait = m_mapWork.empty() ? DEADLINE_WAIT_MAX_MILLISECOND
+                                      : MilliSecondsUntilAgentTime(timePreTestNeedReGetAndAutoDelete + SWEEP_SECOND);
+        if (m_dataEventReq.WaitForSingleObject(static_cast<unsigned int>(nWait)) == 1) {
             while (m_nContinueRun) {
                 CFileWriteReqBase* pReq = nullptr;
                 unsigned int nLeft = 0;
@@ -124,6 +134,7 @@ void CFileWriteThread::Run()
         }
         PublishStages();
     }
+    UnwatchAgentClock(this);
     for (auto& item : m_mapWork)
         if (item.second.nConnectId != 0) m_networkMultiClient.CloseClient(item.second.nConnectId);
     m_mapWork.clear();
@@ -536,14 +547,64 @@ void CFileWriteThread::DeleteWork(CFileWriteReqDelete* pReq)
     m_timeLastTaskEnd = g_timeNow;
 }
 
+void CFileWriteThread::Decode(CFileWriteReqReceiveData* pReq)
+{
+    if (pReq->m_bDecoded) return;
+    pReq->m_bDecoded = true;
+    std::unique_ptr<ZikPacket> pPacket(new ZikPacket);
+    unsigned int nUsed = 0;
+    if (ParseFromBuffer(*pPacket, nUsed, pReq->m_pData, pReq->m_nSize) == 0 && pPacket->body.get() != nullptr)
+        pReq->m_pPacket = std::move(pPacket);
+    CDataBufferSTLDeque::FreePopData(pReq->m_pData);
+    pReq->m_pData = nullptr;
+}
+
+void CFileWriteThread::DigestAhead(CFileWriteReqReceiveData* pFirst)
+{
+    if (!g_bEnableMd5Check || pFirst->m_bDecoded) return;
+    CFileWriteReqBase* apBatch[DIGEST_BATCH_MAX];
+    apBatch[0] = pFirst;
+    size_t nBatch = 1;
+    {
+        // Only this thread takes from the queue, so the requests seen here
+        // stay in it, and stay this thread's, until it takes them.
+        CAutoLock lock(m_lock);
+        nBatch += m_deqReq.PeekLow(apBatch + 1, DIGEST_BATCH_MAX - 1);
+    }
+    const unsigned char* apContent[DIGEST_BATCH_MAX];
+    unsigned int anLength[DIGEST_BATCH_MAX];
+    std::string* apMd5[DIGEST_BATCH_MAX];
+    size_t nSum = 0;
+    unsigned long long lBytes = 0;
+    for (size_t i = 0; i < nBatch && lBytes < DIGEST_BATCH_BYTES; ++i) {
+        if (apBatch[i]->GetType() != FWR_TYPE_DATA) break;
+        CFileWriteReqReceiveData* pReq = static_cast<CFileWriteReqReceiveData*>(apBatch[i]);
+        if (pReq->m_bDecoded) break;
+        Decode(pReq);
+        if (!pReq->m_pPacket || pReq->m_pPacket->body->choiceId != Zik::rspWorkFileAgentGetCid) continue;
+        const RspWorkFileAgentGet* pRsp = pReq->m_pPacket->body->rspWorkFileAgentGet;
+        if (pRsp->ret.value != 0 || pRsp->md5.octetLen == 0) continue;
+        apContent[nSum] = reinterpret_cast<const unsigned char*>(pRsp->content.octs);
+        anLength[nSum] = static_cast<unsigned int>(pRsp->content.octetLen);
+        apMd5[nSum++] = &pReq->m_strOurMd5;
+        lBytes += pRsp->content.octetLen;
+    }
+    std::string astrMd5[DIGEST_BATCH_MAX];
+    MD5::HexDigests(apContent, anLength, nSum, astrMd5);
+    for (size_t i = 0; i < nSum; ++i) apMd5[i]->swap(astrMd5[i]);
+}
+
 void CFileWriteThread::ReceiveFileData(CFileWriteReqReceiveData* pReq)
 {
-    ZikPacket packet;
-    unsigned int nUsed = 0;
-    if (ParseFromBuffer(packet, nUsed, pReq->m_pData, pReq->m_nSize) != 0 || packet.body.get() == nullptr) {
+    DigestAhead(pReq);
+    Decode(pReq);
+    if (!pReq->m_pPacket) {
         Log(LOG_LEVEL_WARNING, "CFileWriteThread::ReceiveFileData(parse from buffer is error)");
-    } else if (packet.body->choiceId == Zik::rspWorkFileAgentGetCid) {
-        RspFileAgentGet(packet.body->rspWorkFileAgentGet, pReq->m_nSpeed);
+        return;
+    }
+    ZikPacket& packet = *pReq->m_pPacket;
+    if (packet.body->choiceId == Zik::rspWorkFileAgentGetCid) {
+        RspFileAgentGet(packet.body->rspWorkFileAgentGet, pReq->m_nSpeed, pReq->m_strOurMd5);
     } else {
         Log(LOG_LEVEL_WARNING,
             "CFileWriteThread::ReceiveFileData(we recevie a data, but we don't know it, the choiceid: %d, thread id: "
@@ -551,8 +612,6 @@ void CFileWriteThread::ReceiveFileData(CFileWriteReqReceiveData* pReq)
             static_cast<int>(packet.body->choiceId), m_nThreadId);
         LogAsnObj(LOG_LEVEL_OBJDBG, packet);
     }
-    CDataBufferSTLDeque::FreePopData(pReq->m_pData);
-    pReq->m_pData = nullptr;
 }
 
 void CFileWriteThread::ReqFileAgentHeartbeat(FileTransClient& task)

@@ -37,6 +37,8 @@ public:
     void CountWorks(unsigned int nByStage[3]) const;
     unsigned int QueuedRequests();
     void Run() override;
+    // Any thread: the thread looks at its flag and its deadline now.
+    void WakeUp() override;
 
     // The steps of the requests, on the thread itself.
     void CreateTransClient(CFileWriteReqCreate* pReq);
@@ -55,13 +57,19 @@ public:
     // The pull (file_pull.cpp).
     void ReqFileAgentGet(FileTransClient& task);
     void ReqFileAgentPreGet(FileTransClient& task);
-    void RspFileAgentGet(RspWorkFileAgentGet* pPacket, unsigned int nSpeed);
+    // strOurMd5: the content's digest where it was computed ahead, or empty.
+    void RspFileAgentGet(RspWorkFileAgentGet* pPacket, unsigned int nSpeed, const std::string& strOurMd5 = "");
 
     // The end of a work and the sweep (file_finish.cpp).
     void FinishWork(FileTransClient& task, int nRet);
     void DealReGetAndAutoDelete();
 
 private:
+    // Decodes the block of a data request, and frees it.
+    static void Decode(CFileWriteReqReceiveData* pReq);
+    // Decodes the data request and those waiting behind it, and sums the
+    // contents of the batch together.
+    void DigestAhead(CFileWriteReqReceiveData* pFirst);
     void SetNowFrom(const FileWriteReqRoute& req);
     void SetNowFrom(const FileTransClient& task);
     FileTransClient& MakeWork(const CFileWriteReqCreate& req);

@@ -3,6 +3,8 @@
 // flood of file blocks.
 #pragma once
 
+#include <stddef.h>
+
 #include <deque>
 
 enum { TPQ_HIGH = 0, TPQ_LOW = 1 };
@@ -27,6 +29,13 @@ public:
         } else {
             m_deqReqHigh.pop_front();
         }
+    }
+    // Copies up to nMax values from the front of the low queue, without taking them.
+    size_t PeekLow(T* pOut, size_t nMax) const
+    {
+        size_t n = 0;
+        for (auto it = m_deqReqLow.begin(); it != m_deqReqLow.end() && n < nMax; ++it) pOut[n++] = *it;
+        return n;
     }
     bool empty() const { return m_deqReqHigh.empty() && m_deqReqLow.empty(); }
     unsigned int size() const { return static_cast<unsigned int>(m_deqReqHigh.size() + m_deqReqLow.size()); }

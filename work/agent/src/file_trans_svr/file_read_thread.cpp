@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "common/agent_clock.h"
 #include "common/agent_globals.h"
 #include "common/work_codes.h"
@@ -29,7 +31,8 @@ const unsigned int PACKET_BUF_MIN_SIZE = 525312;
 // An idle thread gives its large buffers back after this many seconds.
 const time_t IDLE_RELEASE_SECOND = 29;
 // Waits of the loop: idle, and while a connection waits for its peer.
-const unsigned int IDLE_WAIT_MILLISECOND = 50;
+// What an idle thread keeps of its packet buffer.
+const unsigned int IDLE_PACKET_BUF_SIZE = 10;
 const unsigned int PEER_WAIT_MILLISECOND = 5;
 // Requests taken from the queue in one pass.
 const int TAKE_MAX = 500;
@@ -121,7 +124,8 @@ size_t CFileReadThread::HeldRequests() { return m_nHeld; }
 void CFileReadThread::Run()
 {
     m_tLastWork = g_timeNow;
-    unsigned int nWait = IDLE_WAIT_MILLISECOND;
+    unsigned int nWait = 0;
+    WatchAgentClock(this);
     while (m_nContinueRun != 0) {
         TakeRequests(nWait);
         if (ServeConnects()) {
@@ -130,10 +134,22 @@ void CFileReadThread::Run()
         } else if (!m_deqTurn.empty()) {
             nWait = PEER_WAIT_MILLISECOND;
         } else {
-            nWait = IDLE_WAIT_MILLISECOND;
             ReleaseIdleBuffers();
+            nWait = IdleWait();
         }
     }
+    UnwatchAgentClock(this);
+}
+
+void CFileReadThread::WakeUp() { m_deqReq.WakeTaker(); }
+
+unsigned int CFileReadThread::IdleWait() const
+{
+    // A request or a stop wakes the wait; the only deadline is the release of the buffers.
+    bool bHolding = m_packetBuf.Size() != IDLE_PACKET_BUF_SIZE || m_nReadFileBufSize != 0;
+    int nWait = bHolding ? MilliSecondsUntilAgentTime(m_tLastWork + IDLE_RELEASE_SECOND + 1)
+                         : DEADLINE_WAIT_MAX_MILLISECOND;
+    return nWait > 0 ? static_cast<unsigned int>(nWait) : PEER_WAIT_MILLISECOND;
 }
 
 void CFileReadThread::TakeRequests(unsigned int nWaitMilliSecond)
@@ -155,7 +171,7 @@ void CFileReadThread::ReleaseIdleBuffers()
     PullBack(m_tLastWork, tNow);
     if (tNow - m_tLastWork <= IDLE_RELEASE_SECOND) return;
     m_tLastWork = tNow;
-    if (m_packetBuf.Size() != 10 && !m_packetBuf.Allocate(10)) {
+    if (m_packetBuf.Size() != IDLE_PACKET_BUF_SIZE && !m_packetBuf.Allocate(IDLE_PACKET_BUF_SIZE)) {
         Log(LOG_LEVEL_ERROR, "CFileReadThread::Run(malloc packet buf is error, we exit)");
         ExitProcess(1);
     }
@@ -201,12 +217,15 @@ void CFileReadThread::ForgetConnect(unsigned int nConnectId)
     }
 }
 
-bool CFileReadThread::PeerIsBehind(const ConnectQueue& conn) const
+unsigned long long CFileReadThread::QueueRoom(const ConnectQueue& conn, unsigned int nGetSize) const
 {
-    if (conn.nSockFd < 0) return false;
+    const unsigned long long lUnbounded = ~0ULL;
+    if (conn.nSockFd < 0) return lUnbounded;
     long long lTaken = g_pPeerTakenFun.load()(conn.nSockFd);
-    if (lTaken < 0 || static_cast<unsigned long long>(lTaken) >= conn.lPushed) return false;
-    return conn.lPushed - static_cast<unsigned long long>(lTaken) >= CONNECT_QUEUE_MAX;
+    if (lTaken < 0 || static_cast<unsigned long long>(lTaken) >= conn.lPushed) return lUnbounded;
+    unsigned long long lQueued = conn.lPushed - static_cast<unsigned long long>(lTaken);
+    unsigned long long lMax = std::min(std::max(CONNECT_QUEUE_MAX, CONNECT_QUEUE_BLOCKS * nGetSize), CONNECT_QUEUE_CEILING);
+    return lQueued >= lMax ? 0 : lMax - lQueued;
 }
 
 bool CFileReadThread::ServeConnects()
@@ -235,7 +254,8 @@ int CFileReadThread::ServeTurn(ConnectQueue& conn, CFileReadThreadReqRead* pReq)
 {
     m_nNowAppend = pReq->m_nNowAppend;
     m_nNowConnectId = pReq->m_nNowConnectId;
-    if (!pReq->m_bStarted && PeerIsBehind(conn)) return TURN_WAIT_PEER;
+    if (!pReq->m_bStarted && QueueRoom(conn, static_cast<unsigned int>(std::max(0, pReq->m_nGetSize))) == 0)
+        return TURN_WAIT_PEER;
     if (pReq->m_nGetSize == 0) {
         // A transfer heartbeat: the manager has renewed the work already.
         Log(LOG_LEVEL_DEBUG,
@@ -277,65 +297,10 @@ int CFileReadThread::ServeTurn(ConnectQueue& conn, CFileReadThreadReqRead* pReq)
             break;
         }
         if (nBlocks == BLOCKS_PER_TURN) break;
-        if (PeerIsBehind(conn)) {
-            nTurn = TURN_WAIT_PEER;
-            break;
-        }
-        unsigned int nGetSize = static_cast<unsigned int>(pReq->m_nGetSize);
-        if (m_pReadFileBuf == nullptr || nGetSize > m_nReadFileBufSize) {
-            free(m_pReadFileBuf);
-            m_pReadFileBuf = static_cast<char*>(malloc(nGetSize));
-            m_nReadFileBufSize = m_pReadFileBuf == nullptr ? 0 : nGetSize;
-            if (m_pReadFileBuf == nullptr) {
-                Log(LOG_LEVEL_WARNING,
-                    "CFileReadThread::ReqFileAgentGet(malloc read buf is error, work id: %u, dst work id: %u, buf "
-                    "size: %d, get num: %d)",
-                    pReq->m_nSrcWorkId, pReq->m_nDstWorkId, pReq->m_nGetSize, pReq->m_nGetNum);
-                SendFileAgentGetFailed(RET_READ_BUF_FAILED, pReq->m_nDstWorkId, pReq->m_nSrcWorkId, 0);
-                nTurn = TURN_DONE;
-                break;
-            }
-        }
-        ++pReq->m_nCount;
-        ++nBlocks;
-        Log(LOG_LEVEL_LOWEST, "CFileReadThread::ReqFileAgentGet(begin read, work id: %u, size: %u)", pReq->m_nSrcWorkId,
-            nGetSize);
-        ssize_t nRead = ReadBlock(fd, m_pReadFileBuf, nGetSize, pReq->m_lOffset);
-        Log(LOG_LEVEL_LOWEST, "CFileReadThread::ReqFileAgentGet(end read, work id: %u, size: %u)", pReq->m_nSrcWorkId,
-            nGetSize);
-        if (nRead < 0) {
-            Log(LOG_LEVEL_WARNING,
-                "CFileReadThread::ReqFileAgentGet(read src file is error, work id: %u, dst work id: %u, errno: %d, "
-                "begin pos: %llu, read size: %d, get num: %d)",
-                pReq->m_nSrcWorkId, pReq->m_nDstWorkId, errno, pReq->m_lOffset, pReq->m_nGetSize, pReq->m_nGetNum);
-            SendFileAgentGetFailed(RET_SRC_FILE_UNREADABLE, pReq->m_nDstWorkId, pReq->m_nSrcWorkId,
-                                   pReq->m_nFileAccessBit);
-            close(fd);
-            return TURN_DONE;
-        }
-        if (nRead == 0) {
-            if (pReq->m_nCount == 1) {
-                // At the end of the file: an empty answer with ret 0 says so.
-                Log(LOG_LEVEL_DEBUG,
-                    "CFileReadThread::ReqFileAgentGet(src file is empty, work id: %u, dst work id: %u, begin pos: "
-                    "%llu, file size: %llu, need read size: %d, get num: %d, connect id: %u)",
-                    pReq->m_nSrcWorkId, pReq->m_nDstWorkId, pReq->m_lOffset, lFileSize, pReq->m_nGetSize,
-                    pReq->m_nGetNum, m_nNowConnectId);
-                SendFileAgentGetFailed(0, pReq->m_nDstWorkId, pReq->m_nSrcWorkId, pReq->m_nFileAccessBit);
-                close(fd);
-                return TURN_DONE;
-            }
-            nTurn = TURN_DONE;
-            break;
-        }
-        SendFileAgentGetOk(pReq->m_nDstWorkId, pReq->m_nSrcWorkId, pReq->m_lOffset, lFileSize, m_pReadFileBuf,
-                           static_cast<unsigned int>(nRead), pReq->m_nFileAccessBit);
-        pReq->m_lOffset += static_cast<unsigned long long>(nRead);
-        pReq->m_lReadSize += static_cast<unsigned long long>(nRead);
-        // A short block is the end of the file, or of what it has now: the client asks again.
-        if (static_cast<unsigned int>(nRead) < nGetSize) nTurn = TURN_DONE;
+        nTurn = ServeBatch(conn, pReq, fd, lFileSize, BLOCKS_PER_TURN - nBlocks, nBlocks);
     }
     close(fd);
+    if (nTurn == TURN_ENDED) return TURN_DONE;
     if (nTurn == TURN_DONE && pReq->m_bStarted) {
         Log(LOG_LEVEL_DEBUG,
             "CFileReadThread::ReqFileAgentGet(work id: %u, dst work id: %u, begin pos: %llu, file size: %llu, need "
@@ -344,6 +309,100 @@ int CFileReadThread::ServeTurn(ConnectQueue& conn, CFileReadThreadReqRead* pReq)
             pReq->m_lReadSize, m_nNowConnectId);
     }
     return nTurn;
+}
+
+int CFileReadThread::ServeBatch(ConnectQueue& conn, CFileReadThreadReqRead* pReq, int fd, unsigned long long lFileSize,
+                                int nMaxBlocks, int& nServed)
+{
+    unsigned int nGetSize = static_cast<unsigned int>(pReq->m_nGetSize);
+    unsigned long long lRoom = QueueRoom(conn, nGetSize);
+    if (lRoom == 0) return TURN_WAIT_PEER;
+    // As many blocks as the request still wants, the turn allows, the queue
+    // has room for (a block begun is finished) and the batch holds.
+    unsigned long long lBlocks = std::min<unsigned long long>(pReq->m_nGetNum - pReq->m_nCount, nMaxBlocks);
+    if (nGetSize > 0) {
+        lBlocks = std::min(lBlocks, (lRoom + nGetSize - 1) / nGetSize);
+        lBlocks = std::min(lBlocks, std::max(1ULL, BATCH_BYTES_MAX / nGetSize));
+    }
+    lBlocks = std::max(1ULL, lBlocks);
+    unsigned int nBatchSize = static_cast<unsigned int>(lBlocks * nGetSize);
+    if (m_pReadFileBuf == nullptr || nBatchSize > m_nReadFileBufSize) {
+        free(m_pReadFileBuf);
+        m_pReadFileBuf = static_cast<char*>(malloc(std::max(1u, nBatchSize)));
+        m_nReadFileBufSize = m_pReadFileBuf == nullptr ? 0 : nBatchSize;
+        if (m_pReadFileBuf == nullptr) {
+            Log(LOG_LEVEL_WARNING,
+                "CFileReadThread::ReqFileAgentGet(malloc read buf is error, work id: %u, dst work id: %u, buf "
+                "size: %d, get num: %d)",
+                pReq->m_nSrcWorkId, pReq->m_nDstWorkId, pReq->m_nGetSize, pReq->m_nGetNum);
+            SendFileAgentGetFailed(RET_READ_BUF_FAILED, pReq->m_nDstWorkId, pReq->m_nSrcWorkId, 0);
+            return TURN_DONE;
+        }
+    }
+    // Read the batch; a failure, the end of the file or a short block ends it.
+    const unsigned int BATCH_MAX = BLOCKS_PER_TURN;
+    char* apBlock[BATCH_MAX];
+    unsigned int anLength[BATCH_MAX];
+    unsigned int nRead = 0;
+    int nEnd = TURN_MORE;
+    bool bReadFailed = false;
+    int nReadErrno = 0;
+    unsigned long long lOffset = pReq->m_lOffset;
+    while (nRead < lBlocks) {
+        ++pReq->m_nCount;
+        ++nServed;
+        char* pBlock = m_pReadFileBuf + static_cast<size_t>(nRead) * nGetSize;
+        Log(LOG_LEVEL_LOWEST, "CFileReadThread::ReqFileAgentGet(begin read, work id: %u, size: %u)", pReq->m_nSrcWorkId,
+            nGetSize);
+        ssize_t nBytes = ReadBlock(fd, pBlock, nGetSize, lOffset);
+        Log(LOG_LEVEL_LOWEST, "CFileReadThread::ReqFileAgentGet(end read, work id: %u, size: %u)", pReq->m_nSrcWorkId,
+            nGetSize);
+        if (nBytes < 0) {
+            bReadFailed = true;
+            nReadErrno = errno;
+            nEnd = TURN_ENDED;
+            break;
+        }
+        if (nBytes == 0) {
+            nEnd = pReq->m_nCount == 1 ? TURN_ENDED : TURN_DONE;
+            break;
+        }
+        apBlock[nRead] = pBlock;
+        anLength[nRead++] = static_cast<unsigned int>(nBytes);
+        lOffset += static_cast<unsigned long long>(nBytes);
+        // A short block is the end of the file, or of what it has now: the client asks again.
+        if (static_cast<unsigned int>(nBytes) < nGetSize) {
+            nEnd = TURN_DONE;
+            break;
+        }
+    }
+    std::string astrMd5[BATCH_MAX];
+    if (g_bEnableMd5Calc && nRead > 0)
+        MD5::HexDigests(reinterpret_cast<const unsigned char* const*>(apBlock), anLength, nRead, astrMd5);
+    for (unsigned int i = 0; i < nRead; ++i) {
+        SendFileAgentGetOk(pReq->m_nDstWorkId, pReq->m_nSrcWorkId, pReq->m_lOffset, lFileSize, apBlock[i], anLength[i],
+                           pReq->m_nFileAccessBit, astrMd5[i]);
+        pReq->m_lOffset += anLength[i];
+        pReq->m_lReadSize += anLength[i];
+    }
+    if (nEnd != TURN_ENDED) return nEnd;
+    if (bReadFailed) {
+        Log(LOG_LEVEL_WARNING,
+            "CFileReadThread::ReqFileAgentGet(read src file is error, work id: %u, dst work id: %u, errno: %d, "
+            "begin pos: %llu, read size: %d, get num: %d)",
+            pReq->m_nSrcWorkId, pReq->m_nDstWorkId, nReadErrno, pReq->m_lOffset, pReq->m_nGetSize, pReq->m_nGetNum);
+        SendFileAgentGetFailed(RET_SRC_FILE_UNREADABLE, pReq->m_nDstWorkId, pReq->m_nSrcWorkId,
+                               pReq->m_nFileAccessBit);
+    } else {
+        // At the end of the file: an empty answer with ret 0 says so.
+        Log(LOG_LEVEL_DEBUG,
+            "CFileReadThread::ReqFileAgentGet(src file is empty, work id: %u, dst work id: %u, begin pos: "
+            "%llu, file size: %llu, need read size: %d, get num: %d, connect id: %u)",
+            pReq->m_nSrcWorkId, pReq->m_nDstWorkId, pReq->m_lOffset, lFileSize, pReq->m_nGetSize, pReq->m_nGetNum,
+            m_nNowConnectId);
+        SendFileAgentGetFailed(0, pReq->m_nDstWorkId, pReq->m_nSrcWorkId, pReq->m_nFileAccessBit);
+    }
+    return TURN_ENDED;
 }
 
 int CFileReadThread::StartRead(CFileReadThreadReqRead* pReq, int fd)
@@ -399,7 +458,7 @@ void CFileReadThread::SendToServer(T& message)
 
 void CFileReadThread::SendFileAgentGetOk(unsigned int nDstWorkId, unsigned int nSrcWorkId, unsigned long long lBeginPos,
                                          unsigned long long lTotalSize, char* pBuf, unsigned int nBufSize,
-                                         unsigned int nFileAccessBit)
+                                         unsigned int nFileAccessBit, const std::string& strMd5)
 {
     Log(LOG_LEVEL_DEBUG, "CFileReadThread::SendFileAgentGetOk(work id: %u, size: %u, append: %d)", nSrcWorkId, nBufSize,
         m_nNowAppend);
@@ -409,12 +468,7 @@ void CFileReadThread::SendFileAgentGetOk(unsigned int nDstWorkId, unsigned int n
     rsp.dstWorkId = static_cast<int>(nDstWorkId);
     rsp.srcWorkId = static_cast<int>(nSrcWorkId);
     rsp.srcFileAccessBit = static_cast<int>(nFileAccessBit);
-    if (g_bEnableMd5Calc) {
-        MD5 md5;
-        md5.update(pBuf, nBufSize);
-        md5.finalize();
-        rsp.md5 = md5.hexdigest().c_str();
-    }
+    if (!strMd5.empty()) rsp.md5 = strMd5.c_str();
     rsp.beginPosHigh = static_cast<int>(lBeginPos >> 32);
     rsp.beginPosLow = static_cast<int>(lBeginPos & 0xFFFFFFFFU);
     rsp.totalSizeHigh = static_cast<int>(lTotalSize >> 32);

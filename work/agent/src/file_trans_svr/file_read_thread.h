@@ -74,8 +74,20 @@ public:
     // The largest block a request may ask for: the framing's maximum.
     static constexpr int MAX_GET_SIZE = 0x8000000;
     // Bytes a connection may have queued and not yet taken by its peer
-    // before its requests wait; a block in hand is always finished.
+    // before its requests wait, or CONNECT_QUEUE_BLOCKS of its requests'
+    // blocks where that is more (what the destination keeps asked for at
+    // most), so that large blocks keep the link busy; a block in hand is
+    // always finished.
     static constexpr unsigned long long CONNECT_QUEUE_MAX = 8ULL << 20;
+    static constexpr unsigned long long CONNECT_QUEUE_BLOCKS = 8;
+    // Whatever the blocks, a connection queues no more than this (and the
+    // block in hand): a peer asking for the largest blocks and not reading
+    // them must not hold eight of them here. The destination's largest
+    // requests stay below it.
+    static constexpr unsigned long long CONNECT_QUEUE_CEILING = 64ULL << 20;
+    // Blocks of a request are read and summed in batches of up to this many
+    // bytes, since the digests of a batch are computed side by side.
+    static constexpr unsigned long long BATCH_BYTES_MAX = 32ULL << 20;
     // Blocks served for one connection before the next connection's turn.
     static constexpr int BLOCKS_PER_TURN = 8;
     // Requests a connection may have waiting; a destination keeps a few open,
@@ -94,6 +106,8 @@ public:
     void AddReq(CFileReadThreadReqBase* pReq);
 
     void Run() override;
+    // Any thread: the thread looks at its flag and its deadline now.
+    void WakeUp() override;
 
     // Steps of a request, on the thread itself.
     bool ReqFileAgentGet(CFileReadThreadReqRead* pReq);
@@ -109,18 +123,24 @@ private:
         std::deque<CFileReadThreadReqRead*> deqReq;
     };
     // Results of a turn of one request.
-    enum { TURN_DONE, TURN_MORE, TURN_WAIT_PEER };
+    // TURN_ENDED: a batch ended the request with its last answer sent.
+    enum { TURN_DONE, TURN_MORE, TURN_WAIT_PEER, TURN_ENDED };
 
     void TakeRequests(unsigned int nWaitMilliSecond);
     // Serves the connections with requests in turn; true if any moved.
     bool ServeConnects();
     int ServeTurn(ConnectQueue& conn, CFileReadThreadReqRead* pReq);
     int StartRead(CFileReadThreadReqRead* pReq, int fd);
-    bool PeerIsBehind(const ConnectQueue& conn) const;
+    // Bytes the connection may still have queued for blocks of nGetSize.
+    unsigned long long QueueRoom(const ConnectQueue& conn, unsigned int nGetSize) const;
+    // Reads, sums and sends the next blocks of a started request, up to
+    // nMaxBlocks; TURN_MORE while the request goes on.
+    int ServeBatch(ConnectQueue& conn, CFileReadThreadReqRead* pReq, int fd, unsigned long long lFileSize,
+                   int nMaxBlocks, int& nServed);
     void ReleaseIdleBuffers();
     void SendFileAgentGetOk(unsigned int nDstWorkId, unsigned int nSrcWorkId, unsigned long long lBeginPos,
                             unsigned long long lTotalSize, char* pBuf, unsigned int nBufSize,
-                            unsigned int nFileAccessBit);
+                            unsigned int nFileAccessBit, const std::string& strMd5);
     void SendFileAgentGetFailed(int ret, unsigned int nDstWorkId, unsigned int nSrcWorkId, unsigned int nFileAccessBit);
     template <class T>
     void SendToServer(T& message);
@@ -131,9 +151,12 @@ private:
     // Request pointers from the manager; nothing else travels here.
     brel_lib::CDataBufferSTLDeque m_deqReq;
 
+    // The wait of an idle pass: until the buffers are to be released, if held.
+    unsigned int IdleWait() const;
+
     // The thread's own.
     brel_lib::CPacketBuffer m_packetBuf;
-    char* m_pReadFileBuf = nullptr;
+    char* m_pReadFileBuf = nullptr;  // a batch of blocks
     unsigned int m_nReadFileBufSize = 0;
     int m_nNowAppend = 0;
     unsigned int m_nNowConnectId = 0;

@@ -179,11 +179,24 @@ void CFileTransSvrManager::Run()
             ExitProcess(errno);
         }
     }
+    // A stop or a reload wakes the wait as well.
+    if (WakeFd() >= 0) {
+        epoll_event ev{};
+        ev.events = EPOLLIN;
+        ev.data.fd = WakeFd();
+        if (epoll_ctl(epfd, EPOLL_CTL_ADD, ev.data.fd, &ev) != 0) {
+            Log(LOG_LEVEL_ERROR, "CFileTransSvrManager::Run(epoll_ctl add queue fd is error, errno: %d)", errno);
+            ExitProcess(errno);
+        }
+    }
     time_t timePreTestAutoDelete = g_timeNow;
     m_timeLastCleanMd5Map = g_timeNow;
+    WatchAgentClock(this);
     while (m_nContinueRun != 0) {
-        epoll_event events[2];
-        epoll_wait(epfd, events, 2, WAIT_MILLISECOND);
+        epoll_event events[3];
+        if (epoll_wait(epfd, events, 3, MilliSecondsUntilAgentTime(NextDeadline(timePreTestAutoDelete))) > 0) {
+            TakeWakeUp();  // whatever woke the wait, the pass looks at everything
+        }
         DealRequests();
         for (int i = 0; i < TAKE_MAX && m_nContinueRun != 0; ++i) {
             unsigned int nSize = 0;
@@ -193,13 +206,13 @@ void CFileTransSvrManager::Run()
             DealFileClientReq(pData, nSize, static_cast<unsigned int>(nAppend));
             CDataBufferSTLDeque::FreePopData(pData);
         }
-        if (m_bPrintAgentInfo) {
-            m_bPrintAgentInfo = false;
-            PrintAgentInfo();
-        }
         if (m_bLoadCfg.exchange(false)) {
             LoadCfg(false);
             Log(LOG_LEVEL_INFO, "CFileTransSvrManager::Run(ReloadCfg)");
+        }
+        if (m_bPrintAgentInfo) {
+            m_bPrintAgentInfo = false;
+            PrintAgentInfo();
         }
         time_t tNow = g_timeNow;
         PullBack(timePreTestAutoDelete, tNow);
@@ -215,6 +228,7 @@ void CFileTransSvrManager::Run()
         DealIdleListener();
         m_nWorkCount.store(static_cast<unsigned int>(m_mapWork.size()), std::memory_order_relaxed);
     }
+    UnwatchAgentClock(this);
     close(epfd);
     m_tServerLastRunning = 0;
     m_networkServer.Stop();
@@ -226,6 +240,21 @@ void CFileTransSvrManager::Run()
     m_mapWork.clear();
     m_mapConnectIdThreadId.clear();
     m_mapClient.clear();
+}
+
+time_t CFileTransSvrManager::NextDeadline(time_t timePreTestAutoDelete) const
+{
+    time_t tNext = m_timeLastCleanMd5Map + MD5_CLEAN_SECOND + 1;
+    auto earlier = [&tNext](time_t t) {
+        if (t < tNext) tNext = t;
+    };
+    // Without works there is nothing to expire, and the listener's idle time runs.
+    if (!m_mapWork.empty()) {
+        earlier(timePreTestAutoDelete + AUTO_DELETE_SECOND + 1);
+    } else if (m_tServerLastRunning != 0) {
+        earlier(m_tServerLastRunning + m_nSvrThreadKeepTimeoutSecond);
+    }
+    return tNext;
 }
 
 void CFileTransSvrManager::DealRequests()

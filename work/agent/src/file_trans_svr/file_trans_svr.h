@@ -64,7 +64,11 @@ public:
     // Session, before Start.
     void SetCfgFile(const std::string& strCfgFile) { m_strCfgFile = strCfgFile; }
     // Any thread: the manager's thread reloads at its next pass.
-    void ReloadCfg() { m_bLoadCfg = true; }
+    void ReloadCfg()
+    {
+        m_bLoadCfg = true;
+        WakeUp();
+    }
 
     // Session thread: the checks of a create (stat, the user daemon, the
     // expected MD5), then the work is queued; 0, or the code to report.
@@ -114,6 +118,8 @@ private:
     void DealAutoDelete();
     void AutoDeleteWork(std::map<unsigned int, FileTransSvr>::iterator it, bool bMarkEnd);
     void DealIdleListener();
+    // The time the next timed step of the loop comes due.
+    time_t NextDeadline(time_t timePreTestAutoDelete) const;
     void PrintAgentInfo();
 
     void SendFileSrcToServerCreateOk(unsigned int nIp, unsigned short nPort);

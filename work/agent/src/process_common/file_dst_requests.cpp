@@ -21,41 +21,18 @@ void FillDstFailed(TRsp& rsp, int nRet, const TReq& req)
     rsp.routeSrcAgentId = static_cast<int>(g_nAgentId.load());
 }
 
-template <class TEnc, class TPlain>
-void CopyDstClearPart(const TEnc& enc, TPlain& plain)
-{
-    plain.workId = enc.workId;
-    plain.routeDstAgentId = enc.routeDstAgentId;
-    plain.routeSrcServerIp = enc.routeSrcServerIp;
-    plain.routeSrcServerId = enc.routeSrcServerId;
-}
-
 } // namespace
 
-// A known id is answered by silence; only an accepted create or delete is
-// remembered, so that a refused one may be tried again.
 void CProcessCommon::ReqFileDstCreate(ReqWorkFileDstCreate* pReq, int nAppend)
 {
-    unsigned int nWorkId = static_cast<unsigned int>(pReq->workId.value);
-    if (m_mapCreatedWorkId.count(nWorkId) != 0) return;
-    int ret = m_fileTransClientManager.CreateTransClient(pReq, nAppend);
-    if (ret != 0) {
-        SendFileDstToServerCreateFailed(ret, *pReq, nAppend);
-        return;
-    }
-    m_mapCreatedWorkId[nWorkId] = static_cast<long>(g_timeNow);
+    ServeOnce(m_mapCreatedWorkId, pReq, nAppend, &CProcessCommon::SendFileDstToServerCreateFailed,
+              [&] { return m_fileTransClientManager.CreateTransClient(pReq, nAppend); });
 }
 
 void CProcessCommon::ReqFileDstCreate2(ReqWorkFileDstCreate2* pReq, int nAppend)
 {
-    unsigned int nWorkId = static_cast<unsigned int>(pReq->workId.value);
-    if (m_mapCreatedWorkId.count(nWorkId) != 0) return;
-    int ret = m_fileTransClientManager.CreateTransClient2(pReq, nAppend);
-    if (ret != 0) {
-        SendFileDstToServerCreate2Failed(ret, *pReq, nAppend);
-        return;
-    }
-    m_mapCreatedWorkId[nWorkId] = static_cast<long>(g_timeNow);
+    ServeOnce(m_mapCreatedWorkId, pReq, nAppend, &CProcessCommon::SendFileDstToServerCreate2Failed,
+              [&] { return m_fileTransClientManager.CreateTransClient2(pReq, nAppend); });
 }
 
 void CProcessCommon::ReqFileDstSetAction(ReqWorkFileDstSetAction* pReq, int nAppend)
@@ -72,24 +49,12 @@ void CProcessCommon::ReqFileDstQuery(ReqWorkFileDstQuery* pReq, int nAppend)
 
 void CProcessCommon::ReqFileDstDelete(ReqWorkFileDstDelete* pReq, int nAppend)
 {
-    unsigned int nWorkId = static_cast<unsigned int>(pReq->workId.value);
-    if (m_mapDeletedWorkId.count(nWorkId) != 0) return;
-    int ret = m_fileTransClientManager.DeleteWork(pReq, nAppend);
-    if (ret != 0) {
-        SendFileDstToServerDeleteFailed(ret, *pReq, nAppend);
-        return;
-    }
-    m_mapDeletedWorkId[nWorkId] = static_cast<long>(g_timeNow);
+    ServeOnce(m_mapDeletedWorkId, pReq, nAppend, &CProcessCommon::SendFileDstToServerDeleteFailed,
+              [&] { return m_fileTransClientManager.DeleteWork(pReq, nAppend); });
 }
 
-void CProcessCommon::ReqFileDstCreateEnc(ReqWorkFileDstCreateEnc* pReq, int nAppend)
+void CProcessCommon::FillFromEncData(const ReqWorkFileDstCreateEncData& data, ReqWorkFileDstCreate& plain)
 {
-    ReqWorkFileDstCreateEncData data;
-    if (!m_sessionKeys.DecryptEncData("ReqFileDstCreateEnc", static_cast<unsigned int>(pReq->keySn.value),
-                                      pReq->encData, data))
-        return;
-    ReqWorkFileDstCreate plain;
-    CopyDstClearPart(*pReq, plain);
     plain.srcFile = data.srcFile;
     plain.dstPath = data.dstPath;
     plain.srcServerIp = data.srcServerIp;
@@ -97,17 +62,12 @@ void CProcessCommon::ReqFileDstCreateEnc(ReqWorkFileDstCreateEnc* pReq, int nApp
     plain.srcWorkId = data.srcWorkId;
     plain.flag = data.flag;
     plain.timeout = data.timeout;
-    ReqFileDstCreate(&plain, nAppend);
 }
 
-void CProcessCommon::ReqFileDstCreate2Enc(ReqWorkFileDstCreate2Enc* pReq, int nAppend)
+// The two lists of addresses are of different types: copied element by
+// element, which moves the current element of data's list.
+void CProcessCommon::FillFromEncData(ReqWorkFileDstCreate2EncData& data, ReqWorkFileDstCreate2& plain)
 {
-    ReqWorkFileDstCreate2EncData data;
-    if (!m_sessionKeys.DecryptEncData("ReqFileDstCreate2Enc", static_cast<unsigned int>(pReq->keySn.value),
-                                      pReq->encData, data))
-        return;
-    ReqWorkFileDstCreate2 plain;
-    CopyDstClearPart(*pReq, plain);
     plain.srcFile = data.srcFile;
     plain.dstPath = data.dstPath;
     data.srcServerIp.SetCurrToFirst();
@@ -122,19 +82,27 @@ void CProcessCommon::ReqFileDstCreate2Enc(ReqWorkFileDstCreate2Enc* pReq, int nA
     plain.modifyTime = data.modifyTime;
     plain.totalSizeHigh = data.totalSizeHigh;
     plain.totalSizeLow = data.totalSizeLow;
-    ReqFileDstCreate2(&plain, nAppend);
+}
+
+void CProcessCommon::FillFromEncData(const ReqWorkFileDstSetActionEncData& data, ReqWorkFileDstSetAction& plain)
+{
+    plain.action = data.action;
+}
+
+void CProcessCommon::ReqFileDstCreateEnc(ReqWorkFileDstCreateEnc* pReq, int nAppend)
+{
+    ServeEnc<ReqWorkFileDstCreateEncData>("ReqFileDstCreateEnc", pReq, nAppend, &CProcessCommon::ReqFileDstCreate);
+}
+
+void CProcessCommon::ReqFileDstCreate2Enc(ReqWorkFileDstCreate2Enc* pReq, int nAppend)
+{
+    ServeEnc<ReqWorkFileDstCreate2EncData>("ReqFileDstCreate2Enc", pReq, nAppend, &CProcessCommon::ReqFileDstCreate2);
 }
 
 void CProcessCommon::ReqFileDstSetActionEnc(ReqWorkFileDstSetActionEnc* pReq, int nAppend)
 {
-    ReqWorkFileDstSetActionEncData data;
-    if (!m_sessionKeys.DecryptEncData("ReqFileDstSetActionEnc", static_cast<unsigned int>(pReq->keySn.value),
-                                      pReq->encData, data))
-        return;
-    ReqWorkFileDstSetAction plain;
-    CopyDstClearPart(*pReq, plain);
-    plain.action = data.action;
-    ReqFileDstSetAction(&plain, nAppend);
+    ServeEnc<ReqWorkFileDstSetActionEncData>("ReqFileDstSetActionEnc", pReq, nAppend,
+                                             &CProcessCommon::ReqFileDstSetAction);
 }
 
 // The failure replies of the requests in hand.

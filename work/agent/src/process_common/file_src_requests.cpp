@@ -30,14 +30,8 @@ void CProcessCommon::ServeFileSrcCreate(ReqWorkFileSrcCreate* pReq, const std::s
 
 void CProcessCommon::ReqFileSrcDelete(ReqWorkFileSrcDelete* pReq, int nAppend)
 {
-    unsigned int nWorkId = static_cast<unsigned int>(pReq->workId.value);
-    if (m_mapDeletedWorkId.count(nWorkId) != 0) return;
-    int ret = m_fileTransSvrManager.DeleteTransSvr(pReq, nAppend);
-    if (ret != 0) {
-        SendFileSrcToServerDeleteFailed(ret, *pReq, nAppend);
-        return;
-    }
-    m_mapDeletedWorkId[nWorkId] = static_cast<long>(g_timeNow);
+    ServeOnce(m_mapDeletedWorkId, pReq, nAppend, &CProcessCommon::SendFileSrcToServerDeleteFailed,
+              [&] { return m_fileTransSvrManager.DeleteTransSvr(pReq, nAppend); });
 }
 
 void CProcessCommon::ReqFileSrcCreateEnc(ReqWorkFileSrcCreateEnc* pReq, int nAppend)
@@ -46,10 +40,7 @@ void CProcessCommon::ReqFileSrcCreateEnc(ReqWorkFileSrcCreateEnc* pReq, int nApp
     unsigned int nKeySn = static_cast<unsigned int>(pReq->keySn.value);
     if (!m_sessionKeys.DecryptEncData("ReqFileSrcCreateEnc", nKeySn, pReq->encData, data)) return;
     ReqWorkFileSrcCreate plain;
-    plain.workId = pReq->workId;
-    plain.routeDstAgentId = pReq->routeDstAgentId;
-    plain.routeSrcServerIp = pReq->routeSrcServerIp;
-    plain.routeSrcServerId = pReq->routeSrcServerId;
+    CopyClearPart(*pReq, plain);
     plain.srcFile = data.srcFile;
     plain.dstIp = data.dstIp;
     plain.flag = data.flag;

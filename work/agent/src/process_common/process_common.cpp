@@ -19,36 +19,14 @@ namespace {
 
 const unsigned int PACKET_BUF_SIZE = 524288;
 // Consumers of the receive buffer wait this long, so the timers run between packets.
-const unsigned int REV_WAIT_MILLISECOND = 100;
+// The wait after a pass that found a timer still due: never a busy loop.
+const unsigned int DUE_WAIT_MILLISECOND = 100;
 // The history is swept after more than this many seconds.
 const time_t HISTORY_SWEEP_SECOND = 179;
 // A history map beyond this size loses its lowest work ids first.
 const size_t HISTORY_MAX_ENTRIES = 1000;
 // Requests for a new server go out with the first heartbeats only.
 const int GET_NEW_WS_TIMES = 2;
-
-// The clear part of an encrypted request, the same in every form: the work id
-// and the route. The rest of the plain record comes from the EncData record.
-template <class TEnc, class TPlain>
-void CopyClearPart(const TEnc& enc, TPlain& plain)
-{
-    plain.workId = enc.workId;
-    plain.routeDstAgentId = enc.routeDstAgentId;
-    plain.routeSrcServerIp = enc.routeSrcServerIp;
-    plain.routeSrcServerId = enc.routeSrcServerId;
-}
-
-// The secret fields of the encrypted command requests, into the plain record.
-void FillFromEncData(const ReqWorkCmdCreateEncData& data, ReqWorkCmdCreate& plain)
-{
-    plain.flag = data.flag;
-    plain.timeout = data.timeout;
-    plain.bufSize = data.bufSize;
-    plain.execUser = data.execUser;
-    plain.cmd = data.cmd;
-}
-
-void FillFromEncData(const ReqWorkCmdSetActionEncData& data, ReqWorkCmdSetAction& plain) { plain.action = data.action; }
 
 } // namespace
 
@@ -169,6 +147,7 @@ void CProcessCommon::ReloadCfg()
 {
     Log(LOG_LEVEL_INFO, "CProcessCommon::ReloadCfg");
     LoadCfg();
+    WakeUp();  // the periods may have changed
     m_taskManager.ReloadCfg();
     m_fileTransSvrManager.ReloadCfg();
     m_fileTransClientManager.ReloadCfg();
@@ -212,6 +191,7 @@ void CProcessCommon::NetConnected(BREL_NET_CALLBACK_TYPE type)
     if (type != BREL_CONNECT_OK) return;
     g_agentCounters.lLinkConnects.fetch_add(1, std::memory_order_relaxed);
     m_timePreSendHeartbeat = AgentTime() - m_nHeartbeatSecond + 2;
+    WakeUp();  // the session thread waits for the old schedule
 }
 
 // ---- the loop ----------------------------------------------------------------------
@@ -220,24 +200,46 @@ void CProcessCommon::Run()
 {
     int nGetNewWsLeft = GET_NEW_WS_TIMES;
     time_t tNow = AgentTime();
-    g_timeNow = tNow;
     m_timePreAdjustBuf = m_timePreSweepHistory = m_timePreRespondHeartbeat = tNow;
+    WatchAgentClock(this);
     while (m_nContinueRun != 0) {
         DealTimers(nGetNewWsLeft);
+        // A packet, a stop, a new schedule or a moved clock wakes the wait; otherwise
+        // it lasts until the next timer comes due.
+        int nWait = MilliSecondsUntilAgentTime(NextTimer());
         unsigned int nLength = 0;
-        char* pData = static_cast<char*>(m_revDataBuffer.GetFrontAndPop(nLength, REV_WAIT_MILLISECOND));
+        char* pData = static_cast<char*>(
+            m_revDataBuffer.GetFrontAndPop(nLength, nWait > 0 ? static_cast<unsigned int>(nWait) : DUE_WAIT_MILLISECOND));
         if (pData != nullptr) {
             DealReq(pData, nLength);
             CDataBufferSTLDeque::FreePopData(pData);
         }
     }
+    UnwatchAgentClock(this);
     SendExitNotice();
+}
+
+void CProcessCommon::WakeUp() { m_revDataBuffer.WakeTaker(); }
+
+time_t CProcessCommon::NextTimer()
+{
+    time_t tNext = m_timePreSendHeartbeat + m_nHeartbeatSecond;
+    auto earlier = [&tNext](time_t t) {
+        if (t < tNext) tNext = t;
+    };
+    earlier(m_timePreRespondHeartbeat + m_nServerHeartbeatRespondSecond);
+    earlier(m_timePreAdjustBuf + m_nAsnBufferAutoAdjustSecond);
+    earlier(m_timePreSweepHistory + HISTORY_SWEEP_SECOND + 1);
+    earlier(m_sessionKeys.NextUpdateTime(m_bHeartbeat));
+    earlier(g_fileTransCache.NextAutoDelete());
+    time_t tMetrics = m_metrics.NextDueAt(AgentTime());
+    if (tMetrics != 0) earlier(tMetrics);  // 0: no metrics file
+    return tNext;
 }
 
 void CProcessCommon::DealTimers(int& nGetNewWsLeft)
 {
     time_t tNow = AgentTime();
-    g_timeNow = tNow;
     time_t tPreSend = m_timePreSendHeartbeat;
     if (tPreSend > tNow) m_timePreSendHeartbeat.compare_exchange_strong(tPreSend, tNow);
     PullBack(m_timePreRespondHeartbeat, tNow);
@@ -525,30 +527,28 @@ void CProcessCommon::DealRspSessionKey(RspSessionKey* pRsp, int)
     if (m_sessionKeys.DealResponse(*pRsp, used)) SendToServer(used, 0);
 }
 
-// The plain form of an encrypted command request is rebuilt from the clear part
-// (work id and route) and the decrypted EncData record, and served as a plain
-// request from there on. A request whose key is unknown gets no answer.
-template <class TData, class TEnc, class TPlain>
-void CProcessCommon::ServeCmdEnc(const char* szHandler, TEnc* pReq, int nAppend,
-                                 void (CProcessCommon::*fnServe)(TPlain*, int))
+void CProcessCommon::FillFromEncData(const ReqWorkCmdCreateEncData& data, ReqWorkCmdCreate& plain)
 {
-    TData data;
-    unsigned int nKeySn = static_cast<unsigned int>(pReq->keySn.value);
-    if (!m_sessionKeys.DecryptEncData(szHandler, nKeySn, pReq->encData, data)) return;
-    TPlain plain;
-    CopyClearPart(*pReq, plain);
-    FillFromEncData(data, plain);
-    (this->*fnServe)(&plain, nAppend);
+    plain.flag = data.flag;
+    plain.timeout = data.timeout;
+    plain.bufSize = data.bufSize;
+    plain.execUser = data.execUser;
+    plain.cmd = data.cmd;
+}
+
+void CProcessCommon::FillFromEncData(const ReqWorkCmdSetActionEncData& data, ReqWorkCmdSetAction& plain)
+{
+    plain.action = data.action;
 }
 
 void CProcessCommon::ReqCmdCreateEnc(ReqWorkCmdCreateEnc* pReq, int nAppend)
 {
-    ServeCmdEnc<ReqWorkCmdCreateEncData>("ReqCmdCreateEnc", pReq, nAppend, &CProcessCommon::ReqCmdCreate);
+    ServeEnc<ReqWorkCmdCreateEncData>("ReqCmdCreateEnc", pReq, nAppend, &CProcessCommon::ReqCmdCreate);
 }
 
 void CProcessCommon::ReqCmdSetActionEnc(ReqWorkCmdSetActionEnc* pReq, int nAppend)
 {
-    ServeCmdEnc<ReqWorkCmdSetActionEncData>("ReqCmdSetActionEnc", pReq, nAppend, &CProcessCommon::ReqCmdSetAction);
+    ServeEnc<ReqWorkCmdSetActionEncData>("ReqCmdSetActionEnc", pReq, nAppend, &CProcessCommon::ReqCmdSetAction);
 }
 
 // ---- heartbeat, agent info, exit notice ---------------------------------------------

@@ -16,6 +16,7 @@
 
 #include "asn_parse.h"
 #include "cmd_execute/cmd_execute.h"
+#include "common/agent_globals.h"
 #include "common/reply_route.h"
 #include "common/session_reply.h"
 #include "data_buffer.h"
@@ -54,6 +55,8 @@ public:
     void NetConnected(brel_lib::BREL_NET_CALLBACK_TYPE type);
 
     void Run() override;
+    // Any thread: the session looks at its flag and its timers now.
+    void WakeUp() override;
 
 private:
     // Every handler gets the request and the append of its envelope.
@@ -101,6 +104,23 @@ private:
     void SendCmdToServerDeleteFailed(int nRet, unsigned int nWorkId, const ReplyRoute& route);
     void NotServedYet(Zik& body, int nAppend);
 
+    // A create or delete of a file work: a known id is answered by silence;
+    // fnServe is the manager's call, and only an accepted request is
+    // remembered, so that a refused one may be tried again.
+    template <class TReq, class FServe>
+    void ServeOnce(std::map<unsigned int, long>& mapHistory, TReq* pReq, int nAppend,
+                   void (CProcessCommon::*fnFailed)(int, const TReq&, int), FServe fnServe)
+    {
+        unsigned int nWorkId = static_cast<unsigned int>(pReq->workId.value);
+        if (mapHistory.count(nWorkId) != 0) return;
+        int ret = fnServe();
+        if (ret != 0) {
+            (this->*fnFailed)(ret, *pReq, nAppend);
+            return;
+        }
+        mapHistory[nWorkId] = static_cast<long>(g_timeNow);
+    }
+
     // File source requests (file_src_requests.cpp): a repeated create or
     // delete is answered by silence; the manager answers the rest itself.
     void ReqFileSrcCreate(ReqWorkFileSrcCreate* pReq, int nAppend);
@@ -131,6 +151,8 @@ private:
 
     // Timers of one pass, and the history sweep.
     void DealTimers(int& nGetNewWsLeft);
+    // The time the next timer of DealTimers comes due.
+    time_t NextTimer();
     void SweepHistory(std::map<unsigned int, long>& mapHistory, time_t tNow);
 
     // Heartbeat, agent info, exit notice and buffer shrink.
@@ -147,9 +169,36 @@ private:
     // Session keys and the encrypted requests.
     void ReqUpdateSessionKey();
     void DealRspSessionKey(RspSessionKey* pRsp, int nAppend);
-    // The one line of the encrypted command requests; TData is the EncData record.
+    // The one line of the encrypted requests: the plain form is rebuilt from the
+    // clear part (work id and route) and the decrypted EncData record TData, and
+    // served as a plain request from there on. A request whose key is unknown
+    // gets no answer.
     template <class TData, class TEnc, class TPlain>
-    void ServeCmdEnc(const char* szHandler, TEnc* pReq, int nAppend, void (CProcessCommon::*fnServe)(TPlain*, int));
+    void ServeEnc(const char* szHandler, TEnc* pReq, int nAppend, void (CProcessCommon::*fnServe)(TPlain*, int))
+    {
+        TData data;
+        unsigned int nKeySn = static_cast<unsigned int>(pReq->keySn.value);
+        if (!m_sessionKeys.DecryptEncData(szHandler, nKeySn, pReq->encData, data)) return;
+        TPlain plain;
+        CopyClearPart(*pReq, plain);
+        FillFromEncData(data, plain);
+        (this->*fnServe)(&plain, nAppend);
+    }
+    // The clear part of an encrypted request, the same in every form.
+    template <class TEnc, class TPlain>
+    static void CopyClearPart(const TEnc& enc, TPlain& plain)
+    {
+        plain.workId = enc.workId;
+        plain.routeDstAgentId = enc.routeDstAgentId;
+        plain.routeSrcServerIp = enc.routeSrcServerIp;
+        plain.routeSrcServerId = enc.routeSrcServerId;
+    }
+    // The secret fields of each encrypted request, into its plain record.
+    static void FillFromEncData(const ReqWorkCmdCreateEncData& data, ReqWorkCmdCreate& plain);
+    static void FillFromEncData(const ReqWorkCmdSetActionEncData& data, ReqWorkCmdSetAction& plain);
+    static void FillFromEncData(const ReqWorkFileDstCreateEncData& data, ReqWorkFileDstCreate& plain);
+    static void FillFromEncData(ReqWorkFileDstCreate2EncData& data, ReqWorkFileDstCreate2& plain);
+    static void FillFromEncData(const ReqWorkFileDstSetActionEncData& data, ReqWorkFileDstSetAction& plain);
     void ReqCmdCreateEnc(ReqWorkCmdCreateEnc* pReq, int nAppend);
     void ReqCmdSetActionEnc(ReqWorkCmdSetActionEnc* pReq, int nAppend);
 

@@ -109,14 +109,17 @@ void CProcessCommon::DealConnectToNewServer(unsigned int nNewServerIp, unsigned 
     std::vector<CNetworkClientBrel::ServerInfo> vecNew{{strNewServerIp, nNewServerPort}};
     if (nNewServerSlaveIp != 0 && nNewServerSlavePort != 0) vecNew.push_back({strNewServerSlaveIp, nNewServerSlavePort});
     m_pNetwork->ReplaceServers(vecNew);
+    // Decided by the link's state as the order arrives, taken before the flag:
+    // the flag wakes the link at once, which then drops the old connection.
+    // As long as a link exists the move counts as done, and the file is
+    // rewritten to outlive a restart.
+    bool bConnected = m_pNetwork->IsConnected();
     if (strNowServerIp != strNewServerIp || nNowServerPort != nNewServerPort) {
         m_pNetwork->SetFlag(CNetworkClientBrel::NET_FLAG_CONNECT_NEW_SERVER);
     }
     if (m_nContinueRun == 0) return;
 
-    // Decided by the link's state at this moment: as long as a link exists the
-    // move counts as done, and the file is rewritten to outlive a restart.
-    if (m_pNetwork->IsConnected()) {
+    if (bConnected) {
         Log(LOG_LEVEL_INFO, "CProcessCommon::DealConnectToNewServer(we connected to the new server, ip: %s, port: %hu)",
             strNewServerIp.c_str(), nNewServerPort);
         char szCommand[1024];

@@ -60,6 +60,19 @@ bool CSessionKeys::NeedUpdate(bool bHeartbeatSent) const
     return tNow - newest.beginTime + SESSION_KEY_SPACING_SECOND > static_cast<int>(newest.validSecond);
 }
 
+time_t CSessionKeys::NextUpdateTime(bool bHeartbeatSent) const
+{
+    // Without a heartbeat answer nothing is due: the answer itself wakes the session.
+    if (!bHeartbeatSent) return TIME_NEVER;
+    time_t tSpaced = m_timeReqUpdateSessionKey + SESSION_KEY_SPACING_SECOND;
+    if (m_vecSessionKey.empty()) return tSpaced;
+    time_t tDue = m_timePreUpdateSessionKey + m_nSessionKeyUpdateSecond;
+    const SessionKey& newest = m_vecSessionKey.front();
+    time_t tRenew = newest.beginTime + static_cast<time_t>(newest.validSecond) - SESSION_KEY_SPACING_SECOND + 1;
+    if (tRenew < tDue) tDue = tRenew;
+    return tDue > tSpaced ? tDue : tSpaced;
+}
+
 template <class T>
 bool CSessionKeys::EncryptForServer(const char* szFunction, T& encData, std::string& strOut)
 {

@@ -28,6 +28,8 @@ public:
     void PullBackClock(time_t tNow);
     // True when a new key is to be asked for; never before the first heartbeat.
     bool NeedUpdate(bool bHeartbeatSent) const;
+    // The time from which NeedUpdate turns true, or TIME_NEVER.
+    time_t NextUpdateTime(bool bHeartbeatSent) const;
     // Builds the request for a new key; false after logging.
     bool MakeRequest(ReqSessionKey& req);
     // Checks the server's answer, builds the confirmation and keeps the key;
