@@ -2,7 +2,6 @@
 // main thread does while the agent runs (the watch of the signal flags, the
 // reload, the agent id refresh) is in agent_main_loop.cpp.
 #include <errno.h>
-#include <malloc.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/resource.h>
@@ -92,11 +91,6 @@ int main(int argc, char* argv[])
         return 0;
     }
 
-    // Data blocks come and go by the thousand on the file threads. Keep them in
-    // their own mappings, given back whole when freed: left to the allocator, the
-    // mmap threshold rises after the first freed block and later blocks settle in
-    // the threads' heap arenas, whose pages stay resident at the peak.
-    mallopt(M_MMAP_THRESHOLD, 64 * 1024);
     LoadMainCfgAtStart();
     Log(LOG_LEVEL_INFO, "we start");
 
