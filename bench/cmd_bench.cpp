@@ -57,11 +57,7 @@ double BareForkExec()
 
 int main()
 {
-    std::string strWhy;
-    if (!CanRunEndToEnd(strWhy)) {
-        printf("skipped: %s\n", strWhy.c_str());
-        return 0;
-    }
+    if (!CanRunEndToEndOrSaySkipped()) return 0;
     const int nWorks = EnvInt("BENCH_WORKS", 200);
     TestWorkServer server;
     server.SetAnswerHeartbeats(true);

@@ -95,11 +95,7 @@ void Line(const char* szWhat, double dAgent, double dBare, const char* szGoal)
 
 int main()
 {
-    std::string strWhy;
-    if (!CanRunEndToEnd(strWhy)) {
-        printf("skipped: %s\n", strWhy.c_str());
-        return 0;
-    }
+    if (!CanRunEndToEndOrSaySkipped()) return 0;
     const char* szSeconds = getenv("BENCH_IDLE_SECONDS");
     const int nSeconds = szSeconds != nullptr && atoi(szSeconds) > 0 ? atoi(szSeconds) : 60;
     TestWorkServer server;

@@ -406,11 +406,7 @@ bool RunWork(Agent& cmd, Agent& src, unsigned int nFirstId, unsigned int nComman
 
 int main()
 {
-    std::string strWhy;
-    if (!CanRunEndToEnd(strWhy)) {
-        printf("skipped: %s\n", strWhy.c_str());
-        return 0;
-    }
+    if (!CanRunEndToEndOrSaySkipped()) return 0;
     double dScale = EnvDouble("SOAK_SCALE", 1.0);
     double dRate = EnvDouble("SOAK_CLOCK_RATE", 10.0);
     Plan plan;

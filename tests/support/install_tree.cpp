@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/prctl.h>
@@ -41,6 +42,14 @@ bool CanRunEndToEnd(std::string& strWhy)
         return false;
     }
     return true;
+}
+
+bool CanRunEndToEndOrSaySkipped()
+{
+    std::string strWhy;
+    if (CanRunEndToEnd(strWhy)) return true;
+    printf("skipped: %s\n", strWhy.c_str());
+    return false;
 }
 
 std::string ReadFile(const std::string& strPath)

@@ -14,6 +14,8 @@ namespace agent_test {
 
 // True when the end-to-end tests may run (they need root, as in CI).
 bool CanRunEndToEnd(std::string& strWhy);
+// The same for a benchmark's main: false after printing "skipped: " and why.
+bool CanRunEndToEndOrSaySkipped();
 
 // A directory under /tmp, removed with all it holds at the end (kept when
 // AGENT_TEST_KEEP is set, for a look after a failure).
