@@ -128,12 +128,7 @@ double Transfer(Agent& src, Agent& dst, unsigned int nWorkId, const std::string&
         result.ret.value != 0)
         return -1;
     std::chrono::duration<double> d = std::chrono::steady_clock::now() - start;
-    ReqWorkFileDstDelete del;
-    del.workId = static_cast<int>(nWorkId);
-    dst.pServer->Send(del, 4);
-    ReqWorkFileSrcDelete delSrc;
-    delSrc.workId = static_cast<int>(nWorkId);
-    src.pServer->Send(delSrc, 5);
+    DeleteTransferWorks(*dst.pServer, nWorkId, *src.pServer, nWorkId);
     return d.count();
 }
 

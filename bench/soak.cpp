@@ -236,12 +236,7 @@ bool RunTransfer(Agent& src, Agent& dst, unsigned int nNumber, const std::string
                dst.Expect(Zik::rspWorkFileDstSetActionCid, nDstId) &&
                dst.Expect(Zik::rspWorkFileDstQueryCid, nDstId);
     if (SteadyMs() - lStart >= g_nRegetMs) ++g_nSlowTransfers;
-    ReqWorkFileDstDelete delDst;
-    delDst.workId = static_cast<int>(nDstId);
-    dst.pServer->Send(delDst, 4);
-    ReqWorkFileSrcDelete delSrc;
-    delSrc.workId = static_cast<int>(nSrcId);
-    src.pServer->Send(delSrc, 5);
+    DeleteTransferWorks(*dst.pServer, nDstId, *src.pServer, nSrcId);
     bOk = dst.Expect(Zik::rspWorkFileDstDeleteCid, nDstId) && src.Expect(Zik::rspWorkFileSrcDeleteCid, nSrcId) && bOk;
     return bOk;
 }

@@ -107,4 +107,17 @@ bool TestWorkServer::Send(T& message, int nAppend)
     return SendRaw(EncodeMessage(message, nAppend));
 }
 
+// The end of a transfer as a work server does it: the destination's work is
+// deleted (append 4), then the source's (append 5), each through its agent's server.
+inline void DeleteTransferWorks(TestWorkServer& dst, unsigned int nDstWorkId, TestWorkServer& src,
+                                unsigned int nSrcWorkId)
+{
+    ReqWorkFileDstDelete delDst;
+    delDst.workId = static_cast<int>(nDstWorkId);
+    dst.Send(delDst, 4);
+    ReqWorkFileSrcDelete delSrc;
+    delSrc.workId = static_cast<int>(nSrcWorkId);
+    src.Send(delSrc, 5);
+}
+
 } // namespace agent_test
