@@ -3,32 +3,26 @@
 // for the source agent: the sweep's codes on the moved clock, the flags, the
 // pipeline, master and slave, and the encrypted requests. The codes that the
 // real agent shows from outside are in e2e_file_dst_codes_test.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "file_peer.h"
 #include "md5.h"
-#include "server_crypto.h"
 #include "session_harness.h"
 
 using namespace agent_test;
 
 namespace {
 
-unsigned int Loopback()
-{
-    unsigned int nIp = 0;
-    inet_pton(AF_INET, "127.0.0.1", &nIp);
-    return nIp;
-}
+const unsigned int LOOPBACK = SessionHarness::Loopback();
+const char* const NO_REGET_TIMEOUTS =
+    "file_trans_client_reget_timeout_second = 100000\nfile_trans_client_reget_failed_timeout_second = 100000\n";
 
-size_t Occurrences(const std::string& strText, const std::string& strWhat)
+bool Exists(const std::string& strPath)
 {
-    size_t n = 0;
-    for (size_t i = strText.find(strWhat); i != std::string::npos; i = strText.find(strWhat, i + 1)) ++n;
-    return n;
+    struct stat st;
+    return stat(strPath.c_str(), &st) == 0;
 }
 
 // The session with the destination, and a peer listening where the source would.
@@ -38,58 +32,20 @@ protected:
     {
         m_pSession = std::make_unique<SessionHarness>("work_history_keep_second = 10\n" + strConfig);
         if (bKeys) {
-            ASSERT_TRUE(MakeRsaKeyPair(S().Path("private.pem"), S().Path("etc/publickey.pem")));
+            ASSERT_TRUE(S().MakeKeys());
         }
         m_pSession->Start();
     }
-
-    // Answers the session's first key request with m_strKey.
-    void EstablishKey()
-    {
-        ReqSessionKey req;
-        ASSERT_TRUE(S().Next(req, 5000));
-        ReqSessionKeyEncData data;
-        ASSERT_TRUE(DecodeRecord(
-            RsaPrivateDecrypt(S().Path("private.pem"), std::string(req.encData.octs, req.encData.octetLen)), data));
-        RspSessionKeyEncData answer;
-        answer.keyData.ReSet(m_strKey.data(), m_strKey.size());
-        answer.keyId = 77;
-        answer.keySn = data.keySn;
-        answer.validSecond = 1000000;
-        std::string strEnc = AesEncrypt(std::string(data.oldKeyData.octs, data.oldKeyData.octetLen), EncodeRecord(answer));
-        RspSessionKey rsp;
-        rsp.moduleType = 2;
-        rsp.keyId = 77;
-        rsp.encData.ReSet(strEnc.data(), strEnc.size());
-        S().Send(rsp);
-        RspSessionKeyUsed used;
-        ASSERT_TRUE(S().Next(used, 3000));
-        m_nKeySn = static_cast<unsigned int>(data.keySn.value);
-    }
-    template <class TEnc, class TData>
-    void SendEnc(TData& data, unsigned int nWorkId)
-    {
-        std::string strEnc = AesEncrypt(m_strKey, EncodeRecord(data));
-        TEnc req;
-        req.encData.ReSet(strEnc.data(), strEnc.size());
-        req.keySn = static_cast<int>(m_nKeySn);
-        req.workId = static_cast<int>(nWorkId);
-        req.routeSrcServerIp = 31;
-        req.routeSrcServerId = 32;
-        S().Send(req, 44);
-    }
-    std::string m_strKey = "0123456789abcdef";
-    unsigned int m_nKeySn = 0;
     SessionHarness& S() { return *m_pSession; }
 
-    void SendCreate(unsigned int nWorkId, const std::string& strDstPath, int nFlag = 0, unsigned int nIp = Loopback(),
-                    unsigned short nPort = 0, int nTimeout = 0)
+    void SendCreate(unsigned int nWorkId, const std::string& strDstPath, int nFlag = 0, int nTimeout = 0,
+                    unsigned short nPort = 0)
     {
         ReqWorkFileDstCreate req;
         req.workId = static_cast<int>(nWorkId);
         req.srcFile = "/src/file";
         req.dstPath.Set(strDstPath.data(), strDstPath.size());
-        req.srcServerIp = static_cast<int>(nIp);
+        req.srcServerIp = static_cast<int>(LOOPBACK);
         req.srcServerPort = nPort == 0 ? m_source.Port() : nPort;
         req.srcWorkId = 9;
         req.flag = nFlag;
@@ -98,17 +54,17 @@ protected:
         req.routeSrcServerId = 22;
         S().Send(req, static_cast<int>(nWorkId));
     }
-    void SendCreate2(unsigned int nWorkId, const std::string& strDstPath, int nFlag, unsigned long long lSize,
-                     const std::vector<unsigned int>& vecIp, int nTimeout = 0)
+    // A slave-capable create of the cache file (flag 0x400) from the loopback source.
+    void SendCreate2(unsigned int nWorkId, const std::string& strDstPath, unsigned long long lSize, int nTimeout = 0)
     {
         ReqWorkFileDstCreate2 req;
         req.workId = static_cast<int>(nWorkId);
         req.srcFile = "/src/file";
         req.dstPath.Set(strDstPath.data(), strDstPath.size());
-        for (unsigned int nIp : vecIp) *req.srcServerIp.Append() = static_cast<int>(nIp);
+        *req.srcServerIp.Append() = static_cast<int>(LOOPBACK);
         req.srcServerPort = m_source.Port();
         req.srcWorkId = 9;
-        req.flag = nFlag;
+        req.flag = 0x400;
         req.firstSrcFile = "/first/name";
         req.totalSizeHigh = static_cast<int>(lSize >> 32);
         req.totalSizeLow = static_cast<int>(lSize & 0xFFFFFFFFU);
@@ -134,26 +90,40 @@ protected:
         S().Send(req, 40);
         return RetFor<TRsp>(nWorkId, 3000, pOut);
     }
-    bool Result(unsigned int nWorkId, RspWorkFileDstQuery& out, int nTimeoutMs = 5000)
+    int Action(unsigned int nWorkId) { return Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(nWorkId); }
+    int Delete(unsigned int nWorkId) { return Ask<ReqWorkFileDstDelete, RspWorkFileDstDelete>(nWorkId); }
+    int Query(unsigned int nWorkId, RspWorkFileDstQuery* pOut = nullptr)
     {
-        return S().NextWhere(
-            out,
-            [&](const RspWorkFileDstQuery& m) {
-                return static_cast<unsigned int>(m.workId.value) == nWorkId && m.status.value == 2;
-            },
-            nTimeoutMs);
+        return Ask<ReqWorkFileDstQuery, RspWorkFileDstQuery>(nWorkId, pOut);
+    }
+    // A plain create and its start; false unless both answer 0.
+    bool CreateAndStart(unsigned int nWorkId, const std::string& strDst, int nTimeout = 0)
+    {
+        SendCreate(nWorkId, strDst, 0, nTimeout);
+        return CreateRet(nWorkId) == 0 && Action(nWorkId) == 0;
+    }
+    // The work's unasked report with status 2: its ret, -1 when none came.
+    int Result(unsigned int nWorkId, int nTimeoutMs = 5000, RspWorkFileDstQuery* pOut = nullptr)
+    {
+        RspWorkFileDstQuery rsp;
+        auto done = [&](const RspWorkFileDstQuery& m) {
+            return static_cast<unsigned int>(m.workId.value) == nWorkId && m.status.value == 2;
+        };
+        if (!S().NextWhere(rsp, done, nTimeoutMs)) return -1;
+        if (pOut != nullptr) *pOut = rsp;
+        return rsp.ret.value;
     }
 
-    // Starts the work, serves the whole file as one block with its digest, and gives the
-    // work's result; -1 when a step does not come.
-    int StartAndServeWhole(unsigned int nWorkId, const std::string& strContent)
+    // Creates and starts the work, serves the whole file as one block with its
+    // digest, and gives the work's result; -1 when a step does not come.
+    int ServeWhole(unsigned int nWorkId, const std::string& strDst, const std::string& strContent, int nFlag = 0)
     {
-        if ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(nWorkId)) != 0) return -1;
+        size_t nGets = static_cast<size_t>(m_source.Count(Zik::reqWorkFileAgentGetCid));
+        SendCreate(nWorkId, strDst, nFlag);
         ReqWorkFileAgentGet get;
-        if (!WaitGet(get)) return -1;
+        if (CreateRet(nWorkId) != 0 || Action(nWorkId) != 0 || !WaitGet(get, nGets + 1)) return -1;
         Answer(nWorkId, 0, strContent, strContent.size());
-        RspWorkFileDstQuery result;
-        return Result(nWorkId, result) ? result.ret.value : -1;
+        return Result(nWorkId);
     }
 
     // The first get that came on the peer's n-th connection.
@@ -167,22 +137,25 @@ protected:
             },
             nTimeoutMs);
     }
-
-    // The source's side: waits for the n-th get, then answers with one block.
+    // The source's side: waits for the n-th get.
     bool WaitGet(ReqWorkFileAgentGet& get, size_t n = 1)
     {
         TestWorkServer::Received received;
-        if (!m_source.WaitFor(Zik::reqWorkFileAgentGetCid, 5000, &received, n)) return false;
-        return DecodeBody(received, get);
+        return m_source.WaitFor(Zik::reqWorkFileAgentGetCid, 5000, &received, n) && DecodeBody(received, get);
     }
     void Answer(unsigned int nDstWorkId, unsigned long long lPos, const std::string& strContent,
                 unsigned long long lTotal, int ret = 0)
     {
         EXPECT_TRUE(AnswerGet(m_source, nDstWorkId, lPos, strContent, lTotal, nullptr, ret));
     }
+    bool FileSize(const std::string& strPath, size_t nSize)
+    {
+        return WaitUntil([&] { return ReadFile(strPath).size() == nSize; }, 5000);
+    }
 
     TestWorkServer m_source;
     std::unique_ptr<SessionHarness> m_pSession;
+    ReqWorkFileAgentGet m_get;
 };
 
 TEST_F(FileDstSession, AnUnreachableSourceIs317AndTheWorkIsGone)
@@ -193,154 +166,122 @@ TEST_F(FileDstSession, AnUnreachableSourceIs317AndTheWorkIsGone)
         TestWorkServer gone;  // a port that nobody listens on once it is gone
         nPort = gone.Port();
     }
-    SendCreate(8, S().Path("nowhere"), 0, Loopback(), nPort);
+    SendCreate(8, S().Path("nowhere"), 0, 0, nPort);
     EXPECT_EQ(CreateRet(8, 5000), 317);
-    EXPECT_EQ((Ask<ReqWorkFileDstQuery, RspWorkFileDstQuery>(8)), 300);
+    EXPECT_EQ(Query(8), 300);
 }
 
-TEST_F(FileDstSession, ADirectoryMadeOnRequestWith0x2000)
+// A directory made on request with 0x2000; an existing file truncated, keeping
+// its mode; with no-follow on, a link at the destination refused and its target kept.
+TEST_F(FileDstSession, WholeFilesLandWhereAskedAndNeverThroughALinkWhenNoFollowIsOn)
 {
-    Begin();
+    Begin("file_trans_client_dst_no_follow = 1\n");
     std::string strDst = S().Path("made/on/request/file");
-    SendCreate(10, strDst, 0x2000);
-    ASSERT_EQ(CreateRet(10), 0);
-    EXPECT_EQ(StartAndServeWhole(10, "abc"), 0);
+    EXPECT_EQ(ServeWhole(10, strDst, "abc", 0x2000), 0);
     EXPECT_EQ(ReadFile(strDst), "abc");
+
+    std::string strKept = S().Path("kept");
+    WriteFile(strKept, std::string(5000, 'z'));
+    chmod(strKept.c_str(), 0600);
+    EXPECT_EQ(ServeWhole(40, strKept, "new"), 0);
+    EXPECT_EQ(ReadFile(strKept), "new");
+    struct stat st;
+    ASSERT_EQ(stat(strKept.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+
+    std::string strTarget = S().Path("target");
+    WriteFile(strTarget, "keep");
+    ASSERT_EQ(symlink(strTarget.c_str(), S().Path("link").c_str()), 0);
+    EXPECT_EQ(ServeWhole(70, S().Path("link"), "evil"), 320);
+    EXPECT_EQ(ReadFile(strTarget), "keep");
 }
 
 // Blocks that wait in the queue together are summed together: each keeps its
-// own digest, and the bad one in the middle ends the work after the first.
-TEST_F(FileDstSession, BlocksSummedTogetherKeepTheirOwnDigests)
+// own digest, and the bad one in the middle ends the work after the first. A
+// failure the source answers becomes the work's result.
+TEST_F(FileDstSession, BlocksSummedTogetherKeepTheirOwnDigestsAndASourceFailureIsTheResult)
 {
     Begin();
     std::string strDst = S().Path("batch");
-    SendCreate(12, strDst);
-    ASSERT_EQ(CreateRet(12), 0);
-    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(12)), 0);
-    ReqWorkFileAgentGet get;
-    ASSERT_TRUE(WaitGet(get));
+    ASSERT_TRUE(CreateAndStart(12, strDst));
+    ASSERT_TRUE(WaitGet(m_get));
     std::string strA(100, 'a'), strB(100, 'b'), strC(100, 'c');
     std::string strWrong = brel_lib::md5(strC);
     Answer(12, 0, strA, 300);
     EXPECT_TRUE(AnswerGet(m_source, 12, 100, strB, 300, &strWrong));
     Answer(12, 200, strC, 300);
     RspWorkFileDstQuery result;
-    ASSERT_TRUE(Result(12, result));
-    EXPECT_EQ(result.ret.value, 342);
+    EXPECT_EQ(Result(12, 5000, &result), 342);
     EXPECT_EQ(result.okSizeLow.value, 100);
     EXPECT_EQ(ReadFile(strDst), strA);
+
+    ASSERT_TRUE(CreateAndStart(13, S().Path("srcfail")));
+    ASSERT_TRUE(WaitGet(m_get, 2));
+    Answer(13, 0, "", 0, 314);
+    EXPECT_EQ(Result(13), 314);
 }
 
-TEST_F(FileDstSession, ASourceFailureBecomesTheWorksResult)
+// 0x80 silences the start's reply, 0x40 the delete's, yet the pull runs; a
+// second start is answered without a second get.
+TEST_F(FileDstSession, FlagsSilenceRepliesButTheWorkRunsAndASecondStartGetsNoSecondGet)
 {
     Begin();
-    std::string strDst = S().Path("srcfail");
-    SendCreate(12, strDst);
-    ASSERT_EQ(CreateRet(12), 0);
-    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(12)), 0);
-    ReqWorkFileAgentGet get;
-    ASSERT_TRUE(WaitGet(get));
-    Answer(12, 0, "", 0, 314);
-    RspWorkFileDstQuery result;
-    ASSERT_TRUE(Result(12, result));
-    EXPECT_EQ(result.ret.value, 314);
-}
-
-TEST_F(FileDstSession, AnExistingFileIsTruncatedAndKeepsOwnerAndMode)
-{
-    Begin();
-    std::string strDst = S().Path("kept");
-    WriteFile(strDst, std::string(5000, 'z'));
-    chmod(strDst.c_str(), 0600);
-    SendCreate(40, strDst);
-    ASSERT_EQ(CreateRet(40), 0);
-    EXPECT_EQ(StartAndServeWhole(40, "new"), 0);
-    EXPECT_EQ(ReadFile(strDst), "new");
-    struct stat st;
-    ASSERT_EQ(stat(strDst.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0600u);
-}
-
-TEST_F(FileDstSession, FlagsSilenceSetActionAndDeleteRepliesButTheWorkStillRuns)
-{
-    Begin();
-    std::string strDst = S().Path("quiet");
-    SendCreate(50, strDst, 0x80 | 0x40);
+    SendCreate(50, S().Path("quiet"), 0x80 | 0x40);
     ASSERT_EQ(CreateRet(50), 0);
-    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(50)), -1) << "0x80: no reply";
-    ReqWorkFileAgentGet get;
-    ASSERT_TRUE(WaitGet(get)) << "the pull starts all the same";
-    EXPECT_EQ((Ask<ReqWorkFileDstDelete, RspWorkFileDstDelete>(50)), -1) << "0x40: no reply";
-    EXPECT_EQ((Ask<ReqWorkFileDstQuery, RspWorkFileDstQuery>(50)), 300);
-}
+    EXPECT_EQ(Action(50), -1);
+    ASSERT_TRUE(WaitGet(m_get)) << "the pull starts all the same";
+    EXPECT_EQ(Delete(50), -1);
+    EXPECT_EQ(Query(50), 300);
 
-TEST_F(FileDstSession, ASecondSetActionIsAnsweredWithoutASecondGet)
-{
-    Begin();
-    SendCreate(51, S().Path("twice"));
-    ASSERT_EQ(CreateRet(51), 0);
-    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(51)), 0);
-    ReqWorkFileAgentGet get;
-    ASSERT_TRUE(WaitGet(get));
-    EXPECT_EQ(get.beginPosLow.value, 0);
-    EXPECT_EQ(static_cast<unsigned int>(get.getSize.value), 0x80000u);
-    EXPECT_EQ(get.getNum.value, 4);
-    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(51)), 0);
+    ASSERT_TRUE(CreateAndStart(51, S().Path("twice")));
+    ASSERT_TRUE(WaitGet(m_get, 2));
+    EXPECT_EQ(m_get.beginPosLow.value, 0);
+    EXPECT_EQ(static_cast<unsigned int>(m_get.getSize.value), 0x80000u);
+    EXPECT_EQ(m_get.getNum.value, 4);
+    EXPECT_EQ(Action(51), 0);
     usleep(300000);
-    EXPECT_EQ(m_source.Count(Zik::reqWorkFileAgentGetCid), 1);
+    EXPECT_EQ(m_source.Count(Zik::reqWorkFileAgentGetCid), 2);
 }
 
 TEST_F(FileDstSession, ADeleteInMidTransferTakesThePartialFileAndAFinishedFileStays)
 {
     Begin();
     std::string strPartial = S().Path("partial");
-    SendCreate(52, strPartial);
-    ASSERT_EQ(CreateRet(52), 0);
-    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(52)), 0);
-    ReqWorkFileAgentGet get;
-    ASSERT_TRUE(WaitGet(get));
+    ASSERT_TRUE(CreateAndStart(52, strPartial));
+    ASSERT_TRUE(WaitGet(m_get));
     Answer(52, 0, "first", 100);
-    ASSERT_TRUE(WaitUntil([&] { return ReadFile(strPartial) == "first"; }, 3000));
+    ASSERT_TRUE(FileSize(strPartial, 5));
     RspWorkFileDstQuery query;
-    EXPECT_EQ((Ask<ReqWorkFileDstQuery, RspWorkFileDstQuery>(52, &query)), 0);
+    EXPECT_EQ(Query(52, &query), 0);
     EXPECT_EQ(query.status.value, 1);
     EXPECT_EQ(query.okSizeLow.value, 5);
     EXPECT_EQ(query.totalSizeLow.value, 100);
-    EXPECT_EQ((Ask<ReqWorkFileDstDelete, RspWorkFileDstDelete>(52)), 0);
-    struct stat st;
-    EXPECT_NE(stat(strPartial.c_str(), &st), 0);
+    EXPECT_EQ(Delete(52), 0);
+    EXPECT_FALSE(Exists(strPartial));
 
     std::string strDone = S().Path("done");
-    SendCreate(53, strDone);
-    ASSERT_EQ(CreateRet(53), 0);
-    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(53)), 0);
-    ASSERT_TRUE(WaitGet(get, 2));
+    ASSERT_TRUE(CreateAndStart(53, strDone));
+    ASSERT_TRUE(WaitGet(m_get, 2));
     Answer(53, 0, "all", 3);
-    RspWorkFileDstQuery result;
-    ASSERT_TRUE(Result(53, result));
-    EXPECT_EQ((Ask<ReqWorkFileDstDelete, RspWorkFileDstDelete>(53)), 0);
+    ASSERT_NE(Result(53), -1);
+    EXPECT_EQ(Delete(53), 0);
     EXPECT_EQ(ReadFile(strDone), "all");
 }
 
 TEST_F(FileDstSession, BlocksOutOfOrderAreDroppedAndThePipelineAsksAhead)
 {
     Begin();
-    std::string strDst = S().Path("order");
-    SendCreate(54, strDst);
-    ASSERT_EQ(CreateRet(54), 0);
-    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(54)), 0);
-    ReqWorkFileAgentGet get;
-    ASSERT_TRUE(WaitGet(get));
+    ASSERT_TRUE(CreateAndStart(54, S().Path("order")));
+    ASSERT_TRUE(WaitGet(m_get));
     const unsigned long long lTotal = 10ULL * 0x80000;
     Answer(54, 0x80000, std::string(0x80000, 'x'), lTotal);
     Answer(54, 0, std::string(0x80000, 'a'), lTotal);
     // The first block brings a look-ahead from behind the first batch, marked as such.
-    ReqWorkFileAgentGet pre;
-    ASSERT_TRUE(WaitGet(pre, 2));
-    EXPECT_EQ(static_cast<unsigned int>(pre.beginPosHigh.value), 0x80000000u);
-    EXPECT_EQ(static_cast<unsigned int>(pre.beginPosLow.value), 4u * 0x80000);
+    ASSERT_TRUE(WaitGet(m_get, 2));
+    EXPECT_EQ(static_cast<unsigned int>(m_get.beginPosHigh.value), 0x80000000u);
+    EXPECT_EQ(static_cast<unsigned int>(m_get.beginPosLow.value), 4u * 0x80000);
     RspWorkFileDstQuery query;
-    EXPECT_EQ((Ask<ReqWorkFileDstQuery, RspWorkFileDstQuery>(54, &query)), 0);
+    EXPECT_EQ(Query(54, &query), 0);
     EXPECT_EQ(query.okSizeLow.value, 0x80000) << "the block out of order was dropped";
 }
 
@@ -348,138 +289,110 @@ TEST_F(FileDstSession, ASlaveReportsItsMastersProgressAndTakesOverWhenTheMasterI
 {
     Begin();
     std::string strCacheId = S().Path("cache/shared");
-    const unsigned long long lTotal = 3000;
-    SendCreate2(60, strCacheId, 0x400, lTotal, {Loopback()});
+    SendCreate2(60, strCacheId, 3000);
     EXPECT_EQ(CreateRet(60), 331);
-    ReqWorkFileAgentGet get;
-    ASSERT_TRUE(WaitGet(get));
-    SendCreate2(61, strCacheId, 0x400, lTotal, {Loopback()});
+    ASSERT_TRUE(WaitGet(m_get));
+    SendCreate2(61, strCacheId, 3000);
     EXPECT_EQ(CreateRet(61), 331) << "a slave that comes after the connect is answered at once";
-    Answer(60, 0, std::string(1000, 'm'), lTotal);
-    ASSERT_TRUE(WaitUntil([&] { return ReadFile(strCacheId).size() == 1000; }, 3000));
+    Answer(60, 0, std::string(1000, 'm'), 3000);
+    ASSERT_TRUE(FileSize(strCacheId, 1000));
     RspWorkFileDstQuery query;
-    EXPECT_EQ((Ask<ReqWorkFileDstQuery, RspWorkFileDstQuery>(61, &query)), 0);
+    EXPECT_EQ(Query(61, &query), 0);
     EXPECT_EQ(query.status.value, 1);
     EXPECT_EQ(query.okSizeLow.value, 1000) << "the slave shows the master's position";
 
     // The master goes: the slave connects for itself and goes on from there.
     size_t nGets = static_cast<size_t>(m_source.Count(Zik::reqWorkFileAgentGetCid));
-    EXPECT_EQ((Ask<ReqWorkFileDstDelete, RspWorkFileDstDelete>(60)), 0);
-    ASSERT_TRUE(WaitGet(get, nGets + 1));
-    EXPECT_EQ(static_cast<unsigned int>(get.dstWorkId.value), 61u);
-    EXPECT_EQ(get.beginPosLow.value, 1000);
-    Answer(61, 1000, std::string(2000, 's'), lTotal);
-    RspWorkFileDstQuery result;
-    ASSERT_TRUE(Result(61, result));
-    EXPECT_EQ(result.ret.value, 0);
+    EXPECT_EQ(Delete(60), 0);
+    ASSERT_TRUE(WaitGet(m_get, nGets + 1));
+    EXPECT_EQ(static_cast<unsigned int>(m_get.dstWorkId.value), 61u);
+    EXPECT_EQ(m_get.beginPosLow.value, 1000);
+    Answer(61, 1000, std::string(2000, 's'), 3000);
+    EXPECT_EQ(Result(61), 0);
     EXPECT_EQ(ReadFile(strCacheId), std::string(1000, 'm') + std::string(2000, 's'));
-    SendCreate2(62, strCacheId, 0x400, lTotal, {Loopback()});
+    SendCreate2(62, strCacheId, 3000);
     EXPECT_EQ(CreateRet(62), 330);
-}
-
-TEST_F(FileDstSession, ALinkAtTheDestinationIsRefusedWhenNoFollowIsOn)
-{
-    Begin("file_trans_client_dst_no_follow = 1\n");
-    std::string strTarget = S().Path("target");
-    WriteFile(strTarget, "keep");
-    std::string strLink = S().Path("link");
-    ASSERT_EQ(symlink(strTarget.c_str(), strLink.c_str()), 0);
-    SendCreate(70, strLink);
-    ASSERT_EQ(CreateRet(70), 0);
-    EXPECT_EQ(StartAndServeWhole(70, "evil"), 320);
-    EXPECT_EQ(ReadFile(strTarget), "keep");
 }
 
 TEST_F(FileDstSession, EncryptedCreatesAndSetActionServeAsThePlainOnes)
 {
     Begin("heartbeat_second = 100000\nsession_key_update_second = 100000\n", true);
-    EstablishKey();
+    const std::string strKey = "0123456789abcdef";
+    unsigned int nKeySn = S().EstablishKey(strKey);
+    ASSERT_NE(nKeySn, 0u);
+    auto send = [&](auto tag, auto& data, unsigned int nWorkId) {
+        S().SendSealed<decltype(tag)>(AesEncrypt(strKey, EncodeRecord(data)), nKeySn, nWorkId, 44, [](auto& req) {
+            req.routeSrcServerIp = 31;
+            req.routeSrcServerId = 32;
+        });
+    };
     std::string strDst = S().Path("secret");
     ReqWorkFileDstCreateEncData create;
     create.srcFile = "/src/file";
     create.dstPath.Set(strDst.data(), strDst.size());
-    create.srcServerIp = static_cast<int>(Loopback());
+    create.srcServerIp = static_cast<int>(LOOPBACK);
     create.srcServerPort = m_source.Port();
     create.srcWorkId = 9;
-    SendEnc<ReqWorkFileDstCreateEnc>(create, 80);
+    send(ReqWorkFileDstCreateEnc(), create, 80);
     RspWorkFileDstCreate created;
     ASSERT_EQ(RetFor<RspWorkFileDstCreate>(80, 3000, &created), 0);
     EXPECT_EQ(created.routeDstServerIp.value, 31) << "the route comes from the clear part";
     ReqWorkFileDstSetActionEncData action;
     action.action = 1;
-    SendEnc<ReqWorkFileDstSetActionEnc>(action, 80);
+    send(ReqWorkFileDstSetActionEnc(), action, 80);
     EXPECT_EQ(RetFor<RspWorkFileDstSetAction>(80), 0);
-    ReqWorkFileAgentGet get;
-    ASSERT_TRUE(WaitGet(get));
-    EXPECT_EQ(get.srcWorkId.value, 9);
+    ASSERT_TRUE(WaitGet(m_get));
+    EXPECT_EQ(m_get.srcWorkId.value, 9);
     Answer(80, 0, "hidden", 6);
-    RspWorkFileDstQuery result;
-    ASSERT_TRUE(Result(80, result));
-    EXPECT_EQ(result.ret.value, 0);
+    EXPECT_EQ(Result(80), 0);
     EXPECT_EQ(ReadFile(strDst), "hidden");
 
-    // The list of addresses is copied element by element: the first refuses.
+    // The list of addresses is copied element by element: a 0 in it refuses.
     unsigned short nClosed = 0;
     {
         TestWorkServer gone;
         nClosed = gone.Port();
     }
     std::string strDst2 = S().Path("secret2");
-    ReqWorkFileDstCreate2EncData create2;
-    create2.srcFile = "/src/file";
-    create2.dstPath.Set(strDst2.data(), strDst2.size());
-    *create2.srcServerIp.Append() = static_cast<int>(Loopback());
-    *create2.srcServerIp.Append() = 0;
-    create2.srcServerPort = nClosed;
-    SendEnc<ReqWorkFileDstCreate2Enc>(create2, 81);
-    EXPECT_EQ(RetFor<RspWorkFileDstCreate>(81), 1000) << "a 0 in the list";
-    ReqWorkFileDstCreate2EncData create3;
-    create3.srcFile = "/src/file";
-    create3.dstPath.Set(strDst2.data(), strDst2.size());
-    *create3.srcServerIp.Append() = static_cast<int>(Loopback());
-    create3.srcServerPort = m_source.Port();
-    SendEnc<ReqWorkFileDstCreate2Enc>(create3, 82);
-    EXPECT_EQ(RetFor<RspWorkFileDstCreate>(82), 0);
+    for (bool bZero : {true, false}) {
+        ReqWorkFileDstCreate2EncData create2;
+        create2.srcFile = "/src/file";
+        create2.dstPath.Set(strDst2.data(), strDst2.size());
+        *create2.srcServerIp.Append() = static_cast<int>(LOOPBACK);
+        if (bZero) *create2.srcServerIp.Append() = 0;
+        create2.srcServerPort = bZero ? nClosed : m_source.Port();
+        send(ReqWorkFileDstCreate2Enc(), create2, bZero ? 81 : 82);
+        EXPECT_EQ(RetFor<RspWorkFileDstCreate>(bZero ? 81 : 82), bZero ? 1000 : 0) << bZero;
+    }
 }
 
 // The test peer keeps one connection at a time: the works here come one after the other.
 TEST_F(FileDstSession, TheSweepTimesOutRepeatsSilentGetsAndDropsUnstartedWorks)
 {
     Begin();
-    // A work whose time runs out: 324.
-    SendCreate(90, S().Path("timed"), 0, Loopback(), 0, 20);
-    ASSERT_EQ(CreateRet(90), 0);
-    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(90)), 0);
-    ReqWorkFileAgentGet get;
-    ASSERT_TRUE(WaitGet(get, 1));
+    ASSERT_TRUE(CreateAndStart(90, S().Path("timed"), 20));
+    ASSERT_TRUE(WaitGet(m_get, 1));
     S().AdvanceClock(25);
-    RspWorkFileDstQuery result;
-    ASSERT_TRUE(Result(90, result));
-    EXPECT_EQ(result.ret.value, 324);
+    EXPECT_EQ(Result(90), 324);
 
-    // A work whose source says nothing: its get is repeated with 5 packets of
-    // 51200 bytes, and after 95 seconds without an answer it fails with 318.
-    SendCreate(91, S().Path("silent"));
-    ASSERT_EQ(CreateRet(91), 0);
-    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(91)), 0);
-    ASSERT_TRUE(WaitGet(get, 2));
+    // A silent source: the get is repeated with 5 packets of 51200 bytes, and
+    // after 95 seconds without an answer the work fails with 318.
+    ASSERT_TRUE(CreateAndStart(91, S().Path("silent")));
+    ASSERT_TRUE(WaitGet(m_get, 2));
     S().AdvanceClock(35);
-    ASSERT_TRUE(WaitGet(get, 3));
-    EXPECT_EQ(static_cast<unsigned int>(get.dstWorkId.value), 91u);
-    EXPECT_EQ(get.getSize.value, 51200);
-    EXPECT_EQ(get.getNum.value, 5);
+    ASSERT_TRUE(WaitGet(m_get, 3));
+    EXPECT_EQ(static_cast<unsigned int>(m_get.dstWorkId.value), 91u);
+    EXPECT_EQ(m_get.getSize.value, 51200);
+    EXPECT_EQ(m_get.getNum.value, 5);
     for (int i = 0; i < 4; ++i) S().AdvanceClock(30);
-    ASSERT_TRUE(Result(91, result));
-    EXPECT_EQ(result.ret.value, 318);
+    EXPECT_EQ(Result(91), 318);
 
     // A work never started goes after 600 seconds, without a word.
     SendCreate(92, S().Path("unstarted"));
     ASSERT_EQ(CreateRet(92), 0);
     S().AdvanceClock(601);
-    EXPECT_EQ((Ask<ReqWorkFileDstQuery, RspWorkFileDstQuery>(92)), 300);
-    // Meanwhile the finished work has repeated its report for the period.
-    ASSERT_TRUE(Result(90, result, 3000));
-    EXPECT_EQ(result.ret.value, 324);
+    EXPECT_EQ(Query(92), 300);
+    EXPECT_EQ(Result(90, 3000), 324) << "the finished work repeated its report meanwhile";
 }
 
 // Slaves end by their own time limits while the master pulls on: one is dropped
@@ -487,33 +400,25 @@ TEST_F(FileDstSession, TheSweepTimesOutRepeatsSilentGetsAndDropsUnstartedWorks)
 // master's result when the master ends.
 TEST_F(FileDstSession, SlavesTimedOutAloneReportAgainAtTheMastersEndOrLeaveTheListWhenDropped)
 {
-    Begin("file_trans_client_finish_keep_second_before_auto_delete = 100\n"
-          "file_trans_client_reget_timeout_second = 100000\nfile_trans_client_reget_failed_timeout_second = 100000\n");
+    Begin(std::string("file_trans_client_finish_keep_second_before_auto_delete = 100\n") + NO_REGET_TIMEOUTS);
     std::string strCacheId = S().Path("cache/lonely");
     const std::string strContent(3000, 'x');
-    SendCreate2(100, strCacheId, 0x400, strContent.size(), {Loopback()});
+    SendCreate2(100, strCacheId, strContent.size());
     EXPECT_EQ(CreateRet(100), 331);
-    ReqWorkFileAgentGet get;
-    ASSERT_TRUE(WaitGet(get));
-    SendCreate2(101, strCacheId, 0x400, strContent.size(), {Loopback()}, 20);   // dropped before the master ends
-    SendCreate2(102, strCacheId, 0x400, strContent.size(), {Loopback()});       // ends with the master only
-    SendCreate2(103, strCacheId, 0x400, strContent.size(), {Loopback()}, 100);  // ends alone, then with the master
+    ASSERT_TRUE(WaitGet(m_get));
+    SendCreate2(101, strCacheId, strContent.size(), 20);   // dropped before the master ends
+    SendCreate2(102, strCacheId, strContent.size());       // ends with the master only
+    SendCreate2(103, strCacheId, strContent.size(), 100);  // ends alone, then with the master
     for (unsigned int n = 101; n <= 103; ++n) EXPECT_EQ(CreateRet(n), 331) << n;
     S().AdvanceClock(25);
-    RspWorkFileDstQuery result;
-    ASSERT_TRUE(Result(101, result));
-    EXPECT_EQ(result.ret.value, 324);
+    EXPECT_EQ(Result(101), 324);
     S().AdvanceClock(110);
-    ASSERT_TRUE(Result(103, result));
-    EXPECT_EQ(result.ret.value, 324);
-    ASSERT_TRUE(Result(101, result)) << "the last word of a dropped work is its report";
-    EXPECT_EQ((Ask<ReqWorkFileDstQuery, RspWorkFileDstQuery>(101)), 300);
+    EXPECT_EQ(Result(103), 324);
+    EXPECT_NE(Result(101), -1) << "the last word of a dropped work is its report";
+    EXPECT_EQ(Query(101), 300);
 
     Answer(100, 0, strContent, strContent.size());
-    for (unsigned int n : {100u, 102u, 103u}) {
-        ASSERT_TRUE(Result(n, result)) << n;
-        EXPECT_EQ(result.ret.value, 0) << n;
-    }
+    for (unsigned int n : {100u, 102u, 103u}) EXPECT_EQ(Result(n), 0) << n;
     EXPECT_EQ(ReadFile(strCacheId), strContent);
 }
 
@@ -523,71 +428,57 @@ TEST_F(FileDstSession, AMasterEndedTwiceEndsItsSlaveOnce)
 {
     Begin();
     std::string strCacheId = S().Path("cache/changed");
-    SendCreate2(110, strCacheId, 0x400, 3000, {Loopback()});
+    SendCreate2(110, strCacheId, 3000);
     EXPECT_EQ(CreateRet(110), 331);
-    ReqWorkFileAgentGet get;
-    ASSERT_TRUE(WaitGet(get));
-    SendCreate2(111, strCacheId, 0x400, 3000, {Loopback()});
+    ASSERT_TRUE(WaitGet(m_get));
+    SendCreate2(111, strCacheId, 3000);
     EXPECT_EQ(CreateRet(111), 331);
     const std::string strBlock(1000, 'c');
     Answer(110, 0, strBlock, 3000);
-    ASSERT_TRUE(WaitUntil([&] { return ReadFile(strCacheId).size() == 1000; }, 3000));
+    ASSERT_TRUE(FileSize(strCacheId, 1000));
     WriteFile(strCacheId, strBlock + "meddled");
     Answer(110, 1000, strBlock, 3000);
-    RspWorkFileDstQuery result;
-    for (int i = 0; i < 2; ++i) {
-        ASSERT_TRUE(Result(110, result)) << i;
-        EXPECT_EQ(result.ret.value, 322);
-    }
-    ASSERT_TRUE(Result(111, result));
-    EXPECT_EQ(result.ret.value, 322);
-    EXPECT_FALSE(Result(111, result, 500)) << "the slave ends once";
-    EXPECT_EQ((Ask<ReqWorkFileDstQuery, RspWorkFileDstQuery>(111)), 322);
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(Result(110), 322) << i;
+    EXPECT_EQ(Result(111), 322);
+    EXPECT_EQ(Result(111, 500), -1) << "the slave ends once";
+    EXPECT_EQ(Query(111), 322);
 }
 
 // Connects that succeed don't give back the allowance of reconnects, a response
 // does: at 15 seconds the third sweep without a connection ends the work, 317.
 TEST_F(FileDstSession, OnlyAResponseRestoresTheReconnectsAndTheirEndIs317)
 {
-    Begin("file_trans_client_retry_connect_second = 15\n"
-          "file_trans_client_reget_timeout_second = 100000\nfile_trans_client_reget_failed_timeout_second = 100000\n");
-    SendCreate(130, S().Path("reconnected"));
-    ASSERT_EQ(CreateRet(130), 0);
-    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(130)), 0);
-    ReqWorkFileAgentGet get;
-    ASSERT_TRUE(GetOn(1, get));
+    Begin(std::string("file_trans_client_retry_connect_second = 15\n") + NO_REGET_TIMEOUTS);
+    std::string strDst = S().Path("reconnected");
+    ASSERT_TRUE(CreateAndStart(130, strDst));
+    ASSERT_TRUE(GetOn(1, m_get));
     const std::string strBlock(1000, 'r');
     Answer(130, 0, strBlock, 3000);
-    ASSERT_TRUE(WaitUntil([&] { return ReadFile(S().Path("reconnected")).size() == 1000; }, 3000));
+    ASSERT_TRUE(FileSize(strDst, 1000));
     int nConnection = 1;
     // The peer drops the link, and a sweep after its loss connects again.
     auto lose = [&] {
         m_source.DropConnection();
         ASSERT_TRUE(WaitUntil(
-            [&] {
-                return Occurrences(S().ReadLog(), "the connect is closed, work id: 130") >=
-                       static_cast<size_t>(nConnection);
-            },
+            [&] { return S().LogCount("the connect is closed, work id: 130") >= static_cast<size_t>(nConnection); },
             5000));
         S().AdvanceClock(5);
     };
     for (int i = 0; i < 2; ++i) {
         lose();
-        ASSERT_TRUE(GetOn(++nConnection, get));
-        EXPECT_EQ(get.beginPosLow.value, 1000) << "the work goes on where it stood";
+        ASSERT_TRUE(GetOn(++nConnection, m_get));
+        EXPECT_EQ(m_get.beginPosLow.value, 1000) << "the work goes on where it stood";
     }
     Answer(130, 1000, strBlock, 3000);
-    // The response counts once it is taken: the link may not drop before that.
-    ASSERT_TRUE(WaitUntil([&] { return ReadFile(S().Path("reconnected")).size() == 2000; }, 5000));
+    ASSERT_TRUE(FileSize(strDst, 2000));  // taken: only then may the link drop
     for (int i = 0; i < 2; ++i) {
         lose();
-        ASSERT_TRUE(GetOn(++nConnection, get)) << "the response gave the allowance back";
-        EXPECT_EQ(get.beginPosLow.value, 2000);
+        ASSERT_TRUE(GetOn(++nConnection, m_get)) << "the response gave the allowance back";
+        EXPECT_EQ(m_get.beginPosLow.value, 2000);
     }
     lose();
     RspWorkFileDstQuery result;
-    ASSERT_TRUE(Result(130, result));
-    EXPECT_EQ(result.ret.value, 317);
+    EXPECT_EQ(Result(130, 5000, &result), 317);
     EXPECT_EQ(result.okSizeLow.value, 2000);
     EXPECT_EQ(m_source.Connections(), nConnection);
 }
@@ -596,25 +487,18 @@ TEST_F(FileDstSession, OnlyAResponseRestoresTheReconnectsAndTheirEndIs317)
 // time limit nor the keep time of a finished work fires early, nor stalls.
 TEST_F(FileDstSession, AClockSetBackNeitherStallsNorHastensTheSweep)
 {
-    Begin("file_trans_client_finish_keep_second_before_auto_delete = 20\n"
-          "file_trans_client_reget_timeout_second = 100000\nfile_trans_client_reget_failed_timeout_second = 100000\n");
-    SendCreate(140, S().Path("done"));
-    ASSERT_EQ(CreateRet(140), 0);
-    ASSERT_EQ(StartAndServeWhole(140, "done"), 0);
-    SendCreate(141, S().Path("limited"), 0, Loopback(), 0, 20);
-    ASSERT_EQ(CreateRet(141), 0);
-    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(141)), 0);
+    Begin(std::string("file_trans_client_finish_keep_second_before_auto_delete = 20\n") + NO_REGET_TIMEOUTS);
+    ASSERT_EQ(ServeWhole(140, S().Path("done"), "done"), 0);
+    ASSERT_TRUE(CreateAndStart(141, S().Path("limited"), 20));
     S().AdvanceClock(-3600);
     S().AdvanceClock(6);
     S().AdvanceClock(6);
-    RspWorkFileDstQuery result;
-    EXPECT_FALSE(Result(141, result, 300)) << "no time-out before its time";
-    EXPECT_EQ((Ask<ReqWorkFileDstQuery, RspWorkFileDstQuery>(140)), 0) << "no drop before its time";
+    EXPECT_EQ(Result(141, 300), -1) << "no time-out before its time";
+    EXPECT_EQ(Query(140), 0) << "no drop before its time";
     for (int i = 0; i < 3; ++i) S().AdvanceClock(6);
-    ASSERT_TRUE(Result(141, result));
-    EXPECT_EQ(result.ret.value, 324);
-    ASSERT_TRUE(Result(140, result)) << "the report at the drop";
-    EXPECT_EQ((Ask<ReqWorkFileDstQuery, RspWorkFileDstQuery>(140)), 300) << "the keep time has passed since the set-back";
+    EXPECT_EQ(Result(141), 324);
+    EXPECT_NE(Result(140), -1) << "the report at the drop";
+    EXPECT_EQ(Query(140), 300) << "the keep time has passed since the set-back";
 }
 
 // A reconnect of the sweep is routed through the work of the thread's last
@@ -623,27 +507,20 @@ TEST_F(FileDstSession, AClockSetBackNeitherStallsNorHastensTheSweep)
 TEST_F(FileDstSession, AReconnectRoutedThroughADeletedWorkWaitsForTheTimeLimit)
 {
     Begin("file_trans_client_max_file_write_thread = 1\n");
-    SendCreate(150, S().Path("orphan"), 0, Loopback(), 0, 30);
-    ASSERT_EQ(CreateRet(150), 0);
-    EXPECT_EQ((Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(150)), 0);
-    ReqWorkFileAgentGet get;
-    ASSERT_TRUE(GetOn(1, get));
+    ASSERT_TRUE(CreateAndStart(150, S().Path("orphan"), 30));
+    ASSERT_TRUE(GetOn(1, m_get));
     m_source.DropConnection();
-    ASSERT_TRUE(WaitUntil([&] { return S().ReadLog().find("the connect is closed, work id: 150") != std::string::npos; }, 5000));
+    ASSERT_TRUE(S().Logged("the connect is closed, work id: 150", 5000));
     SendCreate(151, S().Path("passing"));
     ASSERT_EQ(CreateRet(151), 0);
-    EXPECT_EQ((Ask<ReqWorkFileDstDelete, RspWorkFileDstDelete>(151)), 0);
+    EXPECT_EQ(Delete(151), 0);
     S().AdvanceClock(5);
     ASSERT_TRUE(m_source.WaitConnections(3, 5000)) << "151's own connect, then the reconnect";
-    EXPECT_TRUE(WaitUntil(
-        [&] { return S().ReadLog().find("need retry connect, async connecting the file svr, work id: 151") != std::string::npos; },
-        3000));
+    EXPECT_TRUE(S().Logged("need retry connect, async connecting the file svr, work id: 151"));
     S().AdvanceClock(5);
-    EXPECT_FALSE(GetOn(3, get, 1000)) << "the connection's events found no route";
+    EXPECT_FALSE(GetOn(3, m_get, 1000)) << "the connection's events found no route";
     S().AdvanceClock(25);
-    RspWorkFileDstQuery result;
-    ASSERT_TRUE(Result(150, result));
-    EXPECT_EQ(result.ret.value, 324);
+    EXPECT_EQ(Result(150), 324);
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 // that the session finds ../etc beside it; one harness at a time.
 #pragma once
 
+#include <arpa/inet.h>
 #include <unistd.h>
 
 #include <deque>
@@ -14,6 +15,7 @@
 #include "install_tree.h"
 #include "log.h"
 #include "process_common/process_common.h"
+#include "session_key_server.h"
 #include "test_work_server.h"
 
 class SessionHarness {
@@ -146,6 +148,78 @@ public:
     {
         return NextWhere(
             rsp, [&](const RspWorkCmdQuery& m) { return WorkOf(m) == nWorkId && m.status >= 2; }, nTimeoutMs);
+    }
+
+    // Waits, bounded, for the text in the log.
+    bool Logged(const std::string& strText, int nTimeoutMs = 3000) const
+    {
+        return agent_test::WaitUntil([&] { return ReadLog().find(strText) != std::string::npos; }, nTimeoutMs);
+    }
+    size_t LogCount(const std::string& strText) const
+    {
+        std::string strLog = ReadLog();
+        size_t n = 0;
+        for (size_t i = strLog.find(strText); i != std::string::npos; i = strLog.find(strText, i + 1)) ++n;
+        return n;
+    }
+
+    // Session keys, with the server's side played here: the key pair must be
+    // made before Start, since the first pass asks for a key.
+    bool MakeKeys() { return agent_test::MakeRsaKeyPair(Path("private.pem"), Path("etc/publickey.pem")); }
+    // The next key request: its serial number and secret; false on timeout or when it does not open.
+    bool KeyRequest(unsigned int& nKeySn, std::string& strSecret, int nTimeoutMs = 3000)
+    {
+        ReqSessionKey req;
+        ReqSessionKeyEncData data;
+        if (!Next(req, nTimeoutMs) || !agent_test::OpenKeyRequest(Path("private.pem"), req, data)) return false;
+        nKeySn = static_cast<unsigned int>(data.keySn.value);
+        strSecret.assign(data.oldKeyData.octs, data.oldKeyData.octetLen);
+        return true;
+    }
+    void KeyAnswer(const std::string& strSecret, const std::string& strKey, unsigned int nKeySn, int nRet = 0,
+                   unsigned int nKeyId = 77)
+    {
+        RspSessionKey rsp;
+        rsp.ret = nRet;
+        agent_test::SealKeyAnswer(rsp, strSecret, strKey, static_cast<int>(nKeySn), static_cast<int>(nKeyId));
+        Send(rsp);
+    }
+    bool KeyAccepted(int nTimeoutMs = 1500)
+    {
+        RspSessionKeyUsed used;
+        return Next(used, nTimeoutMs);
+    }
+    // The next request answered with the key; its serial number, 0 when a step failed.
+    unsigned int EstablishKey(const std::string& strKey, int nTimeoutMs = 5000)
+    {
+        unsigned int nKeySn = 0;
+        std::string strSecret;
+        if (!KeyRequest(nKeySn, strSecret, nTimeoutMs)) return 0;
+        KeyAnswer(strSecret, strKey, nKeySn);
+        return KeyAccepted(3000) ? nKeySn : 0;
+    }
+    // An encrypted request of type TEnc carrying the bytes; fill sets what else it needs (its route).
+    template <class TEnc, class F>
+    void SendSealed(const std::string& strEnc, unsigned int nKeySn, unsigned int nWorkId, int nAppend, F fill)
+    {
+        TEnc req;
+        req.encData.ReSet(strEnc.data(), strEnc.size());
+        req.keySn = static_cast<int>(nKeySn);
+        req.workId = static_cast<int>(nWorkId);
+        fill(req);
+        Send(req, nAppend);
+    }
+    template <class TEnc>
+    void SendSealed(const std::string& strEnc, unsigned int nKeySn, unsigned int nWorkId)
+    {
+        SendSealed<TEnc>(strEnc, nKeySn, nWorkId, 1, [](TEnc&) {});
+    }
+
+    static unsigned int Loopback()
+    {
+        unsigned int nIp = 0;
+        inet_pton(AF_INET, "127.0.0.1", &nIp);
+        return nIp;
     }
 
     // Moves the agent's clock and lets the session run a pass on it.
