@@ -2,10 +2,7 @@
 // test moves: every reply code of a create and a delete, the port search,
 // the encrypted create with its expected MD5, repeats, the expiry of works
 // and the closing of an idle listener.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utime.h>
@@ -15,7 +12,6 @@
 #include "file_peer.h"
 #include "file_trans_cache/file_trans_cache.h"
 #include "md5.h"
-#include "session_key_server.h"
 #include "session_harness.h"
 
 using namespace agent_test;
@@ -25,12 +21,7 @@ namespace {
 const int SERVER_IP = 0x0A0B0C0D;
 const int SERVER_ID = 42;
 
-unsigned int Loopback()
-{
-    unsigned int nIp = 0;
-    inet_pton(AF_INET, "127.0.0.1", &nIp);
-    return nIp;
-}
+const unsigned int LOOPBACK = SessionHarness::Loopback();
 
 class FileSource : public ::testing::Test {
 protected:
@@ -42,9 +33,8 @@ protected:
             "heartbeat_second = 100000\nwork_history_keep_second = 100\nfile_trans_svr_bind_ip = 127.0.0.1\n"
             "file_trans_svr_begin_bind_port = " +
             std::to_string(m_nPort) + "\n" + strExtra);
-        // The session asks for a key at its first pass: the key file must be there.
         if (bKeyPair) {
-            ASSERT_TRUE(MakeRsaKeyPair(Session().Path("private.pem"), Session().Path("etc/publickey.pem")));
+            ASSERT_TRUE(Session().MakeKeys());
         }
         Session().Start();
     }
@@ -116,16 +106,11 @@ protected:
         return rsp.ret;
     }
 
-    bool Logged(const std::string& strText, int nTimeoutMs = 3000)
-    {
-        return WaitUntil([&] { return Session().ReadLog().find(strText) != std::string::npos; }, nTimeoutMs);
-    }
-
     std::unique_ptr<SessionHarness> m_pSession;
     unsigned short m_nPort = 0;
 };
 
-TEST_F(FileSource, ACreateAnswersWithTheListenerAndTheFile)
+TEST_F(FileSource, CreatesAnswerWithTheListenerAndTheFileAndDeletesWithTheirCodes)
 {
     Start();
     std::string strPath = File("f", std::string(5000, 'x'));
@@ -134,48 +119,43 @@ TEST_F(FileSource, ACreateAnswersWithTheListenerAndTheFile)
     RspWorkFileSrcCreate2 rsp2;
     ASSERT_EQ(Create2(1, strPath, 0, &rsp2), 0);
     ASSERT_EQ(rsp2.srcServerIp.Count(), 1);
-    EXPECT_EQ(static_cast<unsigned int>(rsp2.srcServerIp.First()->value), Loopback());
+    EXPECT_EQ(static_cast<unsigned int>(rsp2.srcServerIp.First()->value), LOOPBACK);
     EXPECT_EQ(rsp2.srcServerPort.value, m_nPort);
     EXPECT_EQ(rsp2.modifyTime.value, static_cast<int>(st.st_mtime));
     EXPECT_EQ(rsp2.totalSizeHigh.value, 0);
     EXPECT_EQ(rsp2.totalSizeLow.value, 5000);
     EXPECT_EQ(rsp2.routeDstServerIp.value, SERVER_IP);
-
-    // A second work shares the listener.
+    // A second work shares the listener; a repeated create is answered by silence.
     RspWorkFileSrcCreate rsp;
     ASSERT_EQ(Create(2, strPath, 0, &rsp), 0);
-    EXPECT_EQ(static_cast<unsigned int>(rsp.srcServerIp.value), Loopback());
+    EXPECT_EQ(static_cast<unsigned int>(rsp.srcServerIp.value), LOOPBACK);
     EXPECT_EQ(rsp.srcServerPort.value, m_nPort);
     FilePeer peer;
     EXPECT_TRUE(peer.Connect(m_nPort, 2000));
-
-    // A repeated create of a known work is answered by silence.
     EXPECT_EQ(Create(2, strPath, 0, nullptr, 500), -1);
-}
 
-TEST_F(FileSource, AFileThatCanNotBeStatedGets329)
-{
-    Start();
-    RspWorkFileSrcCreate2 rsp2;
-    EXPECT_EQ(Create2(1, Session().Path("missing"), 0, &rsp2), 329);
+    // A file that can not be stated: 329 without a listener, remembered all the same.
+    EXPECT_EQ(Create2(3, Session().Path("missing"), 0, &rsp2), 329);
     EXPECT_EQ(rsp2.srcServerIp.Count(), 0);
     EXPECT_EQ(rsp2.srcServerPort.value, 0);
-    RspWorkFileSrcCreate rsp;
-    EXPECT_EQ(Create(2, Session().Path("missing"), 0, &rsp), 329);
+    EXPECT_EQ(Create(4, Session().Path("missing"), 0, &rsp), 329);
     EXPECT_EQ(rsp.srcServerIp.value, 0);
-    // Remembered although it failed: a repeat gets no answer.
-    EXPECT_EQ(Create(2, Session().Path("missing"), 0, nullptr, 500), -1);
-}
+    EXPECT_EQ(Create(4, Session().Path("missing"), 0, nullptr, 500), -1);
 
-TEST_F(FileSource, TheUserDaemonMustReadWhatAskedFor)
-{
-    Start();
+    // 0x8000: the user daemon must read the file, unless it is the cache's (0x400).
     std::string strPrivate = File("private", "x", 0600);  // root's
-    std::string strOpen = File("open", "x", 0604);
-    EXPECT_EQ(Create(1, strPrivate, 0x8000), 338);
-    EXPECT_EQ(Create(2, strOpen, 0x8000), 0);
-    EXPECT_EQ(Create(3, strPrivate, 0), 0);  // no check asked
-    EXPECT_EQ(Create(4, strPrivate, 0x8400), 0);  // a file of the cache: no check
+    EXPECT_EQ(Create(5, strPrivate, 0x8000), 338);
+    EXPECT_EQ(Create(6, File("open", "x", 0604), 0x8000), 0);
+    EXPECT_EQ(Create(7, strPrivate, 0), 0);
+    EXPECT_EQ(Create(8, strPrivate, 0x8400), 0);
+
+    // Deletes: 300 for an unknown work and then silence; nothing at all for flag 0x40.
+    EXPECT_EQ(Delete(19), 300);
+    EXPECT_EQ(Delete(19, 500), -1);
+    EXPECT_EQ(Delete(1), 0);
+    ASSERT_EQ(Create(20, strPath, 0x40), 0);
+    EXPECT_EQ(Delete(20, 500), -1);
+    EXPECT_TRUE(Session().Logged("CFileTransSvrManager::Delete(work id: 20)"));
 }
 
 TEST_F(FileSource, TheLimitOfWorksGives302)
@@ -220,19 +200,6 @@ TEST_F(FileSource, AllPortsTakenGives313AndTheWorkStays)
     EXPECT_EQ(Create(1, strPath), 323);
 }
 
-TEST_F(FileSource, DeletesAnswer300ForUnknownWorksAndNothingForFlag0x40)
-{
-    Start();
-    std::string strPath = File("f", "x");
-    EXPECT_EQ(Delete(9), 300);
-    EXPECT_EQ(Delete(9, 500), -1);  // remembered: silence
-    ASSERT_EQ(Create(1, strPath), 0);
-    EXPECT_EQ(Delete(1), 0);
-    ASSERT_EQ(Create(2, strPath, 0x40), 0);
-    EXPECT_EQ(Delete(2, 500), -1);
-    EXPECT_TRUE(Logged("CFileTransSvrManager::Delete(work id: 2)"));
-}
-
 TEST_F(FileSource, WorksThatNobodyReadsExpireButATwinInUseIsSpared)
 {
     Start("file_trans_svr_not_get_keep_second_before_auto_delete = 100\n");
@@ -244,15 +211,15 @@ TEST_F(FileSource, WorksThatNobodyReadsExpireButATwinInUseIsSpared)
     ASSERT_TRUE(peer.Connect(m_nPort, 2000));
     Session().AdvanceClock(50);
     ASSERT_TRUE(peer.Heartbeat(1, 500));
-    ASSERT_TRUE(Logged("UpdateClientInfo(work id: 1, dst work id: 500"));
+    ASSERT_TRUE(Session().Logged("UpdateClientInfo(work id: 1, dst work id: 500"));
     Session().AdvanceClock(60);  // 110 s: work 3 goes, work 2 is spared by its twin
-    ASSERT_TRUE(Logged("auto delete work, it not get data in very many time, work id: 3"));
+    ASSERT_TRUE(Session().Logged("auto delete work, it not get data in very many time, work id: 3"));
     Session().AdvanceClock(11);
     EXPECT_EQ(Session().ReadLog().find("very many time, work id: 2"), std::string::npos);
     // Work 1 goes quiet: it goes, with its connection, and its twin with it.
     Session().AdvanceClock(50);
-    EXPECT_TRUE(Logged("very many time, work id: 1"));
-    EXPECT_TRUE(Logged("very many time, work id: 2"));
+    EXPECT_TRUE(Session().Logged("very many time, work id: 1"));
+    EXPECT_TRUE(Session().Logged("very many time, work id: 2"));
     EXPECT_TRUE(peer.WaitClosedBySource(3000));
     EXPECT_EQ(Delete(2), 300);
 }
@@ -267,7 +234,7 @@ TEST_F(FileSource, AnIdleListenerClosesAfterItsKeepTime)
     FilePeer peer;
     EXPECT_TRUE(peer.Connect(m_nPort, 2000));
     Session().AdvanceClock(60);
-    ASSERT_TRUE(Logged("we close the server listen, timeout: 100s"));
+    ASSERT_TRUE(Session().Logged("we close the server listen, timeout: 100s"));
     EXPECT_TRUE(peer.WaitClosedBySource(3000));
     EXPECT_FALSE(peer.Connect(m_nPort, 2000));
     // The next create opens it again.
@@ -277,46 +244,38 @@ TEST_F(FileSource, AnIdleListenerClosesAfterItsKeepTime)
     EXPECT_TRUE(peer.Connect(m_nPort, 2000));
 }
 
+// With the opt-in check a work serves only its path to its destination;
+// without it, any path to anyone for a known work.
 TEST_F(FileSource, TheOptInCheckServesAWorkOnlyItsPathAndItsDestination)
 {
-    Start("file_trans_svr_check_client = 1\n");
-    std::string strPath = File("f", "data");
-    std::string strOther = File("g", "other");
-    unsigned int nElsewhere = 0x0900000A;  // 10.0.0.9, as inet_pton leaves it
-    SendCreate(1, strPath, 0, Loopback());
-    RspWorkFileSrcCreate rsp;
-    ASSERT_TRUE(Session().Next(rsp));
-    SendCreate(2, strPath, 0, nElsewhere);
-    ASSERT_TRUE(Session().Next(rsp));
-
-    FilePeer mine, wrongPath, wrongPeer;
-    ASSERT_TRUE(mine.Connect(m_nPort, 2000));
-    ASSERT_TRUE(mine.Get(1, 5, strPath, 0, 10, 1));
-    FileBlock block;
-    ASSERT_TRUE(mine.Next(block, 3000));
-    EXPECT_EQ(block.strContent, "data");
-    ASSERT_TRUE(wrongPath.Connect(m_nPort, 2000));
-    ASSERT_TRUE(wrongPath.Get(1, 5, strOther, 0, 10, 1));
-    EXPECT_TRUE(wrongPath.WaitClosedBySource(3000));
-    ASSERT_TRUE(wrongPeer.Connect(m_nPort, 2000));
-    ASSERT_TRUE(wrongPeer.Get(2, 5, strPath, 0, 10, 1));
-    EXPECT_TRUE(wrongPeer.WaitClosedBySource(3000));
-}
-
-TEST_F(FileSource, WithoutTheCheckAnyPathIsReadForAKnownWork)
-{
-    Start();
-    std::string strPath = File("f", "data");
-    std::string strOther = File("g", "other");
-    SendCreate(1, strPath, 0, 0x0900000A);
-    RspWorkFileSrcCreate rsp;
-    ASSERT_TRUE(Session().Next(rsp));
-    FilePeer peer;
-    ASSERT_TRUE(peer.Connect(m_nPort, 2000));
-    ASSERT_TRUE(peer.Get(1, 5, strOther, 0, 10, 1));
-    FileBlock block;
-    ASSERT_TRUE(peer.Next(block, 3000));
-    EXPECT_EQ(block.strContent, "other");
+    for (bool bCheck : {true, false}) {
+        SCOPED_TRACE(bCheck);
+        m_pSession.reset();
+        Start(bCheck ? "file_trans_svr_check_client = 1\n" : "");
+        std::string strPath = File("f", "data");
+        std::string strOther = File("g", "other");
+        SendCreate(1, strPath, 0, LOOPBACK);
+        SendCreate(2, strPath, 0, 0x0900000A);  // 10.0.0.9, as inet_pton leaves it
+        RspWorkFileSrcCreate rsp;
+        ASSERT_TRUE(Session().Next(rsp));
+        ASSERT_TRUE(Session().Next(rsp));
+        const struct {
+            unsigned int nWorkId;
+            std::string strPath, strServed;  // empty: the source closes the connection
+        } rows[] = {{1, strPath, "data"}, {1, strOther, bCheck ? "" : "other"}, {2, strPath, bCheck ? "" : "data"}};
+        for (const auto& row : rows) {
+            FilePeer peer;
+            ASSERT_TRUE(peer.Connect(m_nPort, 2000));
+            ASSERT_TRUE(peer.Get(row.nWorkId, 5, row.strPath, 0, 10, 1));
+            FileBlock block;
+            if (row.strServed.empty()) {
+                EXPECT_TRUE(peer.WaitClosedBySource(3000)) << row.nWorkId << row.strPath;
+            } else {
+                ASSERT_TRUE(peer.Next(block, 3000)) << row.nWorkId << row.strPath;
+                EXPECT_EQ(block.strContent, row.strServed);
+            }
+        }
+    }
 }
 
 TEST_F(FileSource, AFileOfTheCacheIsRenewedByItsOfferAndItsReaders)
@@ -348,7 +307,7 @@ TEST_F(FileSource, AFileOfTheCacheIsRenewedByItsOfferAndItsReaders)
     FilePeer peer;
     ASSERT_TRUE(peer.Connect(m_nPort, 2000));
     ASSERT_TRUE(peer.Heartbeat(1, 7));
-    ASSERT_TRUE(Logged("UpdateClientInfo(work id: 1, dst work id: 7"));
+    ASSERT_TRUE(Session().Logged("UpdateClientInfo(work id: 1, dst work id: 7"));
     std::string strE = Session().Path("cache/e");
     ASSERT_EQ(g_fileTransCache.AddToCache(strE, 100, 0), strE);
     EXPECT_TRUE(has(vecFiles[0]));
@@ -361,33 +320,18 @@ protected:
     void StartWithKey(const std::string& strExtra = "")
     {
         Start(strExtra, 0, true);
-        ReqSessionKey req;
-        ASSERT_TRUE(Session().Next(req, 5000));
-        ReqSessionKeyEncData data;
-        ASSERT_TRUE(OpenKeyRequest(Session().Path("private.pem"), req, data));
-        RspSessionKey rsp;
-        SealKeyAnswer(rsp, std::string(data.oldKeyData.octs, data.oldKeyData.octetLen), m_strKey, data.keySn, 77,
-                      1000000);
-        Session().Send(rsp);
-        RspSessionKeyUsed used;
-        ASSERT_TRUE(Session().Next(used, 3000));
-        m_nKeySn = static_cast<unsigned int>(data.keySn.value);
+        m_nKeySn = Session().EstablishKey(m_strKey);
+        ASSERT_NE(m_nKeySn, 0u);
     }
 
-    int CreateEnc(unsigned int nWorkId, const std::string& strPath, const std::string& strMd5, int nFlag = 0,
-                  int nTimeoutMs = 5000)
+    int CreateEnc(unsigned int nWorkId, const std::string& strPath, const std::string& strMd5, int nTimeoutMs = 5000)
     {
         ReqWorkFileSrcCreateEncData data;
         data.srcFile.Set(strPath.data(), strPath.size());
         data.fileMd5.Set(strMd5.data(), strMd5.size());
-        data.flag = nFlag;
-        std::string strEnc = AesEncrypt(m_strKey, EncodeRecord(data));
-        ReqWorkFileSrcCreateEnc req;
-        req.encData.ReSet(strEnc.data(), strEnc.size());
-        req.keySn = static_cast<int>(m_nKeySn);
-        req.workId = static_cast<int>(nWorkId);
-        Route(req);
-        Session().Send(req, 33);
+        data.flag = 0;
+        Session().SendSealed<ReqWorkFileSrcCreateEnc>(AesEncrypt(m_strKey, EncodeRecord(data)), m_nKeySn, nWorkId, 33,
+                                                      [&](ReqWorkFileSrcCreateEnc& req) { Route(req); });
         RspWorkFileSrcCreate rsp;
         if (!Session().Next(rsp, nTimeoutMs)) return -1;
         EXPECT_EQ(static_cast<unsigned int>(rsp.workId.value), nWorkId);
@@ -399,6 +343,8 @@ protected:
     unsigned int m_nKeySn = 0;
 };
 
+// A given MD5 is checked; what can not be summed (a FIFO, a directory) is 314
+// without blocking, a missing file 329.
 TEST_F(FileSourceEnc, TheExpectedMd5IsChecked)
 {
     StartWithKey();
@@ -407,45 +353,37 @@ TEST_F(FileSourceEnc, TheExpectedMd5IsChecked)
     EXPECT_EQ(CreateEnc(1, strPath, brel_lib::md5("other")), 335);
     EXPECT_EQ(CreateEnc(2, strPath, brel_lib::md5(strData)), 0);
     EXPECT_EQ(CreateEnc(3, strPath, ""), 0);  // no check asked
-    EXPECT_TRUE(Logged("CProcessCommon::ReqFileSrcCreateEnc(file md5: " + brel_lib::md5(strData) + ")"));
-}
+    EXPECT_TRUE(Session().Logged("CProcessCommon::ReqFileSrcCreateEnc(file md5: " + brel_lib::md5(strData) + ")"));
 
-TEST_F(FileSourceEnc, WhatCanNotBeSummedGets314WithoutBlocking)
-{
-    StartWithKey();
     std::string strFifo = Session().Path("fifo");
     ASSERT_EQ(mkfifo(strFifo.c_str(), 0644), 0);
     std::string strDir = Session().Path("dir");
     ASSERT_EQ(mkdir(strDir.c_str(), 0755), 0);
-    EXPECT_EQ(CreateEnc(1, strFifo, brel_lib::md5("x")), 314);
-    EXPECT_EQ(CreateEnc(2, strDir, brel_lib::md5("x")), 314);
-    EXPECT_EQ(CreateEnc(3, Session().Path("missing"), brel_lib::md5("x")), 329);
+    EXPECT_EQ(CreateEnc(4, strFifo, brel_lib::md5("x")), 314);
+    EXPECT_EQ(CreateEnc(5, strDir, brel_lib::md5("x")), 314);
+    EXPECT_EQ(CreateEnc(6, Session().Path("missing"), brel_lib::md5("x")), 329);
 }
 
+// Under the check's size limit: a file changed after its sum was taken fails
+// until the sum is forgotten. Above the limit a file passes unchecked.
 TEST_F(FileSourceEnc, AChangedFileFails335UntilItsSumIsForgotten)
 {
-    StartWithKey();
+    StartWithKey("file_trans_svr_check_md5_max_size = 10\n");
+    EXPECT_EQ(CreateEnc(1, File("big", std::string(11, 'z')), brel_lib::md5("wrong")), 0);
+    EXPECT_EQ(CreateEnc(2, File("small", std::string(10, 'z')), brel_lib::md5("wrong")), 335);
+
     std::string strPath = File("f", "first");
-    EXPECT_EQ(CreateEnc(1, strPath, brel_lib::md5("first")), 0);
+    EXPECT_EQ(CreateEnc(3, strPath, brel_lib::md5("first")), 0);
     WriteFile(strPath, "second");
     struct utimbuf times = {1000, 1000};
     ASSERT_EQ(utime(strPath.c_str(), &times), 0);
-    EXPECT_EQ(CreateEnc(2, strPath, brel_lib::md5("second")), 335);
+    EXPECT_EQ(CreateEnc(4, strPath, brel_lib::md5("second")), 335);
     Session().AdvanceClock(1800);
-    EXPECT_EQ(CreateEnc(3, strPath, brel_lib::md5("second")), 335);
+    EXPECT_EQ(CreateEnc(5, strPath, brel_lib::md5("second")), 335);
     // An hour after the sum was taken, at the next clean-up, it is taken anew.
     Session().AdvanceClock(1900);
-    EXPECT_TRUE(WaitUntil(
-        [&] { return CreateEnc(100 + rand() % 100000, strPath, brel_lib::md5("second"), 0, 1000) == 0; }, 5000));
-}
-
-TEST_F(FileSourceEnc, AFileAboveTheCheckLimitPassesUnchecked)
-{
-    StartWithKey("file_trans_svr_check_md5_max_size = 10\n");
-    std::string strPath = File("f", std::string(11, 'z'));
-    EXPECT_EQ(CreateEnc(1, strPath, brel_lib::md5("wrong")), 0);
-    std::string strSmall = File("s", std::string(10, 'z'));
-    EXPECT_EQ(CreateEnc(2, strSmall, brel_lib::md5("wrong")), 335);
+    EXPECT_TRUE(WaitUntil([&] { return CreateEnc(100 + rand() % 100000, strPath, brel_lib::md5("second"), 1000) == 0; },
+                          5000));
 }
 
 } // namespace
