@@ -1,9 +1,7 @@
-// The command manager in-process, with a reply sink of the test's and the
-// child seam: a timeout or a delete ends the work's whole process tree, in a
-// cgroup and in process groups (the seam hides the cgroups); the key that
-// brings back the single SIGKILL; a reaped child's end event leaves the
-// supervisor's set whichever path reaps it; users that su would read as
-// options; the cap on capture buffers.
+// The command manager in-process, with a reply sink and the child seam: the
+// end of whole process trees (cgroups, or process groups where the seam hides
+// them), the reaped child's end event, users su would read as options, the cap
+// on capture buffers.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -29,24 +27,19 @@ using namespace agent_test;
 
 namespace {
 
-// What the manager reported, kept by work id.
+// What the manager reported, the last report kept by work id.
 class RecordingSink : public CSessionReply {
 public:
     struct Report {
         unsigned int nStatus = 0;
-        int nErrno = 0;
-        int nExitCode = 0;
+        int nErrno = 0, nExitCode = 0;
         pid_t nPid = 0;
         std::string strOut, strErr;
     };
 
     void SendCmdToServerQueryOk(const CommonWork& work) override
     {
-        Report report;
-        report.nStatus = work.nStatus;
-        report.nErrno = work.nErrno;
-        report.nExitCode = work.nExitCode;
-        report.nPid = work.nPid;
+        Report report{work.nStatus, work.nErrno, work.nExitCode, work.nPid, "", ""};
         if (work.pStdOut != nullptr) report.strOut.assign(work.pStdOut, work.nUsedOutSize);
         if (work.pStdErr != nullptr) report.strErr.assign(work.pStdErr, work.nUsedErrSize);
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -58,11 +51,11 @@ public:
     bool Wait(unsigned int nWorkId, unsigned int nStatus, Report& out, int nTimeoutMs = 10000)
     {
         std::unique_lock<std::mutex> lock(m_mutex);
+        auto it = m_mapLast.end();
         bool bOk = m_cond.wait_for(lock, std::chrono::milliseconds(nTimeoutMs), [&] {
-            auto it = m_mapLast.find(nWorkId);
-            return it != m_mapLast.end() && it->second.nStatus >= nStatus;
+            return (it = m_mapLast.find(nWorkId)) != m_mapLast.end() && it->second.nStatus >= nStatus;
         });
-        if (bOk) out = m_mapLast[nWorkId];
+        if (bOk) out = it->second;
         return bOk;
     }
 
@@ -140,6 +133,12 @@ protected:
         return m_manager.SetWorkAction(nWorkId, 1, 0);
     }
 
+    // The work's finished report; false on timeout.
+    bool Finished(unsigned int nWorkId, RecordingSink::Report& report)
+    {
+        return m_sink.Wait(nWorkId, WORK_FINISHED, report);
+    }
+
     // The work's processes once one of them runs strMarker; empty on timeout.
     std::vector<ProcInfo> TreeWhenRunning(unsigned int nWorkId, const std::string& strMarker)
     {
@@ -177,10 +176,9 @@ protected:
         ASSERT_EQ(Launch(1, "sleep 1000", 2, strUser), 0);
         // Taken before the kill unless su is slower than the time limit.
         std::vector<ProcInfo> vecSu = TreeWhenRunning(1, "sleep 1000");
-        RecordingSink::Report report;
-        ASSERT_TRUE(m_sink.Wait(1, WORK_FINISHED, report));
-        EXPECT_EQ(report.nErrno, RET_WORK_TIMEOUT);
-        EXPECT_EQ(report.strErr, "the work is timeout\n");
+        ASSERT_TRUE(Finished(1, m_report));
+        EXPECT_EQ(m_report.nErrno, RET_WORK_TIMEOUT);
+        EXPECT_EQ(m_report.strErr, "the work is timeout\n");
         EXPECT_TRUE(Survivors(vecSu).empty()) << Names(Survivors(vecSu));
         WaitUntil([&] { return RunningAs(strUser).empty(); }, 5000);
         std::vector<ProcInfo> vecUser = RunningAs(strUser);
@@ -202,8 +200,8 @@ protected:
     TempDir m_dir{"cmd_manager_test_"};
     std::string m_strDir = m_dir.Root();
     RecordingSink m_sink;
-    // Seams the tests may give the manager; they outlive its thread.
-    NoCgroupOps m_opsNoCgroup;
+    RecordingSink::Report m_report;
+    NoCgroupOps m_opsNoCgroup;  // seams outlive the manager's thread
     ReapAtRoundTopOps m_opsReapAtRoundTop;
     CCmdExecuteManager m_manager;
     bool m_bStarted = false;
@@ -215,8 +213,6 @@ bool HaveCgroups()
     std::string strDir;
     return FindOwnCgroup2Dir(strDir);
 }
-
-// ---- a timeout or a delete ends the whole tree ----------------------------------------
 
 TEST_F(CmdManagerTest, TimeoutAndDeleteEndTheWholeTreeInACgroup)
 {
@@ -242,9 +238,8 @@ TEST_F(CmdManagerTest, KeyOffKillsTheChildAlone)
     ASSERT_EQ(Launch(1, "sh -c 'sleep 1000; :'", 1), 0);
     std::vector<ProcInfo> vecTree = TreeWhenRunning(1, "sleep 1000");
     ASSERT_GE(vecTree.size(), 2u) << Names(vecTree);
-    RecordingSink::Report report;
-    ASSERT_TRUE(m_sink.Wait(1, WORK_FINISHED, report));
-    EXPECT_EQ(report.nErrno, RET_WORK_TIMEOUT);
+    ASSERT_TRUE(Finished(1, m_report));
+    EXPECT_EQ(m_report.nErrno, RET_WORK_TIMEOUT);
     // Only the child was killed: its grandchild, the sleep, runs on (the test ends it).
     std::vector<ProcInfo> vecLeft = StillRunning(vecTree);
     ASSERT_FALSE(vecLeft.empty());
@@ -306,8 +301,6 @@ TEST(CmdProcessTree, KilledCgroupsAreNotReusedAndTheStopRemovesThemAll)
     EXPECT_NE(stat(strOwn.c_str(), &st), 0);
 }
 
-// ---- the end event of a reaped child ---------------------------------------------------
-
 int OpenPidFds()
 {
     int n = 0;
@@ -326,29 +319,25 @@ TEST_F(CmdManagerTest, ChildReapedAtTheTopOfARoundGivesUpItsEndEvent)
 {
     Start("", &m_opsReapAtRoundTop);
     ASSERT_EQ(Launch(1, "exec sleep 1000"), 0);
-    RecordingSink::Report report;
-    ASSERT_TRUE(m_sink.Wait(1, WORK_FINISHED, report));
-    EXPECT_EQ(report.nExitCode, SIGKILL);
+    ASSERT_TRUE(Finished(1, m_report));
+    EXPECT_EQ(m_report.nExitCode, SIGKILL);
     // Left open in the level-triggered set, it would wake the supervisor at every round.
     EXPECT_EQ(OpenPidFds(), 0);
 }
-
-// ---- users su would read as options, and the buffer cap ------------------------------
 
 TEST_F(CmdManagerTest, AUserThatBeginsWithADashNeverReachesSu)
 {
     Start();
     std::string strMark = m_strDir + "/ran";
     ASSERT_EQ(Launch(1, "touch " + strMark, 0, "-c"), 0);
-    RecordingSink::Report report;
-    ASSERT_TRUE(m_sink.Wait(1, WORK_FINISHED, report));
-    EXPECT_EQ(report.nErrno, 0);
-    EXPECT_EQ(report.nExitCode, 1);
+    ASSERT_TRUE(Finished(1, m_report));
+    EXPECT_EQ(m_report.nErrno, 0);
+    EXPECT_EQ(m_report.nExitCode, 1);
     // su writes nothing to standard output: when it exits before the supervisor's
     // round, that pipe's bare hang-up ends the capture of both streams, so its
     // message may be lost.
-    if (!report.strErr.empty()) {
-        EXPECT_EQ(report.strErr,
+    if (!m_report.strErr.empty()) {
+        EXPECT_EQ(m_report.strErr,
                   "su: user -c does not exist or the user entry does not contain all the required fields\n");
     }
     struct stat st;
@@ -359,25 +348,17 @@ TEST_F(CmdManagerTest, CaptureBuffersAreCappedSoThatAFullResultFitsOnePacket)
 {
     Start();
     ASSERT_EQ(Launch(1, "printf out; printf err >&2", 0, "", 0xFFFFFFF0u), 0);
-    RecordingSink::Report report;
-    ASSERT_TRUE(m_sink.Wait(1, WORK_FINISHED, report));
-    EXPECT_EQ(report.strOut, "out");
+    ASSERT_TRUE(Finished(1, m_report));
+    EXPECT_EQ(m_report.strOut, "out");
     EXPECT_NE(ReadFile(m_strDir + "/agent.log").find("buf size is above the limit, we use the limit"), std::string::npos);
 
     // Both streams full at the cap, every other field at its widest: within the framing limit.
     RspWorkCmdQuery rsp;
     std::string strFull(CMD_RESULT_BUF_MAX, 'x');
-    rsp.ret = -1;
-    rsp.workId = -1;
-    rsp.status = -1;
-    rsp.beginTime = -1;
-    rsp.endTime = -1;
-    rsp.exitCode = -1;
+    rsp.ret = rsp.workId = rsp.status = rsp.beginTime = rsp.endTime = rsp.exitCode = -1;
+    rsp.routeDstServerIp = rsp.routeDstServerId = rsp.routeSrcAgentId = -1;
     rsp.stdOut.ReSet(strFull.data(), strFull.size());
     rsp.stdErr.ReSet(strFull.data(), strFull.size());
-    rsp.routeDstServerIp = -1;
-    rsp.routeDstServerId = -1;
-    rsp.routeSrcAgentId = -1;
     std::vector<unsigned char> bytes = EncodeMessage(rsp, -1);
     ASSERT_FALSE(bytes.empty());
     EXPECT_LE(bytes.size(), brel_lib::MAX_LEN);

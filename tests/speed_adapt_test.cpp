@@ -69,71 +69,60 @@ TEST(SpeedAdaptTest, EveryWorkedRowPicksItsTier)
     }
 }
 
-TEST(SpeedAdaptTest, AdaptingStartsANewPeriod)
+// 4 seconds, 14 packets, 0x63fffff bytes: one short of ripe on every count.
+void Unripe(FileTransClient& t)
 {
-    FileTransClient task = RipeWork(2097152, 104857600);
-    task.nStatBeginTime = kNow - 2;
-    ASSERT_TRUE(AutoAdjustNewReqSizeAndNum(task, kNow));
-    EXPECT_EQ(0u, task.lStatSpeedSum);
-    EXPECT_EQ(0u, task.nStatDataSize);
-    EXPECT_EQ(0u, task.nStatPacketNum);
-    EXPECT_EQ(0u, task.nStatDealMSecond);
-    EXPECT_EQ(0u, task.nStatDealDataSize);
-    EXPECT_EQ(kNow, task.nStatBeginTime);
+    t.nStatPacketNum = 14;
+    t.lStatSpeedSum = 102400ULL * 14;
+    t.nStatDataSize = 0x63fffff;
+    t.nStatBeginTime = kNow - 4;
 }
 
-TEST(SpeedAdaptTest, NothingMeasuredKeepsTheSizeAndThePeriod)
+// When a period is ripe (5 seconds, 15 packets or 0x6400000 bytes) and
+// measured, the pick is made and a new period starts; otherwise the size and
+// the period stay, a beginning in the future pulled back to now.
+TEST(SpeedAdaptTest, APeriodRipensByTimePacketsOrBytesAndNeedsAMeasure)
 {
-    // A disk that handles each block in under a millisecond adds no time.
+    struct Row {
+        const char* szName;
+        void (*change)(FileTransClient&);
+        bool bAdapted;
+        unsigned int nGetSize;
+        time_t tBegin;  // the period's beginning after the call
+    };
+    const Row rows[] = {
+        {"ripe", [](FileTransClient& t) { t.nStatBeginTime = kNow - 2; }, true, 0x8000, kNow},
+        {"unripe", Unripe, false, 0x80000, kNow - 4},
+        {"by time", [](FileTransClient& t) { Unripe(t); t.nStatBeginTime = kNow - 5; }, true, 0x8000, kNow},
+        // 15 packets of a mean below 0x40000.
+        {"by packets", [](FileTransClient& t) { Unripe(t); t.nStatPacketNum = 15; }, true, 0x4000, kNow},
+        {"by bytes", [](FileTransClient& t) { Unripe(t); t.nStatDataSize = 0x6400000; }, true, 0x8000, kNow},
+        // A disk that handles each block in under a millisecond adds no time.
+        {"no local time", [](FileTransClient& t) { t.nStatDealMSecond = 0; t.nStatBeginTime = kNow - 100; }, false,
+         0x80000, kNow - 100},
+        {"no packets", [](FileTransClient& t) { t.nStatPacketNum = 0; }, false, 0x80000, kNow},
+        {"future", [](FileTransClient& t) { Unripe(t); t.nStatBeginTime = kNow + 3600; }, false, 0x80000, kNow},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.szName);
+        FileTransClient task = RipeWork(102400, 102400);
+        row.change(task);
+        FileTransClient before = task;
+        EXPECT_EQ(AutoAdjustNewReqSizeAndNum(task, kNow), row.bAdapted);
+        EXPECT_EQ(task.nNowGetSize, row.nGetSize);
+        EXPECT_EQ(task.nStatBeginTime, row.tBegin);
+        if (row.bAdapted) {  // a new period
+            EXPECT_EQ(0u, task.lStatSpeedSum + task.nStatDataSize + task.nStatPacketNum + task.nStatDealMSecond +
+                              task.nStatDealDataSize);
+        } else {
+            EXPECT_EQ(task.nNowAllGetNum, 4u);
+            EXPECT_EQ(task.nStatPacketNum, before.nStatPacketNum);
+        }
+    }
+    // A beginning pulled back to now ripens by time as usual.
     FileTransClient task = RipeWork(102400, 102400);
-    task.nStatDealMSecond = 0;
-    task.nStatBeginTime = kNow - 100;
-    EXPECT_FALSE(AutoAdjustNewReqSizeAndNum(task, kNow));
-    EXPECT_EQ(4u, task.nNowAllGetNum);
-    EXPECT_EQ(0x80000u, task.nNowGetSize);
-    EXPECT_EQ(15u, task.nStatPacketNum);
-
-    task = RipeWork(102400, 102400);
-    task.nStatPacketNum = 0;
-    EXPECT_FALSE(AutoAdjustNewReqSizeAndNum(task, kNow));
-    EXPECT_EQ(0x80000u, task.nNowGetSize);
-}
-
-TEST(SpeedAdaptTest, APeriodRipensByTimePacketsOrBytes)
-{
-    // Unripe: 4 seconds, 14 packets, 0x63fffff bytes.
-    FileTransClient task = RipeWork(102400, 102400);
-    task.nStatPacketNum = 14;
-    task.lStatSpeedSum = 102400ULL * 14;
-    task.nStatDataSize = 0x63fffff;
-    task.nStatBeginTime = kNow - 4;
-    EXPECT_FALSE(AutoAdjustNewReqSizeAndNum(task, kNow));
-    EXPECT_EQ(0x80000u, task.nNowGetSize);
-    EXPECT_EQ(14u, task.nStatPacketNum);
-
-    FileTransClient byTime = task;
-    byTime.nStatBeginTime = kNow - 5;
-    EXPECT_TRUE(AutoAdjustNewReqSizeAndNum(byTime, kNow));
-    EXPECT_EQ(0x8000u, byTime.nNowGetSize);
-
-    FileTransClient byPackets = task;
-    byPackets.nStatPacketNum = 15;
-    EXPECT_TRUE(AutoAdjustNewReqSizeAndNum(byPackets, kNow));
-
-    FileTransClient byBytes = task;
-    byBytes.nStatDataSize = 0x6400000;
-    EXPECT_TRUE(AutoAdjustNewReqSizeAndNum(byBytes, kNow));
-}
-
-TEST(SpeedAdaptTest, ABeginInTheFutureIsPulledBackToNow)
-{
-    FileTransClient task = RipeWork(102400, 102400);
-    task.nStatPacketNum = 3;
-    task.lStatSpeedSum = 102400ULL * 3;
-    task.nStatBeginTime = kNow + 3600;
-    EXPECT_FALSE(AutoAdjustNewReqSizeAndNum(task, kNow));
-    EXPECT_EQ(kNow, task.nStatBeginTime);
-    // And the period then ripens by time as usual.
+    rows[7].change(task);
+    AutoAdjustNewReqSizeAndNum(task, kNow);
     EXPECT_TRUE(AutoAdjustNewReqSizeAndNum(task, kNow + 5));
 }
 
@@ -141,9 +130,7 @@ TEST(SpeedAdaptTest, LocalRateIsComputedWithoutOverflow)
 {
     // 4 GiB - 1 bytes in a second: times 1000 in 32 bits it would wrap to
     // about 4 MiB/s, and the local side would wrongly decide.
-    FileTransClient task = RipeWork(0x3200000, 0);
-    task.nStatDealDataSize = 0xffffffff;
-    task.nStatDealMSecond = 1000;
+    FileTransClient task = RipeWork(0x3200000, 0xffffffff);
     ASSERT_TRUE(AutoAdjustNewReqSizeAndNum(task, kNow));
     EXPECT_EQ(0x500000u, task.nNowGetSize);  // net decides
 
