@@ -57,7 +57,7 @@ protected:
 
     // One work that gets the content in two blocks; between them the step
     // runs. The ret of its final report, -1 if none came.
-    int Pull(const std::string& strFileMd5, const std::function<void()>& between = [] {})
+    int Pull(const std::string& strFileMd5, const std::function<void()>& between)
     {
         unsigned int nIp = 0;
         inet_pton(AF_INET, "127.0.0.1", &nIp);
@@ -96,54 +96,47 @@ protected:
     std::unique_ptr<CFileTransClientManager> m_pManager;
 };
 
+// A work that did not digest the file from its first block (the key came on
+// by a reload after it) reads the file at the end, and a file that someone
+// rewrote in place meanwhile fails although its size is right.
 TEST_F(WholeFileMd5, TheFileMatchingItsCreateEndsWithZeroAndAnyOtherWith335)
 {
     std::string strRight = brel_lib::md5(CONTENT);
-    std::string strWrong = brel_lib::md5("another file");
     std::string strUpper = strRight;
     for (char& ch : strUpper) ch = static_cast<char>(toupper(static_cast<unsigned char>(ch)));
-    struct Case {
+    enum Between { NOTHING, KEY_ON, KEY_ON_AND_REWRITE };
+    const struct {
         const char* szName;
         const char* szKey;
         std::string strFileMd5;
+        Between between;
         int nRet;
     } cases[] = {
-        {"match", "1", strRight, 0},
-        {"match, upper case", "1", strUpper, 0},
-        {"mismatch", "1", strWrong, 335},
-        {"key off", "0", strWrong, 0},
-        {"no digest given", "1", "", 0},
+        {"match", "1", strRight, NOTHING, 0},
+        {"match, upper case", "1", strUpper, NOTHING, 0},
+        {"mismatch", "1", brel_lib::md5("another file"), NOTHING, 335},
+        {"key off", "0", brel_lib::md5("another file"), NOTHING, 0},
+        {"no digest given", "1", "", NOTHING, 0},
+        {"key on after the first block", "0", strRight, KEY_ON, 0},
+        {"key on after the first block, file rewritten", "0", strRight, KEY_ON_AND_REWRITE, 335},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.szName);
         StartManager(c.szKey);
-        EXPECT_EQ(Pull(c.strFileMd5), c.nRet);
-        EXPECT_EQ(ReadFile(m_dir.Path("dst")), CONTENT) << "the file stays as written";
+        EXPECT_EQ(Pull(c.strFileMd5,
+                       [&] {
+                           if (c.between == NOTHING) return;
+                           WriteFile(m_strCfg, "file_trans_client_check_file_md5 = 1\n");
+                           m_pManager->ReloadCfg();
+                           if (c.between == KEY_ON_AND_REWRITE) WriteFile(m_dir.Path("dst"), std::string(HALF, 'x'));
+                       }),
+                  c.nRet);
+        if (c.between != KEY_ON_AND_REWRITE) {
+            EXPECT_EQ(ReadFile(m_dir.Path("dst")), CONTENT) << "the file stays as written";
+        }
         m_pManager->Stop();
         m_pManager.reset();
     }
-}
-
-// A work that did not digest the file from its first block reads it at the
-// end: here the key comes on by a reload after the first block, and a file
-// that someone rewrote in place meanwhile fails although its size is right.
-TEST_F(WholeFileMd5, AWorkThatDidNotSeeTheStartReadsTheFileAtTheEnd)
-{
-    std::string strRight = brel_lib::md5(CONTENT);
-    StartManager("0");
-    EXPECT_EQ(Pull(strRight, [&] {
-                  WriteFile(m_strCfg, "file_trans_client_check_file_md5 = 1\n");
-                  m_pManager->ReloadCfg();
-              }),
-              0);
-    m_pManager->Stop();
-    StartManager("0");
-    EXPECT_EQ(Pull(strRight, [&] {
-                  WriteFile(m_strCfg, "file_trans_client_check_file_md5 = 1\n");
-                  m_pManager->ReloadCfg();
-                  WriteFile(m_dir.Path("dst"), std::string(HALF, 'x'));
-              }),
-              335);
 }
 
 } // namespace

@@ -7,48 +7,36 @@
 
 namespace {
 
-// The waits for a heartbeat that must not come; seconds of real time that pass
-// meanwhile are far below the margins the clock moves leave.
-const int NONE_WAIT_MS = 300;
-
-const char* HEARTBEAT_CONFIG = "heartbeat_second = 100\n";
-
-TEST(SessionHeartbeat, OneAtTheFirstPassThenTwoSecondsAfterTheConnectThenEachPeriod)
+// A connect before the session's first pass sets the first heartbeat; the
+// default period of 50 seconds then.
+TEST(SessionHeartbeat, OneAtTheFirstPassOrAtTheConnectThenTwoSecondsAfterTheConnectThenEachPeriod)
 {
-    SessionHarness session(HEARTBEAT_CONFIG);
-    session.Start();
-    ReqWorkAgentHeartbeat heartbeat;
-    ASSERT_TRUE(session.Next(heartbeat));
-    EXPECT_EQ(heartbeat.agentId.value, 77);
-
-    session.LinkConnected();
-    EXPECT_FALSE(session.Next(heartbeat, NONE_WAIT_MS));
-    session.AdvanceClock(2);
-    ASSERT_TRUE(session.Next(heartbeat));
-    session.AdvanceClock(90);
-    EXPECT_FALSE(session.Next(heartbeat, NONE_WAIT_MS));
-    session.AdvanceClock(10);
-    ASSERT_TRUE(session.Next(heartbeat));
-}
-
-// The link may connect before the session thread runs its first pass: the
-// connect's schedule then stands, and no heartbeat leaves before it. The one
-// after comes a whole period later, so that the second heartbeat the server
-// sees lies a period and 2 seconds after the connect. The default period of 50
-// seconds, since here the connect comes before the session reads its keys.
-TEST(SessionHeartbeat, AConnectBeforeTheFirstPassSetsTheFirstHeartbeat)
-{
-    SessionHarness session("");
-    session.LinkConnected();
-    session.Start();
-    ReqWorkAgentHeartbeat heartbeat;
-    EXPECT_FALSE(session.Next(heartbeat, NONE_WAIT_MS));
-    session.AdvanceClock(2);
-    ASSERT_TRUE(session.Next(heartbeat));
-    session.AdvanceClock(40);
-    EXPECT_FALSE(session.Next(heartbeat, NONE_WAIT_MS));
-    session.AdvanceClock(10);
-    ASSERT_TRUE(session.Next(heartbeat));
+    const struct {
+        bool bConnectFirst;
+        const char* szConfig;
+        time_t tPeriod;
+    } rows[] = {{false, "heartbeat_second = 100\n", 100}, {true, "", 50}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.bConnectFirst);
+        SessionHarness session(row.szConfig);
+        if (row.bConnectFirst) session.LinkConnected();
+        session.Start();
+        ReqWorkAgentHeartbeat heartbeat;
+        if (!row.bConnectFirst) {
+            ASSERT_TRUE(session.Next(heartbeat));
+            EXPECT_EQ(heartbeat.agentId.value, 77);
+            session.LinkConnected();
+        }
+        // Waits for a heartbeat that must not come: the real time that passes
+        // is far below the margins the clock moves leave.
+        EXPECT_FALSE(session.Next(heartbeat, 300));
+        session.AdvanceClock(2);
+        ASSERT_TRUE(session.Next(heartbeat));
+        session.AdvanceClock(row.tPeriod - 10);
+        EXPECT_FALSE(session.Next(heartbeat, 300));
+        session.AdvanceClock(10);
+        ASSERT_TRUE(session.Next(heartbeat));
+    }
 }
 
 } // namespace

@@ -14,10 +14,16 @@ std::string HistoryConfig(unsigned int nKeepSecond)
            "\ntask_max_concurrent = 5000\nheartbeat_second = 100000\n";
 }
 
-TEST(SessionHistory, RepeatsAnswerWithoutEffectAndExpireByAge)
+TEST(SessionHistory, RepeatsAnswerWithoutEffectAndExpireByAgeAtSweepsMoreThan179SecondsApart)
 {
     SessionHarness session(HistoryConfig(100));
     session.Start();
+    EXPECT_EQ(session.Create(3), 0);
+    session.AdvanceClock(150);  // older than the keeping time, but no sweep yet
+    EXPECT_EQ(session.Create(3), 0);
+    session.AdvanceClock(40);  // 190 s since the last sweep
+    EXPECT_EQ(session.Create(3), 323);
+
     EXPECT_EQ(session.Create(1), 0);
     EXPECT_EQ(session.Create(1), 0);  // remembered: answered, nothing created
     // Past the keeping time, at the next sweep: the id is forgotten while the
@@ -30,17 +36,6 @@ TEST(SessionHistory, RepeatsAnswerWithoutEffectAndExpireByAge)
     EXPECT_EQ(session.Delete(2), 0);  // remembered
     session.AdvanceClock(200);
     EXPECT_EQ(session.Delete(2), 300);  // forgotten, and the work is gone
-}
-
-TEST(SessionHistory, SweepRunsOnlyAfterMoreThan179Seconds)
-{
-    SessionHarness session(HistoryConfig(100));
-    session.Start();
-    EXPECT_EQ(session.Create(3), 0);
-    session.AdvanceClock(150);  // older than the keeping time, but no sweep yet
-    EXPECT_EQ(session.Create(3), 0);
-    session.AdvanceClock(40);   // 190 s since the last sweep
-    EXPECT_EQ(session.Create(3), 323);
 }
 
 TEST(SessionHistory, AnOversizedMapLosesItsLowestIdsFirst)
@@ -60,19 +55,10 @@ TEST(SessionBuffer, ALargeReplyGrowsTheBlockAndTheShrinkGivesItBack)
 {
     SessionHarness session("heartbeat_second = 100000\nasn_buffer_auto_adjust_second = 100\n");
     session.Start();
-    ReqWorkCmdCreate create;
-    create.workId = 1;
-    create.bufSize = 1000000;
-    create.cmd = "head -c 1000000 /dev/zero";
-    session.Send(create);
-    ASSERT_EQ(session.NextRet<RspWorkCmdCreate>(), 0);
-    ReqWorkCmdSetAction start;
-    start.workId = 1;
-    start.action = 1;
-    session.Send(start);
-    ASSERT_EQ(session.NextRet<RspWorkCmdSetAction>(), 0);
+    ASSERT_EQ(session.Create(1, "head -c 1000000 /dev/zero", 0, 0, 1000000), 0);
+    ASSERT_EQ(session.Start(1), 0);
     RspWorkCmdQuery result;
-    ASSERT_TRUE(session.Next(result, 5000));
+    ASSERT_TRUE(session.Result(result, 1));
     EXPECT_EQ(result.stdOut.octetLen, 1000000u);
 
     session.AdvanceClock(101);
