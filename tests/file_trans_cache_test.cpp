@@ -38,10 +38,10 @@ protected:
         WriteFile(CfgPath(), "cache_dir = " + m_strCacheDir + "\n" + strExtra);
     }
     // Loads the cache from a configuration with the extra keys.
-    void Open(CFileTransCache& cache, const std::string& strExtra = "")
+    void Open(const std::string& strExtra = "")
     {
         WriteCfg(strExtra);
-        cache.SetCfgFile(CfgPath());
+        m_cache.SetCfgFile(CfgPath());
     }
     // A cache file of n bytes.
     std::string CacheFile(const std::string& strName, size_t nSize)
@@ -51,177 +51,163 @@ protected:
         return strPath;
     }
     // Moves the clock one second at a time, sweeping as the session does each pass.
-    void Advance(CFileTransCache& cache, time_t nSecond)
+    void Advance(time_t nSecond)
     {
         for (time_t i = 0; i < nSecond; ++i) {
             g_timeNow = g_timeNow + 1;
-            cache.DealAutoDelete(g_timeNow);
+            m_cache.DealAutoDelete(g_timeNow);
         }
+    }
+    void AddFinished(const std::string& strPath, unsigned long long lSize)
+    {
+        m_cache.AddToCache(strPath, lSize, 0);
+        m_cache.SetCacheFileFinish(strPath);
+    }
+    bool Has(const std::string& strId, bool* pComplete = nullptr)
+    {
+        std::string strOut;
+        bool bComplete = false;
+        unsigned int nThread = 0;
+        bool bFound = m_cache.GetFromCache(strOut, bComplete, nThread, strId);
+        if (pComplete != nullptr) *pComplete = bComplete;
+        return bFound;
     }
 
     agent_test::TempDir m_dir{"cache_test_"};
     std::string m_strRoot = m_dir.Root();
     std::string m_strCacheDir = m_strRoot + "/cache";
+    CFileTransCache m_cache;
 };
 
-void AddFinished(CFileTransCache& cache, const std::string& strPath, unsigned long long lSize)
+// A lookup tells absent, unfinished (not looked for on disk) and complete; a
+// finished file that changed or vanished leaves the table, the changed one the disk.
+TEST_F(CacheTest, LookupTellsAbsentUnfinishedAndCompleteAndForgetsChangedFiles)
 {
-    cache.AddToCache(strPath, lSize, 0);
-    cache.SetCacheFileFinish(strPath);
-}
-
-bool Has(CFileTransCache& cache, const std::string& strId, bool* pComplete = nullptr)
-{
-    std::string strOut;
-    bool bComplete = false;
-    unsigned int nThread = 0;
-    bool bFound = cache.GetFromCache(strOut, bComplete, nThread, strId);
-    if (pComplete != nullptr) *pComplete = bComplete;
-    return bFound;
-}
-
-TEST_F(CacheTest, LookupTellsAbsentUnfinishedAndComplete)
-{
-    CFileTransCache cache;
-    Open(cache);
+    Open();
     std::string strFile = m_strCacheDir + "/a";
-    EXPECT_FALSE(Has(cache, strFile));
-
-    EXPECT_EQ(cache.AddToCache(strFile, 10, 3), strFile);
+    EXPECT_FALSE(Has(strFile));
+    EXPECT_EQ(m_cache.AddToCache(strFile, 10, 3), strFile);
     std::string strId = "untouched";
     bool bComplete = true;
     unsigned int nThread = 99;
-    ASSERT_TRUE(cache.GetFromCache(strId, bComplete, nThread, strFile));
+    ASSERT_TRUE(m_cache.GetFromCache(strId, bComplete, nThread, strFile));
     EXPECT_EQ(strId, strFile);
     EXPECT_FALSE(bComplete);
     EXPECT_EQ(nThread, 3u);
-    // An unfinished entry is not looked for on disk.
     EXPECT_FALSE(Exists(strFile));
-
     CacheFile("a", 10);
-    cache.SetCacheFileFinish(strFile);
-    ASSERT_TRUE(Has(cache, strFile, &bComplete));
+    m_cache.SetCacheFileFinish(strFile);
+    ASSERT_TRUE(Has(strFile, &bComplete));
     EXPECT_TRUE(bComplete);
-    EXPECT_EQ(cache.CacheNowSize(), 10u);
-}
 
-TEST_F(CacheTest, AFinishedFileThatChangedOrVanishedLeavesTheTable)
-{
-    CFileTransCache cache;
-    Open(cache);
     std::string strChanged = CacheFile("changed", 10);
     std::string strGone = m_strCacheDir + "/gone";
-    AddFinished(cache, strChanged, 10);
-    AddFinished(cache, strGone, 7);
+    AddFinished(strChanged, 10);
+    AddFinished(strGone, 7);
+    EXPECT_EQ(m_cache.CacheNowSize(), 27u);
     WriteFile(strChanged, std::string(11, 'y'));
-
-    EXPECT_FALSE(Has(cache, strChanged));
-    EXPECT_FALSE(Exists(strChanged));  // the changed file is removed
-    EXPECT_FALSE(Has(cache, strGone));
-    EXPECT_EQ(cache.CacheNowSize(), 0u);
-    EXPECT_EQ(cache.EntryCount(), 0u);
+    EXPECT_FALSE(Has(strChanged));
+    EXPECT_FALSE(Exists(strChanged));
+    EXPECT_FALSE(Has(strGone));
+    EXPECT_EQ(m_cache.CacheNowSize(), 10u);
+    EXPECT_EQ(m_cache.EntryCount(), 1u);
 }
 
 TEST_F(CacheTest, EntriesAgeByLastUseAndALookupDoesNotRenew)
 {
-    CFileTransCache cache;
-    Open(cache, "cache_expire_second = 1000\n");
+    Open("cache_expire_second = 1000\n");
     std::string strUsed = CacheFile("used", 1);
     std::string strLooked = CacheFile("looked", 1);
-    for (const std::string& str : {strUsed, strLooked}) AddFinished(cache, str, 1);
-    Advance(cache, 900);
-    cache.UpdateCacheAccessTime(strUsed);
-    EXPECT_TRUE(Has(cache, strLooked));  // found, but not renewed
+    for (const std::string& str : {strUsed, strLooked}) AddFinished(str, 1);
+    Advance(900);
+    m_cache.UpdateCacheAccessTime(strUsed);
+    EXPECT_TRUE(Has(strLooked));  // found, but not renewed
     // The first expiry sweep, 1800 s after the cache was made.
-    Advance(cache, 901);
-    EXPECT_TRUE(Has(cache, strUsed));
-    EXPECT_FALSE(Has(cache, strLooked));
+    Advance(901);
+    EXPECT_TRUE(Has(strUsed));
+    EXPECT_FALSE(Has(strLooked));
     EXPECT_FALSE(Exists(strLooked));
     EXPECT_TRUE(Exists(strUsed));
-    EXPECT_EQ(cache.CacheNowSize(), 1u);
+    EXPECT_EQ(m_cache.CacheNowSize(), 1u);
 }
 
 TEST_F(CacheTest, UnfinishedEntriesGoBetween120And180SecondsAfterTheirLastBlock)
 {
-    CFileTransCache cache;
-    Open(cache);
-    Advance(cache, 30);  // not in step with the sweep
+    Open();
+    Advance(30);  // not in step with the sweep
     std::string strPull = CacheFile("pull", 5);
     std::string strDone = CacheFile("done", 5);
-    cache.AddToCache(strPull, 5, 0);
-    AddFinished(cache, strDone, 5);
+    m_cache.AddToCache(strPull, 5, 0);
+    AddFinished(strDone, 5);
     // Blocks keep an unfinished entry alive for as long as they come.
     for (int i = 0; i < 10; ++i) {
-        Advance(cache, 60);
-        cache.UpdateCacheAccessTime(strPull);
+        Advance(60);
+        m_cache.UpdateCacheAccessTime(strPull);
     }
     time_t tLastBlock = g_timeNow;
     time_t tGone = 0;
     for (int i = 0; i < 300 && tGone == 0; ++i) {
-        Advance(cache, 1);
-        if (!Has(cache, strPull)) tGone = g_timeNow;
+        Advance(1);
+        if (!Has(strPull)) tGone = g_timeNow;
     }
     ASSERT_NE(tGone, 0);
     EXPECT_GE(tGone - tLastBlock, 120);
     EXPECT_LE(tGone - tLastBlock, 180);
     EXPECT_FALSE(Exists(strPull));
     // The finished one stays: it ages by the long expiry only.
-    EXPECT_TRUE(Has(cache, strDone));
+    EXPECT_TRUE(Has(strDone));
 }
 
 TEST_F(CacheTest, ClockSetBackPullsFutureUseToNow)
 {
-    CFileTransCache cache;
-    Open(cache, "cache_expire_second = 1000\n");
+    Open("cache_expire_second = 1000\n");
     std::string strFile = CacheFile("f", 1);
-    AddFinished(cache, strFile, 1);
+    AddFinished(strFile, 1);
     g_timeNow = g_timeNow - 100000;  // the clock goes back a day
-    Advance(cache, 1801);  // the sweep pulls the future use back to now
-    EXPECT_TRUE(Has(cache, strFile));
-    Advance(cache, 1801);  // and from there it ages as usual
-    EXPECT_FALSE(Has(cache, strFile));
+    Advance(1801);  // the sweep pulls the future use back to now
+    EXPECT_TRUE(Has(strFile));
+    Advance(1801);  // and from there it ages as usual
+    EXPECT_FALSE(Has(strFile));
 }
 
 TEST_F(CacheTest, RoomIsMadeFromTheOldestFinishedEntriesOnly)
 {
-    CFileTransCache cache;
-    Open(cache, "cache_max_size = 500\n");
+    Open("cache_max_size = 500\n");
     std::string strPulling = CacheFile("pulling", 100);
-    cache.AddToCache(strPulling, 100, 0);  // unfinished, and the oldest
+    m_cache.AddToCache(strPulling, 100, 0);  // unfinished, and the oldest
     std::vector<std::string> vecFiles;
     for (int i = 0; i < 4; ++i) {
         g_timeNow = g_timeNow + 10;
         vecFiles.push_back(CacheFile("f" + std::to_string(i), 100));
-        AddFinished(cache, vecFiles.back(), 100);
+        AddFinished(vecFiles.back(), 100);
     }
     // 500 of 500 in use; 200 more evicts the two oldest finished ones.
     g_timeNow = g_timeNow + 10;
     std::string strNew = m_strCacheDir + "/new";
-    EXPECT_EQ(cache.AddToCache(strNew, 200, 0), strNew);
-    EXPECT_TRUE(Has(cache, strPulling));
-    EXPECT_FALSE(Has(cache, vecFiles[0]));
-    EXPECT_FALSE(Has(cache, vecFiles[1]));
+    EXPECT_EQ(m_cache.AddToCache(strNew, 200, 0), strNew);
+    EXPECT_TRUE(Has(strPulling));
+    EXPECT_FALSE(Has(vecFiles[0]));
+    EXPECT_FALSE(Has(vecFiles[1]));
     EXPECT_FALSE(Exists(vecFiles[0]));
-    EXPECT_TRUE(Has(cache, vecFiles[2]));
-    EXPECT_TRUE(Has(cache, vecFiles[3]));
-    EXPECT_EQ(cache.CacheNowSize(), 500u);
+    EXPECT_TRUE(Has(vecFiles[2]));
+    EXPECT_TRUE(Has(vecFiles[3]));
+    EXPECT_EQ(m_cache.CacheNowSize(), 500u);
 
     // Unfinished entries alone over the budget: the new file is refused,
     // every finished entry has gone for it, and the sum goes back.
-    EXPECT_EQ(cache.AddToCache(m_strCacheDir + "/huge", 450, 0), "");
-    EXPECT_TRUE(Has(cache, strPulling));
-    EXPECT_TRUE(Has(cache, strNew));
-    EXPECT_FALSE(Has(cache, vecFiles[2]));
-    EXPECT_FALSE(Has(cache, vecFiles[3]));
-    EXPECT_EQ(cache.CacheNowSize(), 300u);
+    EXPECT_EQ(m_cache.AddToCache(m_strCacheDir + "/huge", 450, 0), "");
+    EXPECT_TRUE(Has(strPulling));
+    EXPECT_TRUE(Has(strNew));
+    EXPECT_FALSE(Has(vecFiles[2]));
+    EXPECT_FALSE(Has(vecFiles[3]));
+    EXPECT_EQ(m_cache.CacheNowSize(), 300u);
 }
 
 TEST_F(CacheTest, ASizeAbove4GiBIsReadAs64Bits)
 {
-    CFileTransCache cache;
-    Open(cache, "cache_max_size = 6442450944\n");  // 6 GiB
-    EXPECT_NE(cache.AddToCache(m_strCacheDir + "/big", 5ULL << 30, 0), "");
-    EXPECT_EQ(cache.AddToCache(m_strCacheDir + "/more", 2ULL << 30, 0), "");
+    Open("cache_max_size = 6442450944\n");  // 6 GiB
+    EXPECT_NE(m_cache.AddToCache(m_strCacheDir + "/big", 5ULL << 30, 0), "");
+    EXPECT_EQ(m_cache.AddToCache(m_strCacheDir + "/more", 2ULL << 30, 0), "");
 }
 
 TEST_F(CacheTest, TheFirstLoadWipesOnlyTheCacheDirectory)
@@ -235,8 +221,7 @@ TEST_F(CacheTest, TheFirstLoadWipesOnlyTheCacheDirectory)
     ASSERT_EQ(symlink((m_strRoot + "/outside").c_str(), (m_strCacheDir + "/link").c_str()), 0);
     WriteFile(m_strRoot + "/beside", "x");
 
-    CFileTransCache cache;
-    Open(cache);
+    Open();
     EXPECT_TRUE(Exists(m_strCacheDir));
     EXPECT_FALSE(Exists(m_strCacheDir + "/sub"));
     EXPECT_FALSE(Exists(m_strCacheDir + "/top"));
@@ -248,16 +233,16 @@ TEST_F(CacheTest, TheFirstLoadWipesOnlyTheCacheDirectory)
     WriteFile(m_strCacheDir + "/kept", "x");
     std::string strOther = m_strRoot + "/other";
     WriteFile(CfgPath(), "cache_dir = " + strOther + "\n");
-    cache.ReloadCfg();
+    m_cache.ReloadCfg();
     EXPECT_TRUE(Exists(m_strCacheDir + "/kept"));
     EXPECT_FALSE(Exists(strOther));
-    EXPECT_EQ(cache.CacheDir(), strOther);
+    EXPECT_EQ(m_cache.CacheDir(), strOther);
 
     // A reload whose file can't be read wipes the directory it has.
     ASSERT_EQ(mkdir(strOther.c_str(), 0755), 0);
     WriteFile(strOther + "/stale", "x");
     ASSERT_EQ(unlink(CfgPath().c_str()), 0);
-    cache.ReloadCfg();
+    m_cache.ReloadCfg();
     EXPECT_TRUE(Exists(strOther));
     EXPECT_FALSE(Exists(strOther + "/stale"));
     EXPECT_TRUE(Exists(m_strCacheDir + "/kept"));
@@ -267,8 +252,7 @@ TEST_F(CacheTest, TheMissingDirectoryIsMadeAtStart)
 {
     std::string strDeep = m_strRoot + "/a/b/c";
     WriteFile(CfgPath(), "cache_dir = " + strDeep + "\n");
-    CFileTransCache cache;
-    cache.SetCfgFile(CfgPath());
+    m_cache.SetCfgFile(CfgPath());
     struct stat st;
     ASSERT_EQ(stat(strDeep.c_str(), &st), 0);
     EXPECT_TRUE(S_ISDIR(st.st_mode));
@@ -278,11 +262,10 @@ TEST_F(CacheTest, TheRootIsNeverWipedHoweverItIsSpelt)
 {
     // Plain "/" in the file falls back to the default name, with a warning;
     // on a reload that reads its file, nothing is wiped.
-    CFileTransCache cache;
-    Open(cache);
+    Open();
     WriteFile(CfgPath(), "cache_dir = /\n");
-    cache.ReloadCfg();
-    EXPECT_EQ(cache.CacheDir(), CFileTransCache::DEFAULT_DIR);
+    m_cache.ReloadCfg();
+    EXPECT_EQ(m_cache.CacheDir(), CFileTransCache::DEFAULT_DIR);
 
     std::string strLinkToRoot = m_strRoot + "/rootlink";
     ASSERT_EQ(symlink("/", strLinkToRoot.c_str()), 0);
