@@ -71,24 +71,12 @@ protected:
         req.timeout = nTimeout;
         S().Send(req, static_cast<int>(nWorkId));
     }
-    template <class TRsp>
-    int RetFor(unsigned int nWorkId, int nTimeoutMs = 3000, TRsp* pOut = nullptr)
-    {
-        TRsp rsp;
-        if (!S().NextWhere(rsp, [&](const TRsp& m) { return static_cast<unsigned int>(m.workId.value) == nWorkId; },
-                           nTimeoutMs))
-            return -1;
-        if (pOut != nullptr) *pOut = rsp;
-        return rsp.ret.value;
-    }
-    int CreateRet(unsigned int nWorkId, int nTimeoutMs = 3000) { return RetFor<RspWorkFileDstCreate>(nWorkId, nTimeoutMs); }
+    int CreateRet(unsigned int nWorkId, int nTimeoutMs = 3000) { return S().RetFor<RspWorkFileDstCreate>(nWorkId, nTimeoutMs); }
     template <class TReq, class TRsp>
     int Ask(unsigned int nWorkId, TRsp* pOut = nullptr)
     {
         TReq req;
-        req.workId = static_cast<int>(nWorkId);
-        S().Send(req, 40);
-        return RetFor<TRsp>(nWorkId, 3000, pOut);
+        return S().Ask<TRsp>(req, nWorkId, 3000, pOut, 40);
     }
     int Action(unsigned int nWorkId) { return Ask<ReqWorkFileDstSetAction, RspWorkFileDstSetAction>(nWorkId); }
     int Delete(unsigned int nWorkId) { return Ask<ReqWorkFileDstDelete, RspWorkFileDstDelete>(nWorkId); }
@@ -303,12 +291,12 @@ TEST_F(FileDstSession, EncryptedCreatesAndSetActionServeAsThePlainOnes)
     create.srcWorkId = 9;
     send(ReqWorkFileDstCreateEnc(), create, 80);
     RspWorkFileDstCreate created;
-    ASSERT_EQ(RetFor<RspWorkFileDstCreate>(80, 3000, &created), 0);
+    ASSERT_EQ(S().RetFor<RspWorkFileDstCreate>(80, 3000, &created), 0);
     EXPECT_EQ(created.routeDstServerIp.value, 31) << "the route comes from the clear part";
     ReqWorkFileDstSetActionEncData action;
     action.action = 1;
     send(ReqWorkFileDstSetActionEnc(), action, 80);
-    EXPECT_EQ(RetFor<RspWorkFileDstSetAction>(80), 0);
+    EXPECT_EQ(S().RetFor<RspWorkFileDstSetAction>(80), 0);
     ASSERT_TRUE(WaitGet(m_get));
     EXPECT_EQ(m_get.srcWorkId.value, 9);
     Answer(80, 0, "hidden", 6);
@@ -330,7 +318,7 @@ TEST_F(FileDstSession, EncryptedCreatesAndSetActionServeAsThePlainOnes)
         if (bZero) *create2.srcServerIp.Append() = 0;
         create2.srcServerPort = bZero ? nClosed : m_source.Port();
         send(ReqWorkFileDstCreate2Enc(), create2, bZero ? 81 : 82);
-        EXPECT_EQ(RetFor<RspWorkFileDstCreate>(bZero ? 81 : 82), bZero ? 1000 : 0) << bZero;
+        EXPECT_EQ(S().RetFor<RspWorkFileDstCreate>(bZero ? 81 : 82), bZero ? 1000 : 0) << bZero;
     }
 }
 

@@ -103,6 +103,26 @@ public:
         }
     }
 
+    // The ret of the next reply of type TRsp for the work, a copy of it in pOut
+    // when given; -1 when none came in time.
+    template <class TRsp>
+    int RetFor(unsigned int nWorkId, int nTimeoutMs = 3000, TRsp* pOut = nullptr)
+    {
+        TRsp rsp;
+        auto forWork = [&](const TRsp& m) { return static_cast<unsigned int>(m.workId.value) == nWorkId; };
+        if (!NextWhere(rsp, forWork, nTimeoutMs)) return -1;
+        if (pOut != nullptr) *pOut = rsp;
+        return rsp.ret.value;
+    }
+    // The request about the work, and the ret of its reply as RetFor gives it.
+    template <class TRsp, class TReq>
+    int Ask(TReq& req, unsigned int nWorkId, int nTimeoutMs = 3000, TRsp* pOut = nullptr, int nAppend = 1)
+    {
+        req.workId = static_cast<int>(nWorkId);
+        Send(req, nAppend);
+        return RetFor<TRsp>(nWorkId, nTimeoutMs, pOut);
+    }
+
     template <class T>
     int NextRet(int nTimeoutMs = 3000)
     {
@@ -138,16 +158,15 @@ public:
     bool Query(RspWorkCmdQuery& rsp, unsigned int nWorkId)
     {
         ReqWorkCmdQuery req;
-        req.workId = static_cast<int>(nWorkId);
-        Send(req);
-        return NextFor(rsp, nWorkId, 3000);
+        return Ask<RspWorkCmdQuery>(req, nWorkId, 3000, &rsp) != -1;
     }
 
     // The unasked result of the work: a report with status 2 or 3.
     bool Result(RspWorkCmdQuery& rsp, unsigned int nWorkId, int nTimeoutMs = 5000)
     {
         return NextWhere(
-            rsp, [&](const RspWorkCmdQuery& m) { return WorkOf(m) == nWorkId && m.status >= 2; }, nTimeoutMs);
+            rsp, [&](const RspWorkCmdQuery& m) { return m.workId == static_cast<int>(nWorkId) && m.status >= 2; },
+            nTimeoutMs);
     }
 
     // Waits, bounded, for the text in the log.
@@ -231,27 +250,6 @@ public:
     }
 
 private:
-    template <class T>
-    static unsigned int WorkOf(const T& msg)
-    {
-        return static_cast<unsigned int>(msg.workId.value);
-    }
-
-    template <class T>
-    bool NextFor(T& out, unsigned int nWorkId, int nTimeoutMs)
-    {
-        return NextWhere(out, [&](const T& m) { return WorkOf(m) == nWorkId; }, nTimeoutMs);
-    }
-
-    template <class TRsp, class TReq>
-    int Ask(TReq& req, unsigned int nWorkId, int nTimeoutMs = 3000)
-    {
-        req.workId = static_cast<int>(nWorkId);
-        Send(req);
-        TRsp rsp;
-        return NextFor(rsp, nWorkId, nTimeoutMs) ? rsp.ret.value : -1;
-    }
-
     agent_test::InstallTree m_tree;  // first in, last out: the session ends before the tree goes
     std::string m_strOldCwd;
     brel_lib::CDataBufferSTLDeque m_rev;
