@@ -71,7 +71,10 @@ protected:
         req.timeout = nTimeout;
         S().Send(req, static_cast<int>(nWorkId));
     }
-    int CreateRet(unsigned int nWorkId, int nTimeoutMs = 3000) { return S().RetFor<RspWorkFileDstCreate>(nWorkId, nTimeoutMs); }
+    int CreateRet(unsigned int nWorkId, int nTimeoutMs = 3000)
+    {
+        return S().RetFor<RspWorkFileDstCreate>(nWorkId, nTimeoutMs);
+    }
     template <class TReq, class TRsp>
     int Ask(unsigned int nWorkId, TRsp* pOut = nullptr)
     {
