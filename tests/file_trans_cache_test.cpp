@@ -113,7 +113,7 @@ TEST_F(CacheTest, LookupTellsAbsentUnfinishedAndCompleteAndForgetsChangedFiles)
     EXPECT_EQ(m_cache.EntryCount(), 1u);
 }
 
-TEST_F(CacheTest, EntriesAgeByLastUseAndALookupDoesNotRenew)
+TEST_F(CacheTest, EntriesAgeByLastUseAndALookupDoesNotRenewAndAClockSetBackPullsFutureUseToNow)
 {
     Open("cache_expire_second = 1000\n");
     std::string strUsed = CacheFile("used", 1);
@@ -129,6 +129,12 @@ TEST_F(CacheTest, EntriesAgeByLastUseAndALookupDoesNotRenew)
     EXPECT_FALSE(Exists(strLooked));
     EXPECT_TRUE(Exists(strUsed));
     EXPECT_EQ(m_cache.CacheNowSize(), 1u);
+
+    g_timeNow = g_timeNow - 100000;  // the clock goes back a day
+    Advance(1801);  // the sweep pulls the future use back to now
+    EXPECT_TRUE(Has(strUsed));
+    Advance(1801);  // and from there it ages as usual
+    EXPECT_FALSE(Has(strUsed));
 }
 
 TEST_F(CacheTest, UnfinishedEntriesGoBetween120And180SecondsAfterTheirLastBlock)
@@ -156,18 +162,6 @@ TEST_F(CacheTest, UnfinishedEntriesGoBetween120And180SecondsAfterTheirLastBlock)
     EXPECT_FALSE(Exists(strPull));
     // The finished one stays: it ages by the long expiry only.
     EXPECT_TRUE(Has(strDone));
-}
-
-TEST_F(CacheTest, ClockSetBackPullsFutureUseToNow)
-{
-    Open("cache_expire_second = 1000\n");
-    std::string strFile = CacheFile("f", 1);
-    AddFinished(strFile, 1);
-    g_timeNow = g_timeNow - 100000;  // the clock goes back a day
-    Advance(1801);  // the sweep pulls the future use back to now
-    EXPECT_TRUE(Has(strFile));
-    Advance(1801);  // and from there it ages as usual
-    EXPECT_FALSE(Has(strFile));
 }
 
 TEST_F(CacheTest, RoomIsMadeFromTheOldestFinishedEntriesOnly)
