@@ -11,20 +11,13 @@ struct Server {
     int nIp;
     int nId;
 };
-const Server SERVER_A{0x0A000001, 3};
-const Server SERVER_B{0x0A000002, 4};
+const Server A{0x0A000001, 3};
+const Server B{0x0A000002, 4};
 
+// The next reply of type T: its ret, and that it went to the server and
+// carried the append; a copy of it in pOut when given.
 template <class T>
-void Address(T& req, unsigned int nWorkId, const Server& server)
-{
-    req.workId = static_cast<int>(nWorkId);
-    req.routeSrcServerIp = server.nIp;
-    req.routeSrcServerId = server.nId;
-}
-
-// The next reply of type T: its ret, and that it went to the server and carried the append.
-template <class T>
-int NextRetTo(SessionHarness& session, const Server& server, int nAppend)
+int NextRetTo(SessionHarness& session, const Server& server, int nAppend, T* pOut = nullptr)
 {
     T rsp;
     int nGotAppend = -1;
@@ -33,7 +26,21 @@ int NextRetTo(SessionHarness& session, const Server& server, int nAppend)
     EXPECT_EQ(rsp.routeDstServerId.value, server.nId);
     EXPECT_EQ(rsp.routeSrcAgentId.value, 77);
     EXPECT_EQ(nGotAppend, nAppend);
+    if (pOut != nullptr) *pOut = rsp;
     return rsp.ret.value;
+}
+
+// The request about the work from one server with the append, and the ret of
+// its reply, which must go to the other with the same append.
+template <class TRsp, class TReq>
+int Round(SessionHarness& session, TReq&& req, unsigned int nWorkId, const Server& from, int nAppend, const Server& to,
+          TRsp* pOut = nullptr)
+{
+    req.workId = static_cast<int>(nWorkId);
+    req.routeSrcServerIp = from.nIp;
+    req.routeSrcServerId = from.nId;
+    session.Send(req, nAppend);
+    return NextRetTo<TRsp>(session, to, nAppend, pOut);
 }
 
 TEST(SessionReply, EachAnswerTakesTheRouteOfItsOwnRequest)
@@ -41,52 +48,25 @@ TEST(SessionReply, EachAnswerTakesTheRouteOfItsOwnRequest)
     SessionHarness session("heartbeat_second = 100000\n");
     session.Start();
     ReqWorkCmdCreate create;
-    Address(create, 1, SERVER_A);
     create.cmd = "echo out";
-    session.Send(create, 11);
-    EXPECT_EQ(NextRetTo<RspWorkCmdCreate>(session, SERVER_A, 11), 0);
-    Address(create, 1, SERVER_B);
-    session.Send(create, 12);  // answered from the history
-    EXPECT_EQ(NextRetTo<RspWorkCmdCreate>(session, SERVER_B, 12), 0);
-
+    EXPECT_EQ(Round<RspWorkCmdCreate>(session, create, 1, A, 11, A), 0);
+    EXPECT_EQ(Round<RspWorkCmdCreate>(session, create, 1, B, 12, B), 0);  // answered from the history
     ReqWorkCmdSetAction start;
-    Address(start, 1, SERVER_B);
     start.action = 2;
-    session.Send(start, 13);
-    EXPECT_EQ(NextRetTo<RspWorkCmdSetAction>(session, SERVER_B, 13), 309);
-    Address(start, 2, SERVER_A);
+    EXPECT_EQ(Round<RspWorkCmdSetAction>(session, start, 1, B, 13, B), 309);
     start.action = 1;
-    session.Send(start, 14);
-    EXPECT_EQ(NextRetTo<RspWorkCmdSetAction>(session, SERVER_A, 14), 300);
-
-    ReqWorkCmdQuery query;
-    Address(query, 2, SERVER_B);
-    session.Send(query, 15);
+    EXPECT_EQ(Round<RspWorkCmdSetAction>(session, start, 2, A, 14, A), 300);
     RspWorkCmdQuery unknown;
-    int nAppend = -1;
-    ASSERT_TRUE(session.Next(unknown, 3000, &nAppend));
-    EXPECT_EQ(unknown.ret.value, 300);
+    EXPECT_EQ(Round<RspWorkCmdQuery>(session, ReqWorkCmdQuery(), 2, B, 15, B, &unknown), 300);
     EXPECT_EQ(unknown.status.value, 4);
-    EXPECT_EQ(unknown.routeDstServerIp.value, SERVER_B.nIp);
-    EXPECT_EQ(nAppend, 15);
 
     // The work's result goes to the server that created it, with the append of its start.
-    Address(start, 1, SERVER_B);
-    session.Send(start, 16);
-    EXPECT_EQ(NextRetTo<RspWorkCmdSetAction>(session, SERVER_B, 16), 0);
-    EXPECT_EQ(NextRetTo<RspWorkCmdQuery>(session, SERVER_A, 16), 0);
+    EXPECT_EQ(Round<RspWorkCmdSetAction>(session, start, 1, B, 16, B), 0);
+    EXPECT_EQ(NextRetTo<RspWorkCmdQuery>(session, A, 16), 0);
     // A query of a known work is answered the same way, with the query's append.
-    Address(query, 1, SERVER_B);
-    session.Send(query, 17);
-    EXPECT_EQ(NextRetTo<RspWorkCmdQuery>(session, SERVER_A, 17), 0);
-
-    ReqWorkCmdDelete del;
-    Address(del, 1, SERVER_B);
-    session.Send(del, 18);
-    EXPECT_EQ(NextRetTo<RspWorkCmdDelete>(session, SERVER_B, 18), 0);
-    Address(del, 3, SERVER_A);
-    session.Send(del, 19);
-    EXPECT_EQ(NextRetTo<RspWorkCmdDelete>(session, SERVER_A, 19), 300);
+    EXPECT_EQ(Round<RspWorkCmdQuery>(session, ReqWorkCmdQuery(), 1, B, 17, A), 0);
+    EXPECT_EQ(Round<RspWorkCmdDelete>(session, ReqWorkCmdDelete(), 1, B, 18, B), 0);
+    EXPECT_EQ(Round<RspWorkCmdDelete>(session, ReqWorkCmdDelete(), 3, A, 19, A), 300);
 }
 
 } // namespace
