@@ -8,6 +8,7 @@
 #include <utime.h>
 
 #include <memory>
+#include <type_traits>
 
 #include "file_peer.h"
 #include "file_trans_cache/file_trans_cache.h"
@@ -49,61 +50,42 @@ protected:
         return strPath;
     }
 
-    template <class T>
-    void Route(T& req)
+    // The request about the work from the server, and the ret of the next reply
+    // of type TRsp, which must answer it on its route; -1 for no reply.
+    template <class TRsp, class TReq>
+    int Reply(TReq& req, unsigned int nWorkId, int nAppend, int nTimeoutMs = 3000, TRsp* pOut = nullptr)
     {
+        req.workId = static_cast<int>(nWorkId);
         req.routeDstAgentId = 77;
         req.routeSrcServerIp = SERVER_IP;
         req.routeSrcServerId = SERVER_ID;
-    }
-
-    void SendCreate(unsigned int nWorkId, const std::string& strPath, int nFlag, unsigned int nDstIp = 0)
-    {
-        ReqWorkFileSrcCreate req;
-        req.workId = static_cast<int>(nWorkId);
-        req.srcFile.Set(strPath.data(), strPath.size());
-        req.dstIp = static_cast<int>(nDstIp);
-        req.flag = nFlag;
-        Route(req);
-        Session().Send(req, 31);
-    }
-
-    // A create answered by RspWorkFileSrcCreate: its ret, or -1 for no reply.
-    int Create(unsigned int nWorkId, const std::string& strPath, int nFlag = 0, RspWorkFileSrcCreate* pRsp = nullptr,
-               int nTimeoutMs = 3000)
-    {
-        SendCreate(nWorkId, strPath, nFlag);
-        RspWorkFileSrcCreate rsp;
+        Session().Send(req, nAppend);
+        TRsp rsp;
         if (!Session().Next(rsp, nTimeoutMs)) return -1;
         EXPECT_EQ(static_cast<unsigned int>(rsp.workId.value), nWorkId);
         EXPECT_EQ(rsp.routeDstServerIp.value, SERVER_IP);
         EXPECT_EQ(rsp.routeDstServerId.value, SERVER_ID);
         EXPECT_EQ(rsp.routeSrcAgentId.value, 77);
-        if (pRsp != nullptr) *pRsp = rsp;
+        if (pOut != nullptr) *pOut = rsp;
         return rsp.ret;
     }
 
-    int Create2(unsigned int nWorkId, const std::string& strPath, int nFlag, RspWorkFileSrcCreate2* pRsp = nullptr)
+    // A create; flag 0x200 asks for the answer of the second form.
+    template <class TRsp = RspWorkFileSrcCreate>
+    int Create(unsigned int nWorkId, const std::string& strPath, int nFlag = 0,
+               std::common_type_t<TRsp>* pRsp = nullptr, int nTimeoutMs = 3000, unsigned int nDstIp = 0)
     {
-        SendCreate(nWorkId, strPath, nFlag | 0x200);
-        RspWorkFileSrcCreate2 rsp;
-        if (!Session().Next(rsp)) return -1;
-        EXPECT_EQ(static_cast<unsigned int>(rsp.workId.value), nWorkId);
-        if (pRsp != nullptr) *pRsp = rsp;
-        return rsp.ret;
+        ReqWorkFileSrcCreate req;
+        req.srcFile.Set(strPath.data(), strPath.size());
+        req.dstIp = static_cast<int>(nDstIp);
+        req.flag = nFlag;
+        return Reply<TRsp>(req, nWorkId, 31, nTimeoutMs, pRsp);
     }
 
     int Delete(unsigned int nWorkId, int nTimeoutMs = 3000)
     {
         ReqWorkFileSrcDelete req;
-        req.workId = static_cast<int>(nWorkId);
-        Route(req);
-        Session().Send(req, 32);
-        RspWorkFileSrcDelete rsp;
-        if (!Session().Next(rsp, nTimeoutMs)) return -1;
-        EXPECT_EQ(static_cast<unsigned int>(rsp.workId.value), nWorkId);
-        EXPECT_EQ(rsp.routeDstServerIp.value, SERVER_IP);
-        return rsp.ret;
+        return Reply<RspWorkFileSrcDelete>(req, nWorkId, 32, nTimeoutMs);
     }
 
     std::unique_ptr<SessionHarness> m_pSession;
@@ -117,7 +99,7 @@ TEST_F(FileSource, CreatesAnswerWithTheListenerAndTheFileAndDeletesWithTheirCode
     struct stat st;
     ASSERT_EQ(stat(strPath.c_str(), &st), 0);
     RspWorkFileSrcCreate2 rsp2;
-    ASSERT_EQ(Create2(1, strPath, 0, &rsp2), 0);
+    ASSERT_EQ(Create<RspWorkFileSrcCreate2>(1, strPath, 0x200, &rsp2), 0);
     ASSERT_EQ(rsp2.srcServerIp.Count(), 1);
     EXPECT_EQ(static_cast<unsigned int>(rsp2.srcServerIp.First()->value), LOOPBACK);
     EXPECT_EQ(rsp2.srcServerPort.value, m_nPort);
@@ -135,7 +117,7 @@ TEST_F(FileSource, CreatesAnswerWithTheListenerAndTheFileAndDeletesWithTheirCode
     EXPECT_EQ(Create(2, strPath, 0, nullptr, 500), -1);
 
     // A file that can not be stated: 329 without a listener, remembered all the same.
-    EXPECT_EQ(Create2(3, Session().Path("missing"), 0, &rsp2), 329);
+    EXPECT_EQ(Create<RspWorkFileSrcCreate2>(3, Session().Path("missing"), 0x200, &rsp2), 329);
     EXPECT_EQ(rsp2.srcServerIp.Count(), 0);
     EXPECT_EQ(rsp2.srcServerPort.value, 0);
     EXPECT_EQ(Create(4, Session().Path("missing"), 0, &rsp), 329);
@@ -254,11 +236,8 @@ TEST_F(FileSource, TheOptInCheckServesAWorkOnlyItsPathAndItsDestination)
         Start(bCheck ? "file_trans_svr_check_client = 1\n" : "");
         std::string strPath = File("f", "data");
         std::string strOther = File("g", "other");
-        SendCreate(1, strPath, 0, LOOPBACK);
-        SendCreate(2, strPath, 0, 0x0900000A);  // 10.0.0.9, as inet_pton leaves it
-        RspWorkFileSrcCreate rsp;
-        ASSERT_TRUE(Session().Next(rsp));
-        ASSERT_TRUE(Session().Next(rsp));
+        ASSERT_EQ(Create(1, strPath, 0, nullptr, 3000, LOOPBACK), 0);
+        ASSERT_EQ(Create(2, strPath, 0, nullptr, 3000, 0x0900000A), 0);  // 10.0.0.9, as inet_pton leaves it
         const struct {
             unsigned int nWorkId;
             std::string strPath, strServed;  // empty: the source closes the connection
@@ -330,13 +309,11 @@ protected:
         data.srcFile.Set(strPath.data(), strPath.size());
         data.fileMd5.Set(strMd5.data(), strMd5.size());
         data.flag = 0;
-        Session().SendSealed<ReqWorkFileSrcCreateEnc>(AesEncrypt(m_strKey, EncodeRecord(data)), m_nKeySn, nWorkId, 33,
-                                                      [&](ReqWorkFileSrcCreateEnc& req) { Route(req); });
-        RspWorkFileSrcCreate rsp;
-        if (!Session().Next(rsp, nTimeoutMs)) return -1;
-        EXPECT_EQ(static_cast<unsigned int>(rsp.workId.value), nWorkId);
-        EXPECT_EQ(rsp.routeDstServerIp.value, SERVER_IP);
-        return rsp.ret;
+        std::string strEnc = AesEncrypt(m_strKey, EncodeRecord(data));
+        ReqWorkFileSrcCreateEnc req;
+        req.encData.ReSet(strEnc.data(), strEnc.size());
+        req.keySn = static_cast<int>(m_nKeySn);
+        return Reply<RspWorkFileSrcCreate>(req, nWorkId, 33, nTimeoutMs);
     }
 
     std::string m_strKey = "0123456789abcdef";
