@@ -265,7 +265,6 @@ TEST_F(ReadThreadTest, APeerThatTakesNothingWaitsWhileOthersAreServed)
     EXPECT_EQ(m_thread.HeldRequests(), 0u);
 }
 
-
 TEST_F(ReadThreadTest, LargeBlocksQueueNoMoreThanTheCeiling)
 {
     // A peer asking for 16 MiB blocks and not reading them: eight of them
@@ -277,22 +276,19 @@ TEST_F(ReadThreadTest, LargeBlocksQueueNoMoreThanTheCeiling)
     EXPECT_GE(lStalledBytes, CFileReadThread::CONNECT_QUEUE_CEILING);
     EXPECT_LE(lStalledBytes, CFileReadThread::CONNECT_QUEUE_CEILING + nBlock);
 }
-TEST_F(ReadThreadTest, AConnectionWithTooManyWaitingRequestsIsForgotten)
+// A connection's requests wait behind its bound, up to a limit: one more drops
+// them all; so does the connection's end.
+TEST_F(ReadThreadTest, TooManyWaitingRequestsOrAGoneConnectionDropThemAll)
 {
-    std::string strPath = File("big", Pattern(16 << 20));
+    std::string strPath = File("big", Pattern(32 << 20));
     SetTaken(1003, 0);
-    // The first request fills the bound; the others wait, up to the limit.
     for (size_t i = 0; i < CFileReadThread::CONNECT_HELD_MAX; ++i) Get(strPath, 0, 512 * 1024, 32, 4, false, 1003);
     EXPECT_TRUE(agent_test::WaitUntil([&] { return m_thread.HeldRequests() == CFileReadThread::CONNECT_HELD_MAX; }, 5000));
     Drain();
-    // One more: the connection's requests are all dropped.
     Get(strPath, 0, 512 * 1024, 32, 4, false, 1003);
     EXPECT_TRUE(agent_test::WaitUntil([&] { return m_thread.HeldRequests() == 0; }, 5000));
-}
+    Drain();
 
-TEST_F(ReadThreadTest, AGoneConnectionDropsItsWaitingRequests)
-{
-    std::string strPath = File("big", Pattern(32 << 20));
     SetTaken(1002, 0);
     Get(strPath, 0, 512 * 1024, 64, 3, false, 1002);
     Get(strPath, 0, 512 * 1024, 64, 3, false, 1002);
