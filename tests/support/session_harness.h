@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <deque>
+#include <functional>
 #include <string>
 
 #include "common/agent_clock.h"
@@ -218,20 +219,16 @@ public:
         return KeyAccepted(3000) ? nKeySn : 0;
     }
     // An encrypted request of type TEnc carrying the bytes; fill sets what else it needs (its route).
-    template <class TEnc, class F>
-    void SendSealed(const std::string& strEnc, unsigned int nKeySn, unsigned int nWorkId, int nAppend, F fill)
+    template <class TEnc>
+    void SendSealed(const std::string& strEnc, unsigned int nKeySn, unsigned int nWorkId, int nAppend = 1,
+                    const std::function<void(TEnc&)>& fill = nullptr)
     {
         TEnc req;
         req.encData.ReSet(strEnc.data(), strEnc.size());
         req.keySn = static_cast<int>(nKeySn);
         req.workId = static_cast<int>(nWorkId);
-        fill(req);
+        if (fill) fill(req);
         Send(req, nAppend);
-    }
-    template <class TEnc>
-    void SendSealed(const std::string& strEnc, unsigned int nKeySn, unsigned int nWorkId)
-    {
-        SendSealed<TEnc>(strEnc, nKeySn, nWorkId, 1, [](TEnc&) {});
     }
 
     static unsigned int Loopback()
