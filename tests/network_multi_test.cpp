@@ -1,16 +1,9 @@
-// The listening server loop and the connecting client loop on real sockets of
-// 127.0.0.1: many connections at once, a peer that stops reading, connects
-// that are refused, time out or are closed while under way, idle close,
-// broken streams closing only their own connection, descriptors running out,
-// and loops stopped and started again while clients connect.
+// The listening server loop and the connecting client loop on real sockets of 127.0.0.1.
 #include <gtest/gtest.h>
-#include <errno.h>
 #include <sys/resource.h>
 
-#include <fstream>
 #include <map>
 #include <memory>
-#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -94,8 +87,7 @@ TEST_F(MultiLoopTest, ManyClientsEchoThroughOneServerLoop)
     EchoThread echo(m_serverRev, m_serverSend);
     ASSERT_EQ(m_client.Start(), 0);
     std::vector<unsigned int> vecId(CLIENTS);
-    // In waves that the listener's backlog of 32 holds: a larger burst makes
-    // the kernel drop handshakes, which then wait for its retransmissions.
+    // In waves that the listener's backlog of 32 holds: the kernel drops the handshakes of a larger burst.
     for (int i = 0; i < CLIENTS; ++i) {
         ASSERT_EQ(m_client.ConnectToServerAsync(vecId[i], "127.0.0.1", m_nServerPort, 5000), 0);
         if ((i + 1) % 20 == 0) {
@@ -108,8 +100,7 @@ TEST_F(MultiLoopTest, ManyClientsEchoThroughOneServerLoop)
         EXPECT_TRUE(ev.bFdOpen);
     }
 
-    // Each connection sends packets of its own sizes and contents; every echo
-    // must come back whole, on its own connection, in order.
+    // Each connection's packets come back whole, on that connection, in order.
     std::map<unsigned int, std::vector<std::vector<unsigned char>>> mapSent;
     for (int k = 0; k < PACKETS; ++k) {
         for (int i = 0; i < CLIENTS; ++i) {
@@ -136,18 +127,15 @@ TEST_F(MultiLoopTest, ManyClientsEchoThroughOneServerLoop)
     for (unsigned int nId : vecId) m_client.CloseClient(nId);
     ASSERT_TRUE(m_clientEvents.WaitCount(BREL_CONNECT_CLOSE, CLIENTS, 10000));
     ASSERT_TRUE(m_serverEvents.WaitCount(BREL_CONNECT_CLOSE, CLIENTS, 10000));
-    SleepMs(200);
+    SleepMs(200);  // no second close comes
     EXPECT_EQ(m_clientEvents.Count(BREL_CONNECT_CLOSE), CLIENTS);
     EXPECT_EQ(m_serverEvents.Count(BREL_CONNECT_CLOSE), CLIENTS);
     EXPECT_EQ(m_clientEvents.Count(BREL_CONNECT_FAILED), 0);
-    // A connection closed by its peer gives no warning line.
-    EXPECT_EQ(CountLog("recv fd data is error"), 0);
+    EXPECT_EQ(CountLog("recv fd data is error"), 0);  // a close by the peer is no warning
 }
 
-// File blocks as they travel: built in place in the server loop's send
-// buffer, cut from the stream by the client loop, which hands large ones over
-// in its receive buffers. Sizes change from block to block, below, at and
-// above the receive buffer's size and the spare pool's largest class.
+// Blocks built in place in the server's send buffer, of sizes below, at and above the client's
+// receive buffer and the spare pool's largest class, handed over in the client's receive buffers.
 TEST_F(MultiLoopTest, BlocksBuiltInPlaceCrossBothLoopsWholeAndInOrder)
 {
     StartServer();
@@ -187,8 +175,7 @@ TEST_F(MultiLoopTest, BlocksBuiltInPlaceCrossBothLoopsWholeAndInOrder)
     for (unsigned int nId : nClientId) {
         ASSERT_EQ(mapGot.count(nId), 1u);
         const std::vector<std::vector<unsigned char>>& got = mapGot[nId];
-        // Which server connection fed this client shows in the first block's content.
-        int c = got[0] == vecSent[0][0] ? 0 : 1;
+        int c = got[0] == vecSent[0][0] ? 0 : 1;  // which server connection fed this client
         ASSERT_EQ(got.size(), vecSent[c].size());
         for (size_t i = 0; i < got.size(); ++i) ASSERT_TRUE(got[i] == vecSent[c][i]) << "client " << nId << " block " << i;
     }
@@ -203,16 +190,15 @@ TEST_F(MultiLoopTest, PeerThatStopsReadingIsServedWhenItResumesWhileOthersGoOn)
     ASSERT_TRUE(reader.Connected());
     ASSERT_TRUE(m_serverEvents.WaitCount(BREL_CONNECT_NEW_CLIENT, 1, 5000));
     LoopEvent sink = m_serverEvents.Events(BREL_CONNECT_NEW_CLIENT)[0];
-    // 48 blocks of 512 KiB: far more than the kernel buffers of both ends hold.
+    // 24 MiB: far more than the kernel buffers of both ends hold.
     std::vector<std::vector<unsigned char>> vecBlocks;
     for (int i = 0; i < 48; ++i) {
         vecBlocks.push_back(FramedPacket(512 * 1024 - 5, static_cast<unsigned char>(i)));
         PushTo(m_serverSend, sink.nConnectId, vecBlocks.back());
     }
 
-    // The kernel refuses the rest: the connection waits for EPOLLOUT with its blocks kept.
+    // The connection waits for EPOLLOUT with its blocks kept, while another client is served.
     ASSERT_TRUE(WaitUntil([&] { return EpollMaskOf(sink.fd, sink.fd) == (EPOLLIN | EPOLLOUT); }, 5000));
-    // Meanwhile another client is served at once.
     PlainClient other(m_nServerPort);
     ASSERT_TRUE(other.Connected());
     for (int i = 0; i < 20; ++i) {
@@ -222,10 +208,9 @@ TEST_F(MultiLoopTest, PeerThatStopsReadingIsServedWhenItResumesWhileOthersGoOn)
     }
     EXPECT_EQ(EpollMaskOf(sink.fd, sink.fd), EPOLLIN | EPOLLOUT);
 
-    // Reading again, the peer gets every block, whole and in order, and the mask falls back to EPOLLIN.
+    // Reading again, the peer gets every block in order, and the mask falls back to EPOLLIN.
     for (size_t i = 0; i < vecBlocks.size(); ++i) ASSERT_TRUE(reader.ReadPacket(30000) == vecBlocks[i]) << i;
     EXPECT_TRUE(WaitUntil([&] { return EpollMaskOf(sink.fd, sink.fd) == EPOLLIN; }, 5000));
-    // Its close is the close of that one connection.
     reader.Close();
     EXPECT_TRUE(m_serverEvents.WaitFor(sink.nConnectId, BREL_CONNECT_CLOSE, 5000));
     EXPECT_EQ(m_serverEvents.Count(BREL_CONNECT_CLOSE), 1);
@@ -315,9 +300,7 @@ TEST_F(MultiLoopTest, BrokenStreamsCloseOnlyTheirOwnConnection)
     SetBrelRecvPacketMaxSize(1000);
     PlainClient badTag(m_nServerPort), tooBig(m_nServerPort), good(m_nServerPort);
     unsigned int nBadTag = ServerIdOf(badTag.LocalPort()), nTooBig = ServerIdOf(tooBig.LocalPort());
-    ASSERT_NE(nBadTag, 0u);
-    ASSERT_NE(nTooBig, 0u);
-
+    ASSERT_TRUE(nBadTag != 0 && nTooBig != 0);
     ASSERT_TRUE(badTag.Write({0x31, 0x00, 0x00, 0x00}));
     // An incomplete packet that holds more than the limit allows.
     std::vector<unsigned char> big = FramedPacket(5000, 3);
@@ -343,14 +326,13 @@ TEST_F(MultiLoopTest, BrokenStreamsCloseOnlyTheirOwnConnection)
 
 TEST_F(MultiLoopTest, IdleConnectionIsClosedAfterItsTimeAndABusyOneIsNot)
 {
-    // Two seconds: times are whole seconds, so one could pass between two pings 200 ms apart.
-    m_server.SetAutoCloseNoAccessConnectTime(2);
+    m_server.SetAutoCloseNoAccessConnectTime(2);  // whole seconds: one may pass between pings
     StartServer();
     EchoThread echo(m_serverRev, m_serverSend);
     PlainClient idle(m_nServerPort), busy(m_nServerPort);
     unsigned int nIdle = ServerIdOf(idle.LocalPort()), nBusy = ServerIdOf(busy.LocalPort());
     ASSERT_NE(nIdle, 0u);
-    // The check runs every 10 seconds: the idle one goes at the first check after two seconds of silence.
+    // The check runs every 10 seconds.
     int64_t lDeadline = HarnessNowMs() + 25000;
     while (m_serverEvents.CountFor(nIdle, BREL_CONNECT_CLOSE) == 0 && HarnessNowMs() < lDeadline) {
         std::vector<unsigned char> packet = FramedPacket(20, 1);
@@ -454,8 +436,7 @@ TEST_F(MultiLoopTest, AcceptOutOfDescriptorsBacksOffInsteadOfSpinning)
     rlimit lowered = limit;
     if (lowered.rlim_cur > 4096) lowered.rlim_cur = 4096;
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &lowered), 0);
-    // Opened before the table fills; read again from its start for each figure:
-    // the loop thread's time on a CPU, in ticks of 10 ms.
+    // The loop thread's CPU time in ticks of 10 ms, from a file opened before the table fills.
     std::string strStatPath = "/proc/self/task/" + std::to_string(nLoopTid) + "/schedstat";
     int fdStat = open(strStatPath.c_str(), O_RDONLY | O_CLOEXEC);
     ASSERT_GE(fdStat, 0);
@@ -495,9 +476,7 @@ TEST_F(MultiLoopTest, AcceptOutOfDescriptorsBacksOffInsteadOfSpinning)
     close(fdWaiting);
 }
 
-// Loops are stopped when idle and started for the next work: stopping and
-// starting both while clients keep connecting must stay race-free, and the
-// loops must serve normally afterwards.
+// Loops stop when idle and start for the next work: race-free while clients connect, serving afterwards.
 TEST_F(MultiLoopTest, LoopsStopAndStartAgainWhileClientsConnect)
 {
     StartServer();
