@@ -6,13 +6,9 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <mutex>
 #include <thread>
 #include <vector>
 
-#include "install_tree.h"
-#include "log.h"
 #include "loop_harness.h"
 #include "tcp_peer.h"
 #include "util.h"
@@ -24,44 +20,26 @@ namespace {
 
 class LinkTest : public ::testing::Test {
 protected:
-    LinkTest() : m_rev(true, 0), m_send(false, 2000), m_link(m_rev, m_send, false) {}
+    LinkTest() : m_rev(true, 0), m_send(false, 0), m_link(m_rev, m_send, false) {}
 
     void SetUp() override
     {
-        LogFile(m_dir.Path("link"));
-        LogLevel(LOG_LEVEL_DEBUG);
-        m_link.SetNetCallback(OnEvent, this);
+        m_link.SetNetCallback(LoopEventRecorder::OnEvent, &m_events);
         m_link.SetConnectTimeout(1000);
         m_link.SetConnectFailedSleepTime(100);
         m_link.SetConnectFailedSwitchTime(300);
     }
+    void TearDown() override { m_link.Stop(); }
 
-    void TearDown() override
-    {
-        m_link.Stop();
-        LogFile("");
-    }
-
-    static void OnEvent(unsigned int, BREL_NET_CALLBACK_TYPE type, void* pAppend, int fd)
-    {
-        LinkTest* pTest = static_cast<LinkTest*>(pAppend);
-        std::lock_guard<std::mutex> lock(pTest->m_mutex);
-        pTest->m_vecEvents.push_back(type);
-        pTest->m_fdLast = fd;
-    }
-
-    int CountEvents(BREL_NET_CALLBACK_TYPE type)
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return static_cast<int>(std::count(m_vecEvents.begin(), m_vecEvents.end(), type));
-    }
-    bool WaitEvents(BREL_NET_CALLBACK_TYPE type, int n) { return WaitUntil([&] { return CountEvents(type) == n; }, 2000); }
+    int CountLog(const std::string& strText) const { return m_log.Count(strText); }
     bool WaitLog(const std::string& strText, int n, int nTimeoutMs)
     {
         return WaitUntil([&] { return CountLog(strText) == n; }, nTimeoutMs);
     }
-
-    int CountLog(const std::string& strText) const { return CountOf(ReadFile(m_dir.Path("link.log")), strText); }
+    bool WaitEvents(BREL_NET_CALLBACK_TYPE type, int n)
+    {
+        return WaitUntil([&] { return m_events.Count(type) == n; }, 2000);
+    }
 
     // The link started with the peer as its one server, and the peer's end accepted.
     void ConnectLink(TcpPeer& peer)
@@ -70,29 +48,21 @@ protected:
         ASSERT_EQ(m_link.Start(true), 0);
         ASSERT_TRUE(peer.Accept(3000));
     }
-
     void Push(const std::vector<unsigned char>& packet)
     {
         m_send.Push(packet.data(), static_cast<unsigned int>(packet.size()), BREL_DATA_NORMAL_PRI);
     }
-
     std::vector<unsigned char> TakeReceived(unsigned int nTimeoutMs)
     {
-        unsigned int nSize = 0;
-        char* p = static_cast<char*>(m_rev.GetFrontAndPop(nSize, nTimeoutMs));
-        if (p == nullptr) return {};
-        std::vector<unsigned char> v(p, p + nSize);
-        CDataBufferSTLDeque::FreePopData(p);
-        return v;
+        int nAppend = 0;
+        std::vector<unsigned char> packet;
+        return TakePacket(m_rev, nTimeoutMs, nAppend, packet) ? packet : std::vector<unsigned char>();
     }
 
-    TempDir m_dir{"link_test_"};
-    CDataBufferSTLDeque m_rev;
-    CDataBufferSTLDeque m_send;
+    TempLog m_log{"link"};
+    LoopEventRecorder m_events;  // outlives the link, whose thread calls it
+    CDataBufferSTLDeque m_rev, m_send;
     CNetworkClientBrel m_link;
-    std::mutex m_mutex;
-    std::vector<BREL_NET_CALLBACK_TYPE> m_vecEvents;
-    int m_fdLast = -1;
 };
 
 // Stop returns far below the 10 s that the link would otherwise wait.
@@ -158,11 +128,7 @@ TEST_F(LinkTest, AddressesAreThoseNotedAtTheConnectNotOfTheDescriptorNumber)
     // The link's descriptor number reused for another socket: the answer still names the link's server.
     int fdStranger = ConnectLoopback(stranger.Port());
     ASSERT_TRUE(fdStranger >= 0 && stranger.Accept(3000));
-    int fdLink = -1;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        fdLink = m_fdLast;
-    }
+    int fdLink = m_events.Events().back().fd;
     ASSERT_EQ(dup2(fdStranger, fdLink), fdLink);
     ASSERT_EQ(m_link.GetRemoteIpPort(strIp, nPort), 0);
     EXPECT_EQ(strIp, "127.0.0.1");

@@ -8,8 +8,6 @@
 #include <thread>
 #include <vector>
 
-#include "install_tree.h"
-#include "log.h"
 #include "loop_harness.h"
 #include "network/network_multi_client.h"
 #include "network/network_server.h"
@@ -31,8 +29,6 @@ protected:
 
     void SetUp() override
     {
-        LogFile(m_dir.Path("loop"));
-        LogLevel(LOG_LEVEL_DEBUG);
         m_serverEvents.Attach(m_server);
         m_clientEvents.Attach(m_client);
     }
@@ -42,11 +38,10 @@ protected:
         m_client.Stop();
         m_server.Stop();
         SetBrelRecvPacketMaxSize(0);
-        LogFile("");
     }
 
     void StartServer() { ASSERT_NE(m_nServerPort = StartOnLoopback(m_server), 0); }
-    int CountLog(const std::string& strText) const { return CountOf(ReadFile(m_dir.Path("loop.log")), strText); }
+    int CountLog(const std::string& strText) const { return m_log.Count(strText); }
 
     // The id the server gave to the connection from a client's local port.
     unsigned int ServerIdOf(unsigned short nClientPort, int nTimeoutMs = 10000)
@@ -63,7 +58,7 @@ protected:
         return nId;
     }
 
-    TempDir m_dir{"multi_loop_test_"};
+    TempLog m_log{"loop"};
     unsigned short m_nServerPort = 0;
     CDataBufferSTLDeque m_serverRev, m_serverSend;
     CNetworkServerBrel m_server;

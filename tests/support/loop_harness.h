@@ -25,6 +25,7 @@
 
 #include "data_buffer.h"
 #include "install_tree.h"
+#include "log.h"
 #include "network/socket.h"
 #include "network/network_multi.h"
 #include "network/network_server.h"
@@ -139,6 +140,23 @@ inline int CountOf(const std::string& strText, const std::string& strNeedle)
     for (size_t nPos = strText.find(strNeedle); nPos != std::string::npos; nPos = strText.find(strNeedle, nPos + 1)) ++n;
     return n;
 }
+
+// The process log sent to NAME.log in a temporary directory while the object lives.
+class TempLog {
+public:
+    explicit TempLog(const std::string& strName, unsigned int nLevel = brel_lib::LOG_LEVEL_DEBUG)
+        : m_strPath(m_dir.Path(strName + ".log"))
+    {
+        brel_lib::LogFile(m_dir.Path(strName));
+        brel_lib::LogLevel(nLevel);
+    }
+    ~TempLog() { brel_lib::LogFile(""); }
+    int Count(const std::string& strText) const { return CountOf(ReadFile(m_strPath), strText); }
+
+private:
+    TempDir m_dir{"loop_log_"};
+    std::string m_strPath;
+};
 
 // A listener whose accept queue is full: later SYNs are dropped, so a connect
 // to it neither succeeds nor fails until its own time limit.
