@@ -210,22 +210,6 @@ TEST_F(LinkTest, FlagsActDuringTheSleepBetweenAttempts)
     EXPECT_EQ(CountLog("ConnectToServer(receive connect next server flag"), 1);
 }
 
-TEST_F(LinkTest, PeerCloseAndBadFramingGiveAReconnect)
-{
-    TcpPeer peer;
-    ConnectLink(peer);
-    peer.CloseConnection();
-    ASSERT_TRUE(peer.Accept(3000));  // the same server again
-    EXPECT_TRUE(WaitEvents(BREL_CONNECT_CLOSE, 1));
-    EXPECT_TRUE(WaitEvents(BREL_CONNECT_OK, 2));
-
-    ASSERT_TRUE(peer.Write(std::vector<unsigned char>{0x31, 0x01, 0x00, 0x00}));
-    EXPECT_TRUE(peer.WaitClosedByPeer(3000));
-    ASSERT_TRUE(peer.Accept(3000));
-    EXPECT_EQ(CountLog("packet complete check failed"), 1);
-    EXPECT_TRUE(m_link.GetThreadID() != 0);  // the thread goes on
-}
-
 TEST_F(LinkTest, StopIsNoticedWhileSleepingAndWhileConnecting)
 {
     m_link.SetConnectFailedSleepTime(10000);
