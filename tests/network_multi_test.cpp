@@ -211,64 +211,38 @@ TEST_F(MultiLoopTest, PeerThatStopsReadingIsServedWhenItResumesWhileOthersGoOn)
     EXPECT_EQ(m_serverEvents.Count(BREL_CONNECT_CLOSE), 1);
 }
 
-TEST_F(MultiLoopTest, AsyncConnectToARefusingPortFailsThroughTheCallback)
-{
-    ASSERT_EQ(m_client.Start(), 0);
-    unsigned int nId = 0;
-    ASSERT_EQ(m_client.ConnectToServerAsync(nId, "127.0.0.1", RefusedPort(), 3000), 0);
-    ASSERT_NE(nId, 0u);
-    ASSERT_TRUE(m_clientEvents.WaitFor(nId, BREL_CONNECT_FAILED, 3000));
-    SleepMs(100);
-    EXPECT_EQ(m_clientEvents.Events().size(), 1u);
-
-    // A malformed address fails at once and makes no id.
-    unsigned int nBad = 77;
-    EXPECT_EQ(m_client.ConnectToServerAsync(nBad, "1.2.3", 80, 1000), -1);
-    EXPECT_EQ(nBad, 77u);
-    EXPECT_EQ(CountLog("connect the server is failed immediately, errno: -1, server ip: 1.2.3, port: 80, is async"), 1);
-}
-
-TEST_F(MultiLoopTest, AsyncConnectThatHangsTimesOutAndClosesItsSocket)
+TEST_F(MultiLoopTest, AsyncConnectThatHangsTimesOutOrIsClosedAndLeavesNoSocket)
 {
     FullBacklogListener listener;
     ASSERT_TRUE(listener.Full());
     ASSERT_EQ(m_client.Start(), 0);
     SleepMs(100);
     int nFdsBefore = CountOpenFds();
-    unsigned int nId = 0;
+    unsigned int nId = 0, nClosed = 0;
     int64_t lStart = HarnessNowMs();
     ASSERT_EQ(m_client.ConnectToServerAsync(nId, "127.0.0.1", listener.Port(), 300), 0);
-    // Data pushed while the connect is under way is dropped.
-    PushTo(m_clientSend, nId, FramedPacket(10, 1));
+    ASSERT_EQ(m_client.ConnectToServerAsync(nClosed, "127.0.0.1", listener.Port(), 400), 0);
+    ASSERT_EQ(m_client.CloseClient(nClosed), 0);
+    PushTo(m_clientSend, nId, FramedPacket(10, 1));  // dropped while the connect is under way
     ASSERT_TRUE(m_clientEvents.WaitFor(nId, BREL_CONNECT_FAILED, 5000));
     EXPECT_GE(HarnessNowMs() - lStart, 300);
-    EXPECT_TRUE(m_clientEvents.Events()[0].bFdOpen);
+    EXPECT_TRUE(m_clientEvents.Events(BREL_CONNECT_FAILED)[0].bFdOpen);
     EXPECT_EQ(CountLog("the connect is not established now, connect id: " + std::to_string(nId)), 1);
     EXPECT_EQ(CountLog("async connect is timeout, remote ip: 127.0.0.1, port: " + std::to_string(listener.Port()) +
                        ", timeout: 300, connect id: " + std::to_string(nId)),
               1);
+    // The one closed while connecting: one close and no failure, even past its own time limit.
+    ASSERT_TRUE(m_clientEvents.WaitFor(nClosed, BREL_CONNECT_CLOSE, 3000));
+    SleepMs(900);
+    EXPECT_EQ(m_clientEvents.Events().size(), 2u);
+    EXPECT_EQ(m_clientEvents.CountFor(nClosed, BREL_CONNECT_FAILED), 0);
+    EXPECT_EQ(m_client.CloseClient(12345), 0);  // an unknown id costs nothing but its control block
+    SleepMs(100);
+    EXPECT_EQ(m_clientEvents.Events().size(), 2u);
     EXPECT_TRUE(WaitUntil([&] { return CountOpenFds() == nFdsBefore; }, 2000));
 }
 
-TEST_F(MultiLoopTest, CloseClientWhileConnectingGivesOneCloseAndNoFailure)
-{
-    FullBacklogListener listener;
-    ASSERT_TRUE(listener.Full());
-    ASSERT_EQ(m_client.Start(), 0);
-    unsigned int nId = 0;
-    ASSERT_EQ(m_client.ConnectToServerAsync(nId, "127.0.0.1", listener.Port(), 400), 0);
-    ASSERT_EQ(m_client.CloseClient(nId), 0);
-    ASSERT_TRUE(m_clientEvents.WaitFor(nId, BREL_CONNECT_CLOSE, 3000));
-    SleepMs(900);  // past the connect's own time limit
-    EXPECT_EQ(m_clientEvents.Events().size(), 1u);
-    EXPECT_EQ(m_clientEvents.CountFor(nId, BREL_CONNECT_FAILED), 0);
-    // An unknown id costs nothing but its control block.
-    EXPECT_EQ(m_client.CloseClient(12345), 0);
-    SleepMs(100);
-    EXPECT_EQ(m_clientEvents.Events().size(), 1u);
-}
-
-TEST_F(MultiLoopTest, SyncConnectCarriesDataWithoutACallback)
+TEST_F(MultiLoopTest, SyncConnectCarriesDataWithoutACallbackAndRefusedConnectsFail)
 {
     StartServer();
     EchoThread echo(m_serverRev, m_serverSend);
@@ -286,6 +260,18 @@ TEST_F(MultiLoopTest, SyncConnectCarriesDataWithoutACallback)
     EXPECT_EQ(m_clientEvents.Events().size(), 0u);
     unsigned int nRefusedId = 0;
     EXPECT_NE(m_client.ConnectToServer(nRefusedId, nRun, "127.0.0.1", RefusedPort(), 1000), 0);
+
+    // Refused asynchronously: one failure through the callback.
+    ASSERT_EQ(m_client.ConnectToServerAsync(nRefusedId, "127.0.0.1", RefusedPort(), 3000), 0);
+    ASSERT_NE(nRefusedId, 0u);
+    ASSERT_TRUE(m_clientEvents.WaitFor(nRefusedId, BREL_CONNECT_FAILED, 3000));
+    SleepMs(100);
+    EXPECT_EQ(m_clientEvents.Events().size(), 1u);
+    // A malformed address fails at once and makes no id.
+    unsigned int nBad = 77;
+    EXPECT_EQ(m_client.ConnectToServerAsync(nBad, "1.2.3", 80, 1000), -1);
+    EXPECT_EQ(nBad, 77u);
+    EXPECT_EQ(CountLog("connect the server is failed immediately, errno: -1, server ip: 1.2.3, port: 80, is async"), 1);
 }
 
 TEST_F(MultiLoopTest, BrokenStreamsCloseOnlyTheirOwnConnection)
