@@ -5,13 +5,15 @@
 #include <gtest/gtest.h>
 #include <libtasn1.h>
 
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "asn_parse.h"
 #include "zik_pkt.h"
 #include "zik_sample.h"
+
+using agent_test::Encoded;
+using agent_test::Printed;
 
 namespace {
 
@@ -25,13 +27,6 @@ const char* const g_szSampleAlts[] = {
 std::string Join(const std::string& strPath, const std::string& strName)
 {
     return strPath.empty() ? strName : strPath + "." + strName;
-}
-
-std::string Printed(const AsnType& v)
-{
-    std::ostringstream os;
-    v.Print(os);
-    return os.str();
 }
 
 int CidOf(const std::string& strAlt)
@@ -188,15 +183,6 @@ void MakeSample(ZikPacket& packet, int cid, unsigned int nSeed, bool bEmpty)
     ASSERT_TRUE(agent_test::FillSample(*packet.body->Select(cid), nSeed, bEmpty));
 }
 
-std::vector<unsigned char> Encode(ZikPacket& packet)
-{
-    brel_lib::CPacketBuffer block("Test", 0);
-    unsigned int nSize = 0;
-    char* pOut = block.PacketObjToBuffer(nSize, packet);
-    EXPECT_NE(pOut, nullptr);
-    return pOut == nullptr ? std::vector<unsigned char>() : std::vector<unsigned char>(pOut, pOut + nSize);
-}
-
 // Seeds 0 to 3 pick each alternative of the CHOICEs inside the messages once.
 const unsigned int SEEDS = 4;
 
@@ -213,7 +199,7 @@ TEST_F(TasnInterop, EachSideDecodesTheOthersPacketsToTheSameValues)
                 SCOPED_TRACE(std::string(szAlt) + (bEmpty ? " empty" : "") + " seed " + std::to_string(nSeed));
                 ZikPacket packet;
                 MakeSample(packet, cid, nSeed, bEmpty);
-                std::vector<unsigned char> wire = Encode(packet);
+                std::vector<unsigned char> wire = Encoded(packet);
                 TheyDecode(wire);
                 Walk("", packet, false);
                 std::vector<unsigned char> theirs = TheyEncode(packet, 1 << 20);
@@ -239,7 +225,7 @@ TEST_F(TasnInterop, LongStringsAndLengthForms)
         std::string strContent(nLen, '\0');
         for (size_t i = 0; i < nLen; ++i) strContent[i] = static_cast<char>(i * 131 + 7);
         packet.body->rspWorkFileAgentGet->content.ReSet(strContent.data(), strContent.size());
-        std::vector<unsigned char> wire = Encode(packet);
+        std::vector<unsigned char> wire = Encoded(packet);
         TheyDecode(wire);
         Walk("", packet, false);
         std::vector<unsigned char> theirs = TheyEncode(packet, nLen + 4096);
