@@ -34,7 +34,7 @@ bool Readable(int fd)
     return poll(&p, 1, 0) == 1;
 }
 
-TEST(DataBuffer, HighPriorityFirstAndOrderWithinALine)
+TEST(DataBuffer, HighPriorityFirstOrderWithinALineAndWhatABlockCarries)
 {
     CDataBufferSTLDeque buf(false, 0);
     EXPECT_EQ(buf.Push(nullptr, 5, BREL_DATA_NORMAL_PRI), -1);  // empty pushes are refused silently
@@ -50,11 +50,8 @@ TEST(DataBuffer, HighPriorityFirstAndOrderWithinALine)
     for (const char* sz : {"h1", "h2", "h3", "n1", "n2"}) EXPECT_EQ(TakeString(buf), sz);
     EXPECT_EQ(TakeString(buf, 1000), "<null>");  // non-blocking: at once
     EXPECT_EQ(buf.GetDataSize(), 0u);
-}
 
-TEST(DataBuffer, CarriesSpeedAndAppend)
-{
-    CDataBufferSTLDeque buf(false, 0);
+    // A block carries its speed and append; a peek leaves it.
     buf.Push3("abc", 3, 1234, -9, BREL_DATA_NORMAL_PRI);
     unsigned int nSize = 1, nSpeed = 1;
     int nAppend = 1;
@@ -63,7 +60,7 @@ TEST(DataBuffer, CarriesSpeedAndAppend)
     EXPECT_EQ(nSize, 3u);
     EXPECT_EQ(nSpeed, 1234u);
     EXPECT_EQ(nAppend, -9);
-    EXPECT_EQ(buf.GetDataNum(), 1u);  // a peek leaves it
+    EXPECT_EQ(buf.GetDataNum(), 1u);
     buf.Pop();
     EXPECT_TRUE(buf.Empty());
     p = buf.GetFrontAndPop3(nSize, nSpeed, nAppend, 0);
@@ -321,22 +318,6 @@ TEST(DataBuffer, SparePoolReusesBoundsAndGivesBack)
     CDataBufferSTLDeque::SetSpareClock(nullptr);
 }
 
-// A block may outlive the buffer that handed it over (a connection's send data).
-TEST(DataBuffer, BlockOutlivesItsBuffer)
-{
-    void* p;
-    {
-        CDataBufferSTLDeque buf(true, 0);
-        buf.Push("left", 4, BREL_DATA_NORMAL_PRI);
-        buf.Push("freed at the end", 16, BREL_DATA_NORMAL_PRI);
-        unsigned int nSize = 0;
-        p = buf.GetFrontAndPop(nSize, 0);
-    }
-    ASSERT_NE(p, nullptr);
-    EXPECT_EQ(memcmp(p, "left", 4), 0);
-    CDataBufferSTLDeque::FreePopData(p);
-}
-
 #if defined(__SANITIZE_ADDRESS__)
 // Keeping freed blocks must hide neither a use after FreePopData nor a second free (which
 // would hand one block to two owners through the pool) from AddressSanitizer.
@@ -402,6 +383,17 @@ TEST(DataBuffer, BlockBuiltInPlaceIsQueuedWithoutACopy)
 
     // A block never queued goes back as any other.
     CDataBufferSTLDeque::FreePopData(CDataBufferSTLDeque::AllocBlock(300));
+
+    // A block may outlive the buffer that handed it over (a connection's send data).
+    {
+        CDataBufferSTLDeque gone(true, 0);
+        gone.Push("left", 4, BREL_DATA_NORMAL_PRI);
+        gone.Push("freed at the end", 16, BREL_DATA_NORMAL_PRI);
+        p = static_cast<char*>(gone.GetFrontAndPop(nSize, 0));
+    }
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(memcmp(p, "left", 4), 0);
+    CDataBufferSTLDeque::FreePopData(p);
 }
 
 // Several blocks at once: in order, under the limit, and every waiting taker woken.
