@@ -2,7 +2,6 @@
 // and failures, and a round trip of every record of the catalogue.
 #include <gtest/gtest.h>
 
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -13,7 +12,9 @@
 using namespace brel_lib;
 using agent_test::Bytes;
 using agent_test::ConstructedString;
+using agent_test::Encoded;
 using agent_test::PacketOf;
+using agent_test::Printed;
 using agent_test::Repeat;
 using agent_test::Tlv;
 
@@ -65,19 +66,6 @@ int Decode(T& value, std::vector<unsigned char> bytes, unsigned int* pUsed = nul
     return ret;
 }
 
-std::vector<unsigned char> EncodeInt(int n)
-{
-    AsnInt v(n);
-    return Encode(v);
-}
-
-std::string Printed(const AsnType& v)
-{
-    std::ostringstream os;
-    v.Print(os);
-    return os.str();
-}
-
 const std::vector<unsigned char> HEARTBEAT_1234 = Bytes(
     {0x30, 0x10, 0x02, 0x01, 0x04, 0x02, 0x01, 0x00, 0xBF, 0x82, 0x2C, 0x06, 0x30, 0x04, 0x02, 0x02, 0x04, 0xD2});
 
@@ -103,8 +91,7 @@ TEST(BerWireForms, QueryPacketExample)
     ReqWorkCmdQuery query;
     query.workId = 5;
     query.routeDstAgentId = 1000;
-    unsigned char ip[4] = {0xC0, 0xA8, 0x00, 0x01};
-    query.routeSrcServerIp = static_cast<int>((ip[0] << 24) | (ip[1] << 16) | (ip[2] << 8) | ip[3]);
+    query.routeSrcServerIp = static_cast<int>(0xC0A80001u);
     query.routeSrcServerId = 2;
     EXPECT_EQ(Hex(EncodePkt(query, 7)),
               Hex(Bytes({0x30, 0x1B, 0x02, 0x01, 0x04, 0x02, 0x01, 0x07, 0xBF, 0x68, 0x12, 0x30, 0x10, 0x02, 0x01,
@@ -117,21 +104,15 @@ TEST(BerWireForms, Integers)
         int n;
         std::vector<unsigned char> wire;
     } cases[] = {
-        {0, Bytes({2, 1, 0x00})},
-        {127, Bytes({2, 1, 0x7F})},
-        {128, Bytes({2, 2, 0x00, 0x80})},
-        {-1, Bytes({2, 1, 0xFF})},
-        {-128, Bytes({2, 1, 0x80})},
-        {-129, Bytes({2, 2, 0xFF, 0x7F})},
-        {0x7FFFFFFF, Bytes({2, 4, 0x7F, 0xFF, 0xFF, 0xFF})},
-        {static_cast<int>(4294967295u), Bytes({2, 1, 0xFF})},
+        {0, Bytes({2, 1, 0x00})}, {127, Bytes({2, 1, 0x7F})}, {128, Bytes({2, 2, 0x00, 0x80})},
+        {-1, Bytes({2, 1, 0xFF})}, {-128, Bytes({2, 1, 0x80})}, {-129, Bytes({2, 2, 0xFF, 0x7F})},
+        {0x7FFFFFFF, Bytes({2, 4, 0x7F, 0xFF, 0xFF, 0xFF})}, {static_cast<int>(4294967295u), Bytes({2, 1, 0xFF})},
         {static_cast<int>(0x80000000u), Bytes({2, 4, 0x80, 0x00, 0x00, 0x00})},
-        {0x00800000, Bytes({2, 4, 0x00, 0x80, 0x00, 0x00})},
-        {-8388609, Bytes({2, 4, 0xFF, 0x7F, 0xFF, 0xFF})},
+        {0x00800000, Bytes({2, 4, 0x00, 0x80, 0x00, 0x00})}, {-8388609, Bytes({2, 4, 0xFF, 0x7F, 0xFF, 0xFF})},
     };
     for (auto& c : cases) {
-        EXPECT_EQ(Hex(EncodeInt(c.n)), Hex(c.wire)) << c.n;
-        AsnInt back;
+        AsnInt v(c.n), back;
+        EXPECT_EQ(Hex(Encode(v)), Hex(c.wire)) << c.n;
         EXPECT_EQ(Decode(back, c.wire), 0);
         EXPECT_EQ(back.value, c.n);
     }
@@ -143,14 +124,9 @@ TEST(BerWireForms, Lengths)
         AsnLen len;
         std::vector<unsigned char> wire;
     } cases[] = {
-        {127, Bytes({0x7F})},
-        {128, Bytes({0x81, 0x80})},
-        {255, Bytes({0x81, 0xFF})},
-        {256, Bytes({0x82, 0x01, 0x00})},
-        {65535, Bytes({0x82, 0xFF, 0xFF})},
-        {65536, Bytes({0x83, 0x01, 0x00, 0x00})},
-        {16777125, Bytes({0x83, 0xFF, 0xFF, 0xA5})},
-        {16777126, Bytes({0x84, 0x00, 0xFF, 0xFF, 0xA6})},
+        {127, Bytes({0x7F})}, {128, Bytes({0x81, 0x80})}, {255, Bytes({0x81, 0xFF})},
+        {256, Bytes({0x82, 0x01, 0x00})}, {65535, Bytes({0x82, 0xFF, 0xFF})}, {65536, Bytes({0x83, 0x01, 0x00, 0x00})},
+        {16777125, Bytes({0x83, 0xFF, 0xFF, 0xA5})}, {16777126, Bytes({0x84, 0x00, 0xFF, 0xFF, 0xA6})},
         {16777216, Bytes({0x84, 0x01, 0x00, 0x00, 0x00})},
     };
     for (auto& c : cases) {
@@ -182,88 +158,133 @@ TEST(BerWireForms, EmptyOctetString)
     EXPECT_EQ(Printed(back), "''H  -- \"\" --");
 }
 
-TEST(BerDecoding, IntegerRules)
+template <class T>
+int DecodeAs(const std::vector<unsigned char>& bytes, unsigned int& nUsed, std::string& strErr)
 {
-    AsnInt v;
-    EXPECT_EQ(Decode(v, Bytes({2, 2, 0x00, 0x01})), 0);  // non-minimal is accepted
-    EXPECT_EQ(v.value, 1);
+    T value;
+    return Decode(value, bytes, &nUsed, &strErr);
+}
 
-    std::string strErr;
-    EXPECT_EQ(Decode(v, Bytes({2, 5, 0, 0, 0, 0, 1}), nullptr, &strErr), -1);
-    EXPECT_EQ(strErr, "AsnInt::BDecContent: ERROR - integer is too big to decode.\n");
-    EXPECT_EQ(Decode(v, Bytes({4, 1, 0}), nullptr, &strErr), -1);
-    EXPECT_EQ(strErr, "AsnInt::BDec: ERROR tag on INTEGER is wrong.\n");
-    EXPECT_EQ(Decode(v, Bytes({2, 2, 1}), nullptr, &strErr), -1);
-    EXPECT_EQ(strErr, "AsnInt::BDecContent: ERROR - decoded past end of data.\n");
+std::vector<unsigned char> HeartbeatWith(size_t nAt, unsigned char c)
+{
+    std::vector<unsigned char> v = HEARTBEAT_1234;
+    v[nAt] = c;
+    return v;
+}
 
+// Every failure is clean (-1) and says which rule it broke.
+TEST(BerDecoding, FailuresAreCleanAndNamed)
+{
+    std::vector<unsigned char> deep;  // nesting fails instead of exhausting the stack
+    for (int i = 0; i < 5000; ++i) deep.insert(deep.end(), {0x24, 0x80});
+    const std::string PAST = "BDecOctetString: ERROR - decoded past end of data\n";
+    const std::string MISSING = "ERROR - SEQUENCE is missing non-optional elmt.\n";
+    struct {
+        int (*decode)(const std::vector<unsigned char>&, unsigned int&, std::string&);
+        std::vector<unsigned char> bytes;
+        std::string strErr;  // empty: any text
+        unsigned int nUsed;  // 0: any count
+    } cases[] = {
+        {DecodeAs<AsnInt>, Bytes({2, 5, 0, 0, 0, 0, 1}), "AsnInt::BDecContent: ERROR - integer is too big to decode.\n", 0},
+        {DecodeAs<AsnInt>, Bytes({4, 1, 0}), "AsnInt::BDec: ERROR tag on INTEGER is wrong.\n", 0},
+        {DecodeAs<AsnInt>, Bytes({2, 2, 1}), "AsnInt::BDecContent: ERROR - decoded past end of data.\n", 0},
+        // An empty buffer still counts one octet used.
+        {DecodeAs<ZikPacket>, {}, "BDecTag: ERROR - decoded past the end of data\n", 1},
+        // Four gigabytes announced by a few bytes, and a primitive string of indefinite length.
+        {DecodeAs<AsnOcts>, Bytes({0x04, 0x84, 0xFF, 0xFF, 0xFF, 0xF0, 'a'}), PAST, 0},
+        {DecodeAs<AsnOcts>, Bytes({0x04, 0x80, 'a', 'b', 0, 0}), PAST, 0},
+        {DecodeAs<AsnOcts>, Bytes({0x04, 0x89, 1, 1, 1, 1, 1, 1, 1, 1, 1}), "BDecLen: ERROR - length overflow\n", 0},
+        {DecodeAs<AsnOcts>, Bytes({0x04, 0x83, 1}), "BDecLen: decoded past end of data\n", 0},
+        {DecodeAs<AsnOcts>, Bytes({0x24, 0x04, 0x02, 0x01, 0x01, 0x00}),
+         "BDecConsOctetString: ERROR - decoded non-OCTET STRING tag inside a constructed OCTET STRING\n", 0},
+        {DecodeAs<AsnOcts>, Bytes({0x24, 0x04, 0x04, 0x05, 'a', 'b'}),
+         "BDecConsOctetString: ERROR - attempt to decode past end of data\n", 0},
+        {DecodeAs<AsnOcts>, deep, "", 0},
+        // One field too many, under a definite and under an indefinite length.
+        {DecodeAs<ReqWorkAgentHeartbeat>, Bytes({0x30, 0x06, 0x02, 0x01, 0x07, 0x02, 0x01, 0x08}),
+         "ERROR - Length discrepancy on sequence.\n", 0},
+        {DecodeAs<ReqWorkAgentHeartbeat>, Bytes({0x30, 0x80, 0x02, 0x01, 0x07, 0x02, 0x01, 0x08, 0, 0}),
+         "BDecEoc: ERROR - non zero byte in EOC or end of data reached\n", 0},
+        {DecodeAs<ReqWorkAgentHeartbeat>, Bytes({0x31, 0x03, 0x02, 0x01, 0x07}),
+         "ReqWorkAgentHeartbeat::BDec: ERROR - wrong tag\n", 0},
+        {DecodeAs<ReqWorkAgentHeartbeat>, Bytes({0x30, 0x03, 0x04, 0x01, 0x07}), MISSING, 0},
+        // An unknown body tag (299) gives the SEQUENCE text; the CHOICE alone gives its own.
+        {DecodeAs<ZikPacket>, HeartbeatWith(10, 0x2B), MISSING, 0},
+        {DecodeAs<Zik>, Bytes({0xBF, 0x82, 0x2B, 0x02, 0x30, 0x00}), "ERROR - unexpected tag in CHOICE\n", 0},
+        {DecodeAs<AsnBits>, Bytes({0x23, 0x08, 0x03, 0x02, 0x04, 0x80, 0x03, 0x02, 0x04, 0x10}), 
+         "BDecConsBitString: ERROR - a component of a constructed BIT STRING that is not the last has non-zero unused "
+         "bits\n",
+         0},
+    };
+    for (auto& c : cases) {
+        SCOPED_TRACE("row " + std::to_string(&c - cases));
+        unsigned int nUsed = 0;
+        std::string strErr;
+        EXPECT_EQ(c.decode(c.bytes, nUsed, strErr), -1);
+        if (!c.strErr.empty()) {
+            EXPECT_EQ(strErr, c.strErr);
+        }
+        if (c.nUsed != 0) {
+            EXPECT_EQ(nUsed, c.nUsed);
+        }
+    }
+    AsnOcts v;  // a refused length allocates nothing
+    EXPECT_EQ(Decode(v, cases[4].bytes), -1);
+    EXPECT_EQ(v.octs, nullptr);
+}
+
+TEST(BerDecoding, AcceptedForms)
+{
+    AsnInt n;
+    EXPECT_EQ(Decode(n, Bytes({2, 2, 0x00, 0x01})), 0);  // non-minimal
+    EXPECT_EQ(n.value, 1);
     // A zero-length INTEGER takes the next octet without counting it.
     unsigned int nUsed = 0;
-    EXPECT_EQ(Decode(v, Bytes({2, 0, 0x05}), &nUsed), 0);
-    EXPECT_EQ(v.value, 5);
+    EXPECT_EQ(Decode(n, Bytes({2, 0, 0x05}), &nUsed), 0);
+    EXPECT_EQ(n.value, 5);
     EXPECT_EQ(nUsed, 2u);
-}
 
-TEST(BerDecoding, EmptyBufferCountsOneOctet)
-{
-    ZikPacket packet;
-    unsigned int nUsed = 9;
-    std::string strErr;
-    EXPECT_EQ(Decode(packet, {}, &nUsed, &strErr), -1);
-    EXPECT_EQ(nUsed, 1u);
-    EXPECT_EQ(strErr, "BDecTag: ERROR - decoded past the end of data\n");
-}
-
-TEST(BerDecoding, OctetStringLengthsAreCheckedBeforeAllocating)
-{
-    AsnOcts v;
-    std::string strErr;
-    // Four gigabytes announced by a few bytes.
-    EXPECT_EQ(Decode(v, Bytes({0x04, 0x84, 0xFF, 0xFF, 0xFF, 0xF0, 'a'}), nullptr, &strErr), -1);
-    EXPECT_EQ(strErr, "BDecOctetString: ERROR - decoded past end of data\n");
-    EXPECT_EQ(v.octs, nullptr);
-    // A primitive string with an indefinite length is a clean failure.
-    EXPECT_EQ(Decode(v, Bytes({0x04, 0x80, 'a', 'b', 0, 0}), nullptr, &strErr), -1);
-    EXPECT_EQ(strErr, "BDecOctetString: ERROR - decoded past end of data\n");
-    EXPECT_EQ(Decode(v, Bytes({0x04, 0x89, 1, 1, 1, 1, 1, 1, 1, 1, 1}), nullptr, &strErr), -1);
-    EXPECT_EQ(strErr, "BDecLen: ERROR - length overflow\n");
-    EXPECT_EQ(Decode(v, Bytes({0x04, 0x83, 1}), nullptr, &strErr), -1);
-    EXPECT_EQ(strErr, "BDecLen: decoded past end of data\n");
-}
-
-TEST(BerDecoding, ConstructedOctetStrings)
-{
     AsnOcts v;
     // Definite outer length, two primitive pieces and a nested constructed one.
     ASSERT_EQ(Decode(v, Bytes({0x24, 0x0C, 0x04, 0x02, 'a', 'b', 0x04, 0x00, 0x24, 0x04, 0x04, 0x02, 'c', 'd'})), 0);
     EXPECT_EQ(std::string(v.octs, v.octetLen), "abcd");
-    // Indefinite outer length closed by an end-of-contents mark.
-    unsigned int nUsed = 0;
     ASSERT_EQ(Decode(v, Bytes({0x24, 0x80, 0x04, 0x01, 'x', 0x04, 0x01, 'y', 0x00, 0x00}), &nUsed), 0);
     EXPECT_EQ(std::string(v.octs, v.octetLen), "xy");
     EXPECT_EQ(nUsed, 10u);
 
-    std::string strErr;
-    EXPECT_EQ(Decode(v, Bytes({0x24, 0x04, 0x02, 0x01, 0x01, 0x00}), nullptr, &strErr), -1);
-    EXPECT_EQ(strErr,
-              "BDecConsOctetString: ERROR - decoded non-OCTET STRING tag inside a constructed OCTET STRING\n");
-    EXPECT_EQ(Decode(v, Bytes({0x24, 0x04, 0x04, 0x05, 'a', 'b'}), nullptr, &strErr), -1);
-    EXPECT_EQ(strErr, "BDecConsOctetString: ERROR - attempt to decode past end of data\n");
+    ReqWorkAgentHeartbeat hb;
+    ASSERT_EQ(Decode(hb, Bytes({0x30, 0x80, 0x02, 0x01, 0x07, 0, 0})), 0);
+    EXPECT_EQ(hb.agentId, 7);
 
-    // Deep nesting fails cleanly instead of exhausting the stack.
-    std::vector<unsigned char> deep;
-    for (int i = 0; i < 5000; ++i) {
-        deep.push_back(0x24);
-        deep.push_back(0x80);
-    }
-    EXPECT_EQ(Decode(v, deep, nullptr, &strErr), -1);
+    // Trailing bytes after a packet still decode; the size used tells the caller.
+    std::vector<unsigned char> trailing = HEARTBEAT_1234;
+    trailing.insert(trailing.end(), {0x99, 0x98});
+    ZikPacket packet;
+    EXPECT_EQ(Decode(packet, trailing, &nUsed), 0);
+    EXPECT_EQ(nUsed, HEARTBEAT_1234.size());
+    ZikPacket p99;  // any version
+    EXPECT_EQ(Decode(p99, HeartbeatWith(4, 99)), 0);
+    EXPECT_EQ(p99.version, 99);
+
+    // ReqAllSessionKey with an indefinite list, record, CHOICE wrapper and packet.
+    std::vector<unsigned char> bytes = Bytes({0x30, 0x80, 0x02, 0x01, 0x04, 0x02, 0x01, 0x00, 0xBF, 0x86, 0x24, 0x80,
+                                              0x30, 0x80, 0x02, 0x01, 0x02, 0x30, 0x80, 0x02, 0x01, 0x0A, 0x02, 0x01,
+                                              0x0B, 0x00, 0x00, 0x02, 0x01, 0x01, 0x02, 0x01, 0x02, 0, 0, 0, 0, 0, 0});
+    ASSERT_EQ(Decode(packet, bytes, &nUsed), 0);
+    EXPECT_EQ(nUsed, bytes.size());
+    ASSERT_EQ(packet.body->choiceId, Zik::reqAllSessionKeyCid);
+    ReqAllSessionKey& req = *packet.body->reqAllSessionKey;
+    EXPECT_EQ(req.ids.Count(), 2u);
+    EXPECT_EQ(req.ids.First()->value, 10);
+    EXPECT_EQ(req.ids.Last()->value, 11);
+    EXPECT_EQ(req.srcServerPort, 2);
 }
 
 // ---- time and memory in proportion to the packet ---------------------------------
 
 TEST(BerDecodingCost, SegmentStackGrowsGeometrically)
 {
-    // A fixed growth step made n segments cost n squared copies: 256 KiB of
-    // empty segments took a second to decode.
+    // A fixed growth step made n segments cost n squared copies.
     StrStk stk(128, 64);
     size_t nCapacity = stk.Capacity(), nGrowths = 0;
     char c = 0;
@@ -280,8 +301,7 @@ TEST(BerDecodingCost, SegmentStackGrowsGeometrically)
 
 TEST(BerDecodingCost, LargeConstructedStringDecodesAndTheStackGivesItsMemoryBack)
 {
-    // 1 MiB of empty segments inside a command: decodes, and the thread's
-    // stack is back at its initial size afterwards, on success and on failure.
+    // 1 MiB of empty segments decodes; the thread's stack shrinks back after success and failure.
     std::vector<unsigned char> packetBytes = agent_test::CmdCreateWithConstructedCmd(ConstructedString(512 * 1024));
     ASSERT_GT(packetBytes.size(), 1u << 20);
     ZikPacket packet;
@@ -301,12 +321,9 @@ TEST(BerDecodingCost, LargeConstructedStringDecodesAndTheStackGivesItsMemoryBack
 
 TEST(BerDecodingCost, AllocationBudgetRefusesDenseListsOfTinyElements)
 {
-    // reqSerialJobCreateList (700) with one job whose id list holds 200,000
-    // empty strings: 400 KB of input that asked for about 20 MB of objects, and
-    // a 128 MiB packet of them for gigabytes.
+    // reqSerialJobCreateList (700), one job of 200,000 empty ids: 400 KB that asked for 20 MB of objects.
     std::vector<unsigned char> job = Tlv({0x30}, Repeat({0x04, 0x00}, 200000));
-    std::vector<unsigned char> interval = Bytes({0x02, 0x01, 0x05});
-    job.insert(job.end(), interval.begin(), interval.end());
+    job.insert(job.end(), {0x02, 0x01, 0x05});
     std::vector<unsigned char> packetBytes = PacketOf(700, Tlv({0x30}, job));
     ZikPacket packet;
     std::string strErr;
@@ -321,8 +338,7 @@ TEST(BerDecodingCost, AllocationBudgetRefusesDenseListsOfTinyElements)
               std::string::npos)
         << strLog;
 
-    // The same number of small integers, the densest shape real messages
-    // have (reqJobQueryZIKAgentList, 515), stays within the budget.
+    // As many small integers, the densest real shape (reqJobQueryZIKAgentList, 515), fit the budget.
     std::vector<unsigned char> ids = PacketOf(515, Repeat({0x02, 0x01, 0x07}, 200000));
     ZikPacket list;
     ASSERT_EQ(Decode(list, ids), 0);
@@ -335,80 +351,6 @@ TEST(BerDecodingCost, AllocationBudgetRefusesDenseListsOfTinyElements)
     ZikPacket back;
     ASSERT_EQ(Decode(back, EncodePkt(get)), 0);
     EXPECT_EQ(back.body->rspWorkFileAgentGet->content.octetLen, content.size());
-}
-
-TEST(BerDecoding, SequenceRules)
-{
-    ReqWorkAgentHeartbeat hb;
-    std::string strErr;
-    // One field too many under a definite length.
-    EXPECT_EQ(Decode(hb, Bytes({0x30, 0x06, 0x02, 0x01, 0x07, 0x02, 0x01, 0x08}), nullptr, &strErr), -1);
-    EXPECT_EQ(strErr, "ERROR - Length discrepancy on sequence.\n");
-    // ... and under an indefinite length the end-of-contents test fails.
-    EXPECT_EQ(Decode(hb, Bytes({0x30, 0x80, 0x02, 0x01, 0x07, 0x02, 0x01, 0x08, 0, 0}), nullptr, &strErr), -1);
-    EXPECT_EQ(strErr, "BDecEoc: ERROR - non zero byte in EOC or end of data reached\n");
-    // Indefinite and closed properly.
-    ASSERT_EQ(Decode(hb, Bytes({0x30, 0x80, 0x02, 0x01, 0x07, 0, 0})), 0);
-    EXPECT_EQ(hb.agentId, 7);
-    EXPECT_EQ(Decode(hb, Bytes({0x31, 0x03, 0x02, 0x01, 0x07}), nullptr, &strErr), -1);
-    EXPECT_EQ(strErr, "ReqWorkAgentHeartbeat::BDec: ERROR - wrong tag\n");
-    EXPECT_EQ(Decode(hb, Bytes({0x30, 0x03, 0x04, 0x01, 0x07}), nullptr, &strErr), -1);
-    EXPECT_EQ(strErr, "ERROR - SEQUENCE is missing non-optional elmt.\n");
-}
-
-TEST(BerDecoding, IndefiniteListsAndChoices)
-{
-    // ReqAllSessionKey with an indefinite list and a packet with an indefinite CHOICE wrapper.
-    std::vector<unsigned char> bytes = Bytes({0x30, 0x80, 0x02, 0x01, 0x04, 0x02, 0x01, 0x00, 0xBF, 0x86, 0x24, 0x80,
-                                              0x30, 0x80, 0x02, 0x01, 0x02,              // moduleType
-                                              0x30, 0x80, 0x02, 0x01, 0x0A, 0x02, 0x01, 0x0B, 0x00, 0x00,  // ids
-                                              0x02, 0x01, 0x01, 0x02, 0x01, 0x02,        // ip, port
-                                              0x00, 0x00,                                // record
-                                              0x00, 0x00,                                // wrapper
-                                              0x00, 0x00});                              // packet
-    ZikPacket packet;
-    unsigned int nUsed = 0;
-    ASSERT_EQ(Decode(packet, bytes, &nUsed), 0);
-    EXPECT_EQ(nUsed, bytes.size());
-    ASSERT_EQ(packet.body->choiceId, Zik::reqAllSessionKeyCid);
-    ReqAllSessionKey& req = *packet.body->reqAllSessionKey;
-    EXPECT_EQ(req.ids.Count(), 2u);
-    EXPECT_EQ(req.ids.First()->value, 10);
-    EXPECT_EQ(req.ids.Last()->value, 11);
-    EXPECT_EQ(req.srcServerPort, 2);
-}
-
-TEST(BerDecoding, PacketEnvelopeQuirks)
-{
-    const std::vector<unsigned char>& hb = HEARTBEAT_1234;
-    // Trailing bytes after a packet still decode; the size used tells the caller.
-    std::vector<unsigned char> trailing = hb;
-    trailing.push_back(0x99);
-    trailing.push_back(0x98);
-    ZikPacket packet;
-    unsigned int nUsed = 0;
-    EXPECT_EQ(Decode(packet, trailing, &nUsed), 0);
-    EXPECT_EQ(nUsed, hb.size());
-
-    // An unknown body tag gives the SEQUENCE text, not the CHOICE one.
-    std::vector<unsigned char> unknown = hb;
-    unknown[10] = 0x2B;  // tag 299
-    ZikPacket other;
-    std::string strErr;
-    EXPECT_EQ(Decode(other, unknown, nullptr, &strErr), -1);
-    EXPECT_EQ(strErr, "ERROR - SEQUENCE is missing non-optional elmt.\n");
-
-    // Any version is accepted.
-    std::vector<unsigned char> v99 = hb;
-    v99[4] = 99;
-    ZikPacket p99;
-    EXPECT_EQ(Decode(p99, v99), 0);
-    EXPECT_EQ(p99.version, 99);
-
-    // The CHOICE itself reports an unknown tag with its own text.
-    Zik zik;
-    EXPECT_EQ(Decode(zik, Bytes({0xBF, 0x82, 0x2B, 0x02, 0x30, 0x00}), nullptr, &strErr), -1);
-    EXPECT_EQ(strErr, "ERROR - unexpected tag in CHOICE\n");
 }
 
 TEST(BerEncoding, TooSmallBlockCountsTheExactSize)
@@ -427,10 +369,9 @@ TEST(BerEncoding, TooSmallBlockCountsTheExactSize)
     EXPECT_EQ(nSize, whole.size());
 
     // The growing block of a sender: the retry gives the same bytes.
+    EXPECT_EQ(Encoded(create), whole);
     CPacketBuffer pktBuf("Test", 0);
-    char* p = pktBuf.PacketObjToBuffer(nSize, create);
-    ASSERT_NE(p, nullptr);
-    EXPECT_EQ(std::vector<unsigned char>(p, p + nSize), whole);
+    pktBuf.PacketObjToBuffer(nSize, create);
     EXPECT_EQ(pktBuf.Size(), whole.size());
     CPacketBuffer bigBuf("Test", 1024);
     bigBuf.PacketObjToBuffer(nSize, create);
@@ -469,15 +410,13 @@ TEST(BerValues, CloneIsADefaultObjectAndAssignmentDeepCopies)
 
 TEST(BerValues, Printing)
 {
-    WorkAgentInfo info;
-    info.agentId = 1;
-    info.version = 2;
-    info.startTime = 3;
-    info.region = -4;
     RspWorkAgentInfo rsp;
     EXPECT_EQ(Printed(rsp), "{ -- SEQUENCE --\n    agentInfo -- void --\n}");
     rsp.agentInfo = new WorkAgentInfo;
-    *rsp.agentInfo = info;
+    rsp.agentInfo->agentId = 1;
+    rsp.agentInfo->version = 2;
+    rsp.agentInfo->startTime = 3;
+    rsp.agentInfo->region = -4;
     EXPECT_EQ(Printed(rsp),
               "{ -- SEQUENCE --\n    agentInfo { -- SEQUENCE --\n        agentId 1,\n        version 2,\n"
               "        startTime 3,\n        region -4\n    }\n}");
@@ -548,9 +487,6 @@ TEST(BerValues, BitStrings)
     AsnBits cons;
     ASSERT_EQ(Decode(cons, Bytes({0x23, 0x08, 0x03, 0x02, 0x00, 0x80, 0x03, 0x02, 0x04, 0x10})), 0);
     EXPECT_EQ(cons.BitLen(), 12u);
-    std::string strErr;
-    EXPECT_EQ(Decode(cons, Bytes({0x23, 0x08, 0x03, 0x02, 0x04, 0x80, 0x03, 0x02, 0x04, 0x10}), nullptr, &strErr), -1);
-    EXPECT_NE(strErr.find("that is not the last has non-zero unused bits"), std::string::npos);
     EXPECT_TRUE(AsnBits().BitsEquiv(AsnBits()));
 }
 
@@ -607,25 +543,6 @@ TEST(Catalogue, EveryRecordAndListRoundTripsAlone)
 #define TEST_CHOICE(Name)
     ZIK_CATALOGUE(TEST_SEQ, TEST_LIST, TEST_CHOICE)
     EXPECT_GT(nCount, 180);
-}
-
-TEST(Catalogue, ChoiceListElementsHaveNoExtraTag)
-{
-    // A list of a CHOICE: each element is just the alternative's wrapper.
-    ReqJobCreateSeqOf steps;
-    JobStepSingle* pStep = steps.Append();
-    static_cast<JobStepShellCmd*>(pStep->Select(JobStepSingle::jobStepShellCmdCid))->agentId = 1;
-    std::vector<unsigned char> wire = Encode(steps);
-    ASSERT_GE(wire.size(), 4u);
-    EXPECT_EQ(wire[0], 0x30);
-    EXPECT_EQ(wire[2], 0xBF);
-    EXPECT_EQ(wire[3], 0x64);
-
-    // Context tags below 31 are one octet: A0, A1, A2.
-    ReqJobAuthoritySeqOf auth;
-    auth.Append()->Select(ReqStepAuthority::reqStepTemplateAuthorityCid);
-    wire = Encode(auth);
-    EXPECT_EQ(wire[2], 0xA2);
 }
 
 } // namespace

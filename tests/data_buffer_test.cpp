@@ -1,3 +1,4 @@
+// The block queue between threads: priorities, limits, the readable event, waits and the spare pool.
 #include "data_buffer.h"
 
 #include <gtest/gtest.h>
@@ -33,18 +34,12 @@ bool Readable(int fd)
     return poll(&p, 1, 0) == 1;
 }
 
-TEST(DataBuffer, RejectsEmptyPushesSilently)
+TEST(DataBuffer, HighPriorityFirstOrderWithinALineAndWhatABlockCarries)
 {
     CDataBufferSTLDeque buf(false, 0);
-    EXPECT_EQ(buf.Push(nullptr, 5, BREL_DATA_NORMAL_PRI), -1);
+    EXPECT_EQ(buf.Push(nullptr, 5, BREL_DATA_NORMAL_PRI), -1);  // empty pushes are refused silently
     EXPECT_EQ(buf.Push("x", 0, BREL_DATA_NORMAL_PRI), -1);
-    EXPECT_TRUE(buf.Empty());
     EXPECT_FALSE(Readable(buf.GetReadableFd()));
-}
-
-TEST(DataBuffer, HighPriorityFirstAndOrderWithinALine)
-{
-    CDataBufferSTLDeque buf(false, 0);
     buf.Push("n1", 2, BREL_DATA_NORMAL_PRI);
     buf.Push("n2", 2, BREL_DATA_NORMAL_PRI);
     buf.Push("h1", 2, BREL_DATA_HIGH_PRI);
@@ -55,11 +50,8 @@ TEST(DataBuffer, HighPriorityFirstAndOrderWithinALine)
     for (const char* sz : {"h1", "h2", "h3", "n1", "n2"}) EXPECT_EQ(TakeString(buf), sz);
     EXPECT_EQ(TakeString(buf, 1000), "<null>");  // non-blocking: at once
     EXPECT_EQ(buf.GetDataSize(), 0u);
-}
 
-TEST(DataBuffer, CarriesSpeedAndAppend)
-{
-    CDataBufferSTLDeque buf(false, 0);
+    // A block carries its speed and append; a peek leaves it.
     buf.Push3("abc", 3, 1234, -9, BREL_DATA_NORMAL_PRI);
     unsigned int nSize = 1, nSpeed = 1;
     int nAppend = 1;
@@ -68,7 +60,7 @@ TEST(DataBuffer, CarriesSpeedAndAppend)
     EXPECT_EQ(nSize, 3u);
     EXPECT_EQ(nSpeed, 1234u);
     EXPECT_EQ(nAppend, -9);
-    EXPECT_EQ(buf.GetDataNum(), 1u);  // a peek leaves it
+    EXPECT_EQ(buf.GetDataNum(), 1u);
     buf.Pop();
     EXPECT_TRUE(buf.Empty());
     p = buf.GetFrontAndPop3(nSize, nSpeed, nAppend, 0);
@@ -133,11 +125,8 @@ TEST(DataBuffer, EventIsRaisedWhileTheQueueHoldsBlocks)
     EXPECT_EQ(buf.GetDataSize(), 0u);
 }
 
-// A consumer that sleeps on the descriptor and takes until null must never
-// miss a block pushed while it empties the queue. Being the only consumer, it
-// is woken for an empty queue only when a push's byte lands just after the
-// take that emptied it, and only until that push takes it back: a byte left
-// for good would wake it on every poll, and would still be there at the end.
+// A consumer polling the descriptor and taking until null never misses a block, and is rarely
+// woken for an empty queue: a byte left behind for good would wake it on every poll.
 TEST(DataBuffer, NoWakeUpIsLostWhileAConsumerEmptiesTheQueue)
 {
     CDataBufferSTLDeque buf(false, 0);
@@ -166,7 +155,6 @@ TEST(DataBuffer, NoWakeUpIsLostWhileAConsumerEmptiesTheQueue)
     });
     unsigned int nSeed = 7;
     for (int i = 0; i < nBlocks;) {
-        // Bursts of one to eight blocks, with the consumer given time to catch up between them.
         nSeed = nSeed * 1103515245 + 12345;
         for (int n = 1 + (nSeed >> 16) % 8; n > 0 && i < nBlocks; --n, ++i) buf.Push(&i, sizeof(i), BREL_DATA_NORMAL_PRI);
         if ((nSeed >> 8) % 4 == 0) std::this_thread::yield();
@@ -178,27 +166,11 @@ TEST(DataBuffer, NoWakeUpIsLostWhileAConsumerEmptiesTheQueue)
     EXPECT_FALSE(Readable(fd));
 }
 
-TEST(DataBuffer, BlockingTakeTimesOutAndWakesAcrossThreads)
+// A wake-up for the taker's flags ends its next wait once, whether asked before or during it.
+TEST(DataBuffer, BlockingTakeTimesOutAndWakesForABlockOrAWakeUp)
 {
     CDataBufferSTLDeque buf(true, 0);
     EXPECT_EQ(TakeString(buf, 0), "<null>");
-    uint64_t lStart = GetNowMilliSecond();
-    EXPECT_EQ(TakeString(buf, 60), "<null>");
-    EXPECT_GE(GetNowMilliSecond() - lStart, 55u);
-
-    std::thread producer([&] {
-        Sleep(30);
-        buf.Push("late", 4, BREL_DATA_NORMAL_PRI);
-    });
-    EXPECT_EQ(TakeString(buf, 5000), "late");
-    producer.join();
-}
-
-// A consumer waiting for its next deadline is woken for its flags: at once when
-// asked before it waits, in the wait otherwise, and with a block if one is there.
-TEST(DataBuffer, WakeTakerEndsTheNextWaitOnce)
-{
-    CDataBufferSTLDeque buf(true, 0);
     buf.WakeTaker();
     EXPECT_EQ(TakeString(buf, 3600 * 1000), "<null>");
     std::thread waker([&] {
@@ -214,6 +186,13 @@ TEST(DataBuffer, WakeTakerEndsTheNextWaitOnce)
     uint64_t lStart = GetNowMilliSecond();
     EXPECT_EQ(TakeString(buf, 60), "<null>");
     EXPECT_GE(GetNowMilliSecond() - lStart, 55u);  // and was spent
+
+    std::thread producer([&] {
+        Sleep(30);
+        buf.Push("late", 4, BREL_DATA_NORMAL_PRI);
+    });
+    EXPECT_EQ(TakeString(buf, 5000), "late");
+    producer.join();
 }
 
 // Three takers wait without end; pushing three blocks "x" must wake each of them.
@@ -227,7 +206,7 @@ void ExpectEveryWaitingTakerWoken(CDataBufferSTLDeque& buf, const std::function<
             if (TakeString(buf, 0xFFFFFFFF) == "x") ++nWoken;
         });
     }
-    Sleep(50);  // let them wait; the test holds whether or not they all did
+    Sleep(50);  // let them wait; the check holds whether or not they all did
     pushX(nTakers);
     uint64_t lDeadline = GetNowMilliSecond() + 10000;
     while (nWoken < nTakers && GetNowMilliSecond() < lDeadline) Sleep(5);
@@ -245,8 +224,7 @@ TEST(DataBuffer, EveryWaitingTakerWakesForAPush)
     });
 }
 
-// The line is a ring: it must keep the order when it grows while wrapped,
-// and when the limit drops the oldest block of a wrapped line.
+// The line is a ring: order holds when it grows while wrapped and when the limit drops from it.
 TEST(DataBuffer, OrderSurvivesAWrappedLineGrowing)
 {
     CDataBufferSTLDeque buf(false, 40);
@@ -276,8 +254,6 @@ TEST(DataBuffer, OrderSurvivesAWrappedLineGrowing)
     EXPECT_TRUE(buf.Empty());
 }
 
-// Freed blocks are kept for the next push of their size class, within a
-// bound, and those that no push needed for an idle period are given back.
 uint64_t g_lFakeNow = 0;
 uint64_t FakeClock() { return g_lFakeNow; }
 
@@ -295,6 +271,8 @@ void PushTakeFree(CDataBufferSTLDeque& buf, unsigned int nSize, int nTimes = 1)
     for (void* p : vecTaken) CDataBufferSTLDeque::FreePopData(p);
 }
 
+// Freed blocks are kept for the next push of their size class, within a bound, and given
+// back when no push needed them for an idle period.
 TEST(DataBuffer, SparePoolReusesBoundsAndGivesBack)
 {
     g_lFakeNow = 1000000;
@@ -322,15 +300,13 @@ TEST(DataBuffer, SparePoolReusesBoundsAndGivesBack)
     PushTakeFree(buf, 5u << 20);
     EXPECT_EQ(CDataBufferSTLDeque::GetSpareBytes(), lBefore);
 
-    // The 4 KiB class stays in use across idle periods and keeps its block;
-    // every other class, the 512 KiB one too, is not needed for two periods and is given back.
+    // Only the 4 KiB class stays in use across idle periods and keeps its block.
     for (int nPeriod = 0; nPeriod < 3; ++nPeriod) {
         g_lFakeNow += CDataBufferSTLDeque::SPARE_IDLE_MILLISECOND;
         PushTakeFree(buf, 4096);
     }
     EXPECT_EQ(CDataBufferSTLDeque::GetSpareBytes(), lOne);
-    // A clock set back trims nothing early: a small block that has been spare
-    // through one trim is still kept less than a period after the clock went back.
+    // A clock set back trims nothing early.
     PushTakeFree(buf, 10);
     g_lFakeNow += CDataBufferSTLDeque::SPARE_IDLE_MILLISECOND;
     PushTakeFree(buf, 4096);
@@ -342,25 +318,10 @@ TEST(DataBuffer, SparePoolReusesBoundsAndGivesBack)
     CDataBufferSTLDeque::SetSpareClock(nullptr);
 }
 
-// A block may outlive the buffer that handed it over (a connection's send data).
-TEST(DataBuffer, BlockOutlivesItsBuffer)
-{
-    void* p;
-    {
-        CDataBufferSTLDeque buf(true, 0);
-        buf.Push("left", 4, BREL_DATA_NORMAL_PRI);
-        buf.Push("freed at the end", 16, BREL_DATA_NORMAL_PRI);
-        unsigned int nSize = 0;
-        p = buf.GetFrontAndPop(nSize, 0);
-    }
-    ASSERT_NE(p, nullptr);
-    EXPECT_EQ(memcmp(p, "left", 4), 0);
-    CDataBufferSTLDeque::FreePopData(p);
-}
-
 #if defined(__SANITIZE_ADDRESS__)
-// Keeping freed blocks must not hide a use after FreePopData from AddressSanitizer.
-TEST(DataBufferDeathTest, UseAfterFreeStillShows)
+// Keeping freed blocks must hide neither a use after FreePopData nor a second free (which
+// would hand one block to two owners through the pool) from AddressSanitizer.
+TEST(DataBufferDeathTest, UseAfterFreeAndDoubleFreeStillShow)
 {
     EXPECT_DEATH(
         {
@@ -371,6 +332,13 @@ TEST(DataBufferDeathTest, UseAfterFreeStillShows)
             CDataBufferSTLDeque::FreePopData(p);
             volatile char c = p[4];
             (void)c;
+        },
+        "use-after-poison");
+    EXPECT_DEATH(
+        {
+            void* p = CDataBufferSTLDeque::AllocBlock(100);
+            CDataBufferSTLDeque::FreePopData(p);
+            CDataBufferSTLDeque::FreePopData(p);
         },
         "use-after-poison");
 }
@@ -415,6 +383,17 @@ TEST(DataBuffer, BlockBuiltInPlaceIsQueuedWithoutACopy)
 
     // A block never queued goes back as any other.
     CDataBufferSTLDeque::FreePopData(CDataBufferSTLDeque::AllocBlock(300));
+
+    // A block may outlive the buffer that handed it over (a connection's send data).
+    {
+        CDataBufferSTLDeque gone(true, 0);
+        gone.Push("left", 4, BREL_DATA_NORMAL_PRI);
+        gone.Push("freed at the end", 16, BREL_DATA_NORMAL_PRI);
+        p = static_cast<char*>(gone.GetFrontAndPop(nSize, 0));
+    }
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(memcmp(p, "left", 4), 0);
+    CDataBufferSTLDeque::FreePopData(p);
 }
 
 // Several blocks at once: in order, under the limit, and every waiting taker woken.
@@ -448,22 +427,6 @@ TEST(DataBuffer, BlocksQueuedTogetherKeepOrderLimitAndWakeTakers)
         buf.PushBlocks(vecX.data(), static_cast<unsigned int>(n), BREL_DATA_NORMAL_PRI);
     });
 }
-
-#if defined(__SANITIZE_ADDRESS__)
-// A block freed twice would reach two owners through the spare pool: the
-// second free reads the poisoned header, so every sanitized run checks that
-// handed-over blocks are freed once.
-TEST(DataBufferDeathTest, BlockFreedTwiceIsCaught)
-{
-    EXPECT_DEATH(
-        {
-            void* p = CDataBufferSTLDeque::AllocBlock(100);
-            CDataBufferSTLDeque::FreePopData(p);
-            CDataBufferSTLDeque::FreePopData(p);
-        },
-        "use-after-poison");
-}
-#endif
 
 TEST(DataBuffer, ManyProducersAndConsumersLoseNothing)
 {

@@ -5,13 +5,15 @@
 #include <gtest/gtest.h>
 #include <libtasn1.h>
 
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "asn_parse.h"
 #include "zik_pkt.h"
 #include "zik_sample.h"
+
+using agent_test::Encoded;
+using agent_test::Printed;
 
 namespace {
 
@@ -25,13 +27,6 @@ const char* const g_szSampleAlts[] = {
 std::string Join(const std::string& strPath, const std::string& strName)
 {
     return strPath.empty() ? strName : strPath + "." + strName;
-}
-
-std::string Printed(const AsnType& v)
-{
-    std::ostringstream os;
-    v.Print(os);
-    return os.str();
 }
 
 int CidOf(const std::string& strAlt)
@@ -60,56 +55,32 @@ protected:
     }
     void TearDown() override { asn1_delete_structure(&m_node); }
 
-    // Puts our value into the library's tree at the path.
-    void Write(const std::string& strPath, AsnType& value)
+    // Walks our value along the library's tree: puts each field at its path (bWrite), or
+    // compares the decoded tree's field there with ours.
+    void Walk(const std::string& strPath, AsnType& value, bool bWrite)
     {
         SCOPED_TRACE(strPath);
         if (auto* pInt = dynamic_cast<AsnInt*>(&value)) {
             uint32_t u = static_cast<uint32_t>(pInt->value);
             unsigned char be[4] = {static_cast<unsigned char>(u >> 24), static_cast<unsigned char>(u >> 16),
                                    static_cast<unsigned char>(u >> 8), static_cast<unsigned char>(u)};
-            ASSERT_EQ(asn1_write_value(m_node, strPath.c_str(), be, 4), ASN1_SUCCESS);
-        } else if (auto* pOcts = dynamic_cast<AsnOcts*>(&value)) {
-            // A length of 0 would make the library take strlen of the value.
-            const void* pData = pOcts->octetLen == 0 ? "" : pOcts->octs;
-            ASSERT_EQ(asn1_write_value(m_node, strPath.c_str(), pData, static_cast<int>(pOcts->octetLen)),
-                      ASN1_SUCCESS);
-        } else if (auto* pSeq = dynamic_cast<AsnSeq*>(&value)) {
-            AsnField fields[AsnSeq::MAX_FIELDS];
-            int n = pSeq->GetFields(fields);
-            for (int i = 0; i < n; ++i) {
-                AsnType* pField = fields[i].pValue != nullptr ? fields[i].pValue : fields[i].pPtr->GetValue();
-                ASSERT_NE(pField, nullptr);
-                Write(Join(strPath, fields[i].szName), *pField);
+            if (bWrite) {
+                ASSERT_EQ(asn1_write_value(m_node, strPath.c_str(), be, 4), ASN1_SUCCESS);
+                return;
             }
-        } else if (auto* pList = dynamic_cast<AsnListBase*>(&value)) {
-            // Through the typed list of any element: walk the generic elements.
-            for (unsigned long i = 0; i < pList->Count(); ++i) {
-                ASSERT_EQ(asn1_write_value(m_node, strPath.c_str(), "NEW", 1), ASN1_SUCCESS);
-                pList->SetCurrElmt(i);
-                Write(Join(strPath, "?LAST"), *pList->CurrElmt());
-            }
-        } else if (auto* pChoice = dynamic_cast<AsnChoice*>(&value)) {
-            std::string strAlt = pChoice->AltName(pChoice->AltIndex());
-            ASSERT_EQ(asn1_write_value(m_node, strPath.c_str(), strAlt.c_str(), 1), ASN1_SUCCESS);
-            Write(Join(strPath, strAlt), *pChoice->Alternative());
-        } else {
-            FAIL() << "unknown value type";
-        }
-    }
-
-    // Compares the library's decoded tree at the path with our value.
-    void Expect(const std::string& strPath, AsnType& value)
-    {
-        SCOPED_TRACE(strPath);
-        if (auto* pInt = dynamic_cast<AsnInt*>(&value)) {
             std::vector<unsigned char> v = Read(strPath);
-            ASSERT_FALSE(v.empty());
-            ASSERT_LE(v.size(), 5u);
-            uint32_t u = (v[0] & 0x80) ? 0xFFFFFFFFu : 0;
+            ASSERT_TRUE(!v.empty() && v.size() <= 5u) << v.size();
+            u = (v[0] & 0x80) ? 0xFFFFFFFFu : 0;
             for (unsigned char c : v) u = (u << 8) | c;
             EXPECT_EQ(static_cast<int32_t>(u), pInt->value);
         } else if (auto* pOcts = dynamic_cast<AsnOcts*>(&value)) {
+            // A length of 0 would make the library take strlen of the value.
+            const void* pData = pOcts->octetLen == 0 ? "" : pOcts->octs;
+            if (bWrite) {
+                ASSERT_EQ(asn1_write_value(m_node, strPath.c_str(), pData, static_cast<int>(pOcts->octetLen)),
+                          ASN1_SUCCESS);
+                return;
+            }
             std::vector<unsigned char> v = Read(strPath);
             EXPECT_EQ(std::string(v.begin(), v.end()), std::string(pOcts->octs, pOcts->octetLen));
         } else if (auto* pSeq = dynamic_cast<AsnSeq*>(&value)) {
@@ -118,23 +89,33 @@ protected:
             for (int i = 0; i < n; ++i) {
                 AsnType* pField = fields[i].pValue != nullptr ? fields[i].pValue : fields[i].pPtr->GetValue();
                 ASSERT_NE(pField, nullptr);
-                Expect(Join(strPath, fields[i].szName), *pField);
+                Walk(Join(strPath, fields[i].szName), *pField, bWrite);
             }
         } else if (auto* pList = dynamic_cast<AsnListBase*>(&value)) {
+            // Through the typed list of any element: walk the generic elements.
             int nCount = -1;
-            ASSERT_EQ(asn1_number_of_elements(m_node, strPath.c_str(), &nCount), ASN1_SUCCESS);
-            ASSERT_EQ(static_cast<unsigned long>(nCount), pList->Count());
+            if (!bWrite) {
+                ASSERT_EQ(asn1_number_of_elements(m_node, strPath.c_str(), &nCount), ASN1_SUCCESS);
+                ASSERT_EQ(static_cast<unsigned long>(nCount), pList->Count());
+            }
             for (unsigned long i = 0; i < pList->Count(); ++i) {
+                if (bWrite) {
+                    ASSERT_EQ(asn1_write_value(m_node, strPath.c_str(), "NEW", 1), ASN1_SUCCESS);
+                }
                 pList->SetCurrElmt(i);
-                Expect(Join(strPath, "?" + std::to_string(i + 1)), *pList->CurrElmt());
+                Walk(Join(strPath, bWrite ? "?LAST" : "?" + std::to_string(i + 1)), *pList->CurrElmt(), bWrite);
             }
         } else if (auto* pChoice = dynamic_cast<AsnChoice*>(&value)) {
-            // The library reads a CHOICE as the name of its alternative.
-            std::vector<unsigned char> name = Read(strPath);
-            while (!name.empty() && name.back() == 0) name.pop_back();
+            // The library names a CHOICE's alternative.
             std::string strAlt = pChoice->AltName(pChoice->AltIndex());
-            ASSERT_EQ(std::string(name.begin(), name.end()), strAlt);
-            Expect(Join(strPath, strAlt), *pChoice->Alternative());
+            if (bWrite) {
+                ASSERT_EQ(asn1_write_value(m_node, strPath.c_str(), strAlt.c_str(), 1), ASN1_SUCCESS);
+            } else {
+                std::vector<unsigned char> name = Read(strPath);
+                while (!name.empty() && name.back() == 0) name.pop_back();
+                ASSERT_EQ(std::string(name.begin(), name.end()), strAlt);
+            }
+            Walk(Join(strPath, strAlt), *pChoice->Alternative(), bWrite);
         } else {
             FAIL() << "unknown value type";
         }
@@ -155,7 +136,7 @@ protected:
     {
         asn1_delete_structure(&m_node);
         EXPECT_EQ(asn1_create_element(s_definitions, "ZikInterop.ZikPacket", &m_node), ASN1_SUCCESS);
-        Write("", packet);
+        Walk("", packet, true);
         std::vector<unsigned char> theirs(nCapacity);
         int nLen = static_cast<int>(theirs.size());
         char szErr[ASN1_MAX_ERROR_DESCRIPTION_SIZE] = "";
@@ -202,15 +183,6 @@ void MakeSample(ZikPacket& packet, int cid, unsigned int nSeed, bool bEmpty)
     ASSERT_TRUE(agent_test::FillSample(*packet.body->Select(cid), nSeed, bEmpty));
 }
 
-std::vector<unsigned char> Encode(ZikPacket& packet)
-{
-    brel_lib::CPacketBuffer block("Test", 0);
-    unsigned int nSize = 0;
-    char* pOut = block.PacketObjToBuffer(nSize, packet);
-    EXPECT_NE(pOut, nullptr);
-    return pOut == nullptr ? std::vector<unsigned char>() : std::vector<unsigned char>(pOut, pOut + nSize);
-}
-
 // Seeds 0 to 3 pick each alternative of the CHOICEs inside the messages once.
 const unsigned int SEEDS = 4;
 
@@ -227,9 +199,9 @@ TEST_F(TasnInterop, EachSideDecodesTheOthersPacketsToTheSameValues)
                 SCOPED_TRACE(std::string(szAlt) + (bEmpty ? " empty" : "") + " seed " + std::to_string(nSeed));
                 ZikPacket packet;
                 MakeSample(packet, cid, nSeed, bEmpty);
-                std::vector<unsigned char> wire = Encode(packet);
+                std::vector<unsigned char> wire = Encoded(packet);
                 TheyDecode(wire);
-                Expect("", packet);
+                Walk("", packet, false);
                 std::vector<unsigned char> theirs = TheyEncode(packet, 1 << 20);
                 ZikPacket back;
                 ASSERT_EQ(WeDecode(back, theirs), 0);
@@ -253,9 +225,9 @@ TEST_F(TasnInterop, LongStringsAndLengthForms)
         std::string strContent(nLen, '\0');
         for (size_t i = 0; i < nLen; ++i) strContent[i] = static_cast<char>(i * 131 + 7);
         packet.body->rspWorkFileAgentGet->content.ReSet(strContent.data(), strContent.size());
-        std::vector<unsigned char> wire = Encode(packet);
+        std::vector<unsigned char> wire = Encoded(packet);
         TheyDecode(wire);
-        Expect("", packet);
+        Walk("", packet, false);
         std::vector<unsigned char> theirs = TheyEncode(packet, nLen + 4096);
         EXPECT_EQ(theirs, wire);
         ZikPacket back;

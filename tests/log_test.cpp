@@ -1,3 +1,4 @@
+// The process log: line form, level filter, rotation and where lines go.
 #include "log.h"
 
 #include <gtest/gtest.h>
@@ -81,7 +82,6 @@ TEST_F(LogTest, ExactSizeRotates)
     long long lSize = static_cast<long long>(ReadFile(m_strBase + ".log").size());
     SetLogInfo(2, 1);
     // Fill the file to exactly one MiB minus one line, then one line reaches it.
-    std::string strLine = ReadFile(m_strBase + ".log");
     unlink((m_strBase + ".log").c_str());
     {
         std::ofstream file(m_strBase + ".log");
@@ -92,14 +92,10 @@ TEST_F(LogTest, ExactSizeRotates)
     EXPECT_EQ(ReadFile(m_strBase + "1.log").size(), 1u << 20);
 }
 
-TEST_F(LogTest, MissingDirectoryLosesTheLine)
+TEST_F(LogTest, MissingDirectoryLosesTheLineAndAnEmptyNameReturnsToStandardOutput)
 {
     LogFile(m_dir.Path("missing/agent"));
     EXPECT_EQ(Log(LOG_LEVEL_ERROR, "lost"), ENOENT);
-}
-
-TEST_F(LogTest, EmptyNameReturnsToStandardOutput)
-{
     LogFile("");
     testing::internal::CaptureStdout();
     Log(LOG_LEVEL_INFO, "to stdout");

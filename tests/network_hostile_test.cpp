@@ -11,8 +11,6 @@
 #include <string>
 #include <vector>
 
-#include "install_tree.h"
-#include "log.h"
 #include "loop_harness.h"
 #include "network/network_server.h"
 #include "tcp_peer.h"
@@ -100,9 +98,7 @@ private:
 
 TEST(HostilePeers, RandomStreamsCloseOnlyTheirConnectionsAndTheLoopKeepsServing)
 {
-    TempDir dir("hostile_test_");
-    LogFile(dir.Path("loop"));
-    LogLevel(LOG_LEVEL_WARNING);
+    TempLog log("loop", LOG_LEVEL_WARNING);
     unsigned int nSeed = static_cast<unsigned int>(time(nullptr));
     SCOPED_TRACE("seed " + std::to_string(nSeed));
     std::mt19937 rng(nSeed);
@@ -143,7 +139,6 @@ TEST(HostilePeers, RandomStreamsCloseOnlyTheirConnectionsAndTheLoopKeepsServing)
         server.Stop();
     }
     SetBrelRecvPacketMaxSize(0);
-    LogFile("");
 }
 
 } // namespace

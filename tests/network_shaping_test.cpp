@@ -1,7 +1,5 @@
-// Traffic shaping of a server loop: on a clock the test drives, the token
-// periods and the epoll masks that follow a token shortage; on the real
-// clock, a limited direction stays within its rate while the other one runs
-// at full speed.
+// Traffic shaping of a server loop: token periods and epoll masks on a driven clock; on the
+// real clock, a limited direction keeps its rate while the other runs at full speed.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -10,8 +8,6 @@
 #include <thread>
 #include <vector>
 
-#include "install_tree.h"
-#include "log.h"
 #include "loop_harness.h"
 #include "network/network_server.h"
 #include "tcp_peer.h"
@@ -22,8 +18,7 @@ using namespace agent_test;
 
 namespace {
 
-// The driven clock: frozen unless the test moves it, or moving one token
-// period at every reading.
+// The driven clock: frozen unless the test moves it, or moving one period at every reading.
 std::atomic<uint64_t> g_lClock{1000000};
 std::atomic<bool> g_bClockRuns{false};
 
@@ -43,18 +38,12 @@ protected:
 
     void SetUp() override
     {
-        LogFile(m_dir.Path("loop"));
-        LogLevel(LOG_LEVEL_DEBUG);
         g_bClockRuns = false;
         g_lClock = 1000000;
         m_events.Attach(m_server);
     }
 
-    void TearDown() override
-    {
-        m_server.Stop();
-        LogFile("");
-    }
+    void TearDown() override { m_server.Stop(); }
 
     // Starts the loop on the driven clock and connects one plain client.
     void StartWithClient()
@@ -67,17 +56,34 @@ protected:
         m_connect = m_events.Events(BREL_CONNECT_NEW_CLIENT)[0];
     }
 
+    // Ten packets of 500 bytes from the client.
+    void WriteTenPackets()
+    {
+        std::vector<unsigned char> stream;
+        for (int i = 0; i < 10; ++i) {
+            std::vector<unsigned char> packet = FramedPacket(496, static_cast<unsigned char>(i));
+            stream.insert(stream.end(), packet.begin(), packet.end());
+        }
+        ASSERT_TRUE(m_pClient->Write(stream));
+    }
+    // Waits (bounded) for n received packets, then makes sure no more come while the clock stands.
+    void ExpectReceivedSettles(size_t n)
+    {
+        EXPECT_TRUE(WaitUntil([&] { return m_rev.GetDataNum() == n; }, 5000)) << n;
+        SleepMs(200);
+        EXPECT_EQ(m_rev.GetDataNum(), n);
+    }
     long SocketMask() { return EpollMaskOf(m_connect.fd, m_connect.fd); }
     long SendBufferMask() { return EpollMaskOf(m_connect.fd, m_send.GetReadableFd()); }
-    // Bytes the client has in all once the flow has settled: waits (bounded)
-    // for nExpected, then makes sure nothing more comes while the clock stands.
+    // Bytes the client has in all once the flow settles: waits (bounded) for nExpected, then
+    // makes sure nothing more comes while the clock stands.
     size_t SettledBytes(size_t nExpected)
     {
         if (m_nReceived < nExpected) m_nReceived += m_pClient->ReadCount(nExpected - m_nReceived, 10000);
         return m_nReceived += m_pClient->ReadCount(1, 200);
     }
 
-    TempDir m_dir{"shaping_test_"};
+    TempLog m_log{"loop"};
     CDataBufferSTLDeque m_rev, m_send;
     CNetworkServerBrel m_server;
     LoopEventRecorder m_events;
@@ -121,22 +127,12 @@ TEST_F(ShapingTest, ReceivingMovesOneQuantumPerPeriodAndLeavesTheSetMeanwhile)
 {
     m_server.SetNetflowRecvSpeed(SPEED);
     StartWithClient();
-    std::vector<unsigned char> stream;
-    for (int i = 0; i < 10; ++i) {
-        std::vector<unsigned char> packet = FramedPacket(496, static_cast<unsigned char>(i));  // 500 bytes
-        stream.insert(stream.end(), packet.begin(), packet.end());
-    }
-    ASSERT_TRUE(m_pClient->Write(stream));
-
-    auto Received = [&] { return m_rev.GetDataNum(); };
+    WriteTenPackets();
     // Two packets a period; nothing pending to send, so the socket leaves the set entirely.
-    EXPECT_TRUE(WaitUntil([&] { return Received() == 2 && SocketMask() == 0; }, 5000));
-    SleepMs(200);
-    EXPECT_EQ(Received(), 2u);
+    EXPECT_TRUE(WaitUntil([&] { return m_rev.GetDataNum() == 2 && SocketMask() == 0; }, 5000));
+    ExpectReceivedSettles(2);
     g_lClock += 50;
-    EXPECT_TRUE(WaitUntil([&] { return Received() == 4; }, 5000));
-    SleepMs(200);
-    EXPECT_EQ(Received(), 4u);
+    ExpectReceivedSettles(4);
     // A connection that comes in meanwhile is taken in with mask 0.
     PlainClient late(m_nPort);
     ASSERT_TRUE(m_events.WaitCount(BREL_CONNECT_NEW_CLIENT, 2, 3000));
@@ -144,12 +140,10 @@ TEST_F(ShapingTest, ReceivingMovesOneQuantumPerPeriodAndLeavesTheSetMeanwhile)
     EXPECT_EQ(EpollMaskOf(m_connect.fd, lateEvent.fd), 0);
     // A refill assigns one quantum rather than adding: idle periods earn nothing.
     g_lClock += 150;
-    EXPECT_TRUE(WaitUntil([&] { return Received() == 6; }, 5000));
-    SleepMs(200);
-    EXPECT_EQ(Received(), 6u);
+    ExpectReceivedSettles(6);
     for (unsigned int n = 8; n <= 10; n += 2) {
         g_lClock += 50;
-        EXPECT_TRUE(WaitUntil([&] { return Received() == n; }, 5000)) << n;
+        EXPECT_TRUE(WaitUntil([&] { return m_rev.GetDataNum() == n; }, 5000)) << n;
     }
     // The stream is whole and in order.
     for (int i = 0; i < 10; ++i) {
@@ -170,12 +164,7 @@ TEST_F(ShapingTest, BothDirectionsOutTakeTheSocketOutEntirely)
     m_server.SetNetflowSendSpeed(SPEED);
     m_server.SetNetflowRecvSpeed(SPEED);
     StartWithClient();
-    std::vector<unsigned char> stream;
-    for (int i = 0; i < 10; ++i) {
-        std::vector<unsigned char> packet = FramedPacket(496, static_cast<unsigned char>(i));
-        stream.insert(stream.end(), packet.begin(), packet.end());
-    }
-    ASSERT_TRUE(m_pClient->Write(stream));
+    WriteTenPackets();
     PushTo(m_send, m_connect.nConnectId, FramedPacket(4996, 1));
     EXPECT_TRUE(WaitUntil([&] { return m_rev.GetDataNum() == 2; }, 5000));
     EXPECT_EQ(SettledBytes(QUANTUM), QUANTUM);
@@ -197,9 +186,7 @@ TEST_F(ShapingTest, QueuedBlocksGoOutWhenTokensReturnAtOnce)
     // Three blocks of 600 bytes wait while the clock stands still.
     for (int i = 0; i < 3; ++i) PushTo(m_send, m_connect.nConnectId, FramedPacket(596, static_cast<unsigned char>(i)));
     EXPECT_TRUE(WaitUntil([&] { return SendBufferMask() == 0; }, 5000));
-    // From now on every look at the clock finds a new period: the second block
-    // runs short after 400 bytes, the next refill comes at once, and the third
-    // block must follow without another push.
+    // Every look at the clock finds a new period: the third block must follow without a push.
     g_bClockRuns = true;
     EXPECT_EQ(m_pClient->ReadCount(1800, 10000), 1800u);
 }

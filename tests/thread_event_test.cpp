@@ -1,3 +1,4 @@
+// Threads that start, stop and wait for wake-ups, and the pipe event behind the waits.
 #include "thread.h"
 
 #include <gtest/gtest.h>
@@ -99,7 +100,7 @@ TEST(Thread, MilliSecondsUntilADeadlineOfWholeSeconds)
     for (const Case& c : cases) EXPECT_EQ(MilliSecondsUntil(c.tDeadline, c.lNowMs, c.nMax), c.nWait) << c.lNowMs;
 }
 
-TEST(Event, SignalClearAndPoll)
+TEST(Event, SignalClearPollAndWaitAcrossThreads)
 {
     CEvent event;
     EXPECT_EQ(event.SetEvent(), EBADF);  // not initialised
@@ -117,12 +118,8 @@ TEST(Event, SignalClearAndPoll)
     EXPECT_EQ(event.WaitForSingleObject(0), 1);
     EXPECT_EQ(event.SelectPipe(0), 0);  // one wait undid both sets
     event.ClearEvent();                 // empty pipe: returns at once
-}
 
-TEST(Event, FullPipeStaysSignalledAndOneClearEmptiesIt)
-{
-    CEvent event;
-    ASSERT_EQ(event.Init(), 0);
+    // A full pipe stays signalled, and one clear empties it.
     for (int i = 0; i < 70000; ++i) ASSERT_EQ(event.SetEvent(), 0);
     EXPECT_EQ(event.SelectPipe(0), 1);
     event.ClearEvent();
@@ -132,12 +129,7 @@ TEST(Event, FullPipeStaysSignalledAndOneClearEmptiesIt)
     for (int i = 0; i < 512; ++i) event.SetEvent();
     event.ClearEvent();
     EXPECT_EQ(event.SelectPipe(0), 0);
-}
 
-TEST(Event, WakesAWaiterInAnotherThreadAndTimesOut)
-{
-    CEvent event;
-    ASSERT_EQ(event.Init(), 0);
     uint64_t lStart = GetNowMilliSecond();
     EXPECT_EQ(event.WaitForSingleObject(50), 0);
     EXPECT_GE(GetNowMilliSecond() - lStart, 45u);

@@ -2,50 +2,30 @@
 // running server loop whose packets are echoed back. The loop must close the
 // connection after the peer's half-close (or earlier, on a broken stream),
 // within a bound, without crashing or leaking, and keep serving afterwards.
-#include <arpa/inet.h>
 #include <errno.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <string>
-#include <thread>
-
-#include "data_buffer.h"
-#include "log.h"
-#include "network/network_server.h"
+#include "loop_harness.h"
 
 namespace {
 
+// Lives as long as the process: libFuzzer ends it with exit.
 struct Loop {
     brel_lib::CDataBufferSTLDeque rev{true, 0};
     brel_lib::CDataBufferSTLDeque send{false, 0};
     brel_lib::CNetworkServerBrel server{rev, send, 4096};
     unsigned short nPort = 0;
-    std::thread echo;
+    agent_test::EchoThread* pEcho = nullptr;
 
     Loop()
     {
         brel_lib::LogLevel(brel_lib::LOG_LEVEL_NONE);
-        std::string strIp;
-        if (server.CreateServer("127.0.0.1", 0) != 0 || server.GetListenIpPort(strIp, nPort) != 0) __builtin_trap();
-        server.Start();
-        // Lives as long as the process: libFuzzer ends it with exit.
-        echo = std::thread([this] {
-            while (true) {
-                unsigned int nSize = 0, nSpeed = 0;
-                int nAppend = 0;
-                void* p = rev.GetFrontAndPop3(nSize, nSpeed, nAppend, 100);
-                if (p == nullptr) continue;
-                send.Push2(p, nSize, nAppend, brel_lib::BREL_DATA_NORMAL_PRI);
-                brel_lib::CDataBufferSTLDeque::FreePopData(p);
-            }
-        });
-        echo.detach();
+        if ((nPort = agent_test::StartOnLoopback(server)) == 0) __builtin_trap();
+        pEcho = new agent_test::EchoThread(rev, send);
     }
 };
 
@@ -61,10 +41,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t nSize)
 {
     Loop& loop = TheLoop();
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(loop.nPort);
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in addr = agent_test::LoopbackAddr(loop.nPort);
     // Thousands of connections a second can run this host out of ports for a moment: that is
     // the harness's limit, not the loop's, so such an input is tried again and then skipped.
     int nTry = 0;

@@ -17,31 +17,17 @@
 
 namespace {
 
-bool WriteSeed(const std::string& strPath, int nSelector, const char* pData, size_t nLen)
+// The bytes behind the selector byte (none when negative); false on no bytes or a failed write.
+bool WriteBytes(const std::string& strPath, int nSelector, const std::vector<unsigned char>& bytes)
 {
-    FILE* fp = fopen(strPath.c_str(), "wb");
+    FILE* fp = bytes.empty() ? nullptr : fopen(strPath.c_str(), "wb");
     if (fp == nullptr) {
         perror(strPath.c_str());
         return false;
     }
-    bool bOk = true;
-    if (nSelector >= 0) bOk = fputc(nSelector, fp) != EOF;
-    bOk = bOk && fwrite(pData, 1, nLen, fp) == nLen;
+    bool bOk = nSelector < 0 || fputc(nSelector, fp) != EOF;
+    bOk = bOk && fwrite(bytes.data(), 1, bytes.size(), fp) == bytes.size();
     return fclose(fp) == 0 && bOk;
-}
-
-template <class T>
-bool WriteValue(const std::string& strPath, int nSelector, T& value)
-{
-    brel_lib::CPacketBuffer block("SeedGen", 0);
-    unsigned int nSize = 0;
-    char* pOut = block.PacketObjToBuffer(nSize, value);
-    return pOut != nullptr && WriteSeed(strPath, nSelector, pOut, nSize);
-}
-
-bool WriteBytes(const std::string& strPath, int nSelector, const std::vector<unsigned char>& bytes)
-{
-    return WriteSeed(strPath, nSelector, reinterpret_cast<const char*>(bytes.data()), bytes.size());
 }
 
 template <class T>
@@ -49,7 +35,8 @@ bool WriteRecord(const std::string& strDir, const char* szName, int nSelector)
 {
     T value;
     unsigned int nSeed = 5;
-    return agent_test::FillSample(value, nSeed, false) && WriteValue(strDir + "/" + szName, nSelector, value);
+    return agent_test::FillSample(value, nSeed, false) &&
+           WriteBytes(strDir + "/" + szName, nSelector, agent_test::Encoded(value));
 }
 
 } // namespace
@@ -75,7 +62,7 @@ int main(int argc, char** argv)
             unsigned int nSeed = static_cast<unsigned int>(cid);
             if (!agent_test::FillSample(*packet.body->Select(cid), nSeed, bEmpty)) return 1;
             std::string strName = std::string(bEmpty ? "empty_" : "") + packet.body->AltName(cid);
-            if (!WriteValue(strDir + "/" + strName, nPacket, packet)) return 1;
+            if (!WriteBytes(strDir + "/" + strName, nPacket, agent_test::Encoded(packet))) return 1;
             ++nWritten;
         }
     }

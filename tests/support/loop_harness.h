@@ -1,7 +1,5 @@
-// Helpers for the tests of the multi-connection loops: a recorder of
-// connection events, a plain blocking client socket, an echo thread for a
-// server loop, and the masks an epoll set of this process holds, read from
-// /proc. Every wait is bounded.
+// Helpers for the tests of the multi-connection loops: an event recorder, a plain client,
+// an echo thread, and the epoll masks of this process read from /proc. Every wait is bounded.
 #pragma once
 
 #include <arpa/inet.h>
@@ -27,6 +25,7 @@
 
 #include "data_buffer.h"
 #include "install_tree.h"
+#include "log.h"
 #include "network/socket.h"
 #include "network/network_multi.h"
 #include "network/network_server.h"
@@ -62,18 +61,11 @@ public:
         pThis->m_vecEvents.push_back(ev);
     }
 
-    int Count(brel_lib::BREL_NET_CALLBACK_TYPE type) const
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        int n = 0;
-        for (const LoopEvent& ev : m_vecEvents) n += ev.type == type;
-        return n;
-    }
+    int Count(brel_lib::BREL_NET_CALLBACK_TYPE type) const { return static_cast<int>(Events(type).size()); }
     int CountFor(unsigned int nConnectId, brel_lib::BREL_NET_CALLBACK_TYPE type) const
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
         int n = 0;
-        for (const LoopEvent& ev : m_vecEvents) n += ev.type == type && ev.nConnectId == nConnectId;
+        for (const LoopEvent& ev : Events(type)) n += ev.nConnectId == nConnectId;
         return n;
     }
     bool WaitCount(brel_lib::BREL_NET_CALLBACK_TYPE type, int n, int nTimeoutMs) const
@@ -148,6 +140,23 @@ inline int CountOf(const std::string& strText, const std::string& strNeedle)
     for (size_t nPos = strText.find(strNeedle); nPos != std::string::npos; nPos = strText.find(strNeedle, nPos + 1)) ++n;
     return n;
 }
+
+// The process log sent to NAME.log in a temporary directory while the object lives.
+class TempLog {
+public:
+    explicit TempLog(const std::string& strName, unsigned int nLevel = brel_lib::LOG_LEVEL_DEBUG)
+        : m_strPath(m_dir.Path(strName + ".log"))
+    {
+        brel_lib::LogFile(m_dir.Path(strName));
+        brel_lib::LogLevel(nLevel);
+    }
+    ~TempLog() { brel_lib::LogFile(""); }
+    int Count(const std::string& strText) const { return CountOf(ReadFile(m_strPath), strText); }
+
+private:
+    TempDir m_dir{"loop_log_"};
+    std::string m_strPath;
+};
 
 // A listener whose accept queue is full: later SYNs are dropped, so a connect
 // to it neither succeeds nor fails until its own time limit.
@@ -289,10 +298,7 @@ public:
               while (m_bRun) {
                   int nAppend = 0;
                   std::vector<unsigned char> packet;
-                  if (TakePacket(revBuffer, 50, nAppend, packet)) {
-                      PushTo(sendBuffer, static_cast<unsigned int>(nAppend), packet);
-                      ++m_nEchoed;
-                  }
+                  if (TakePacket(revBuffer, 50, nAppend, packet)) PushTo(sendBuffer, static_cast<unsigned int>(nAppend), packet);
               }
           })
     {
@@ -302,65 +308,49 @@ public:
         m_bRun = false;
         m_thread.join();
     }
-    unsigned long Echoed() const { return m_nEchoed; }
 
 private:
     std::atomic<bool> m_bRun{true};
-    std::atomic<unsigned long> m_nEchoed{0};
     std::thread m_thread;
 };
 
-// The registered masks (EPOLLIN and EPOLLOUT bits only) of every descriptor in
-// the epoll set of this process that holds fdMember; empty if none does.
-inline std::map<int, uint32_t> EpollMasksWith(int fdMember)
+// The open descriptors of this process.
+inline std::vector<int> OpenFds()
 {
-    std::map<int, uint32_t> mapMasks;
-    DIR* pDir = opendir("/proc/self/fd");
-    if (pDir == nullptr) return mapMasks;
     std::vector<int> vecFd;
+    DIR* pDir = opendir("/proc/self/fd");
+    if (pDir == nullptr) return vecFd;
     while (dirent* pEntry = readdir(pDir)) {
-        if (pEntry->d_name[0] != '.') vecFd.push_back(atoi(pEntry->d_name));
+        if (pEntry->d_name[0] != '.' && atoi(pEntry->d_name) != dirfd(pDir)) vecFd.push_back(atoi(pEntry->d_name));
     }
     closedir(pDir);
-    for (int fd : vecFd) {
+    return vecFd;
+}
+
+inline int CountOpenFds() { return static_cast<int>(OpenFds().size()); }
+
+// The registered mask (EPOLLIN and EPOLLOUT bits only) of fd in the epoll set of this
+// process that holds fdMember; -1 if not found.
+inline long EpollMaskOf(int fdMember, int fd)
+{
+    for (int fdSet : OpenFds()) {
         char szLink[256] = {0};
-        std::string strPath = "/proc/self/fd/" + std::to_string(fd);
-        ssize_t n = readlink(strPath.c_str(), szLink, sizeof(szLink) - 1);
-        if (n <= 0 || std::string(szLink) != "anon_inode:[eventpoll]") continue;
-        std::ifstream in("/proc/self/fdinfo/" + std::to_string(fd));
+        std::string strPath = "/proc/self/fd/" + std::to_string(fdSet);
+        if (readlink(strPath.c_str(), szLink, sizeof(szLink) - 1) <= 0 || std::string(szLink) != "anon_inode:[eventpoll]") continue;
+        std::ifstream in("/proc/self/fdinfo/" + std::to_string(fdSet));
         std::map<int, uint32_t> mapSet;
         std::string strLine;
         while (std::getline(in, strLine)) {
             if (strLine.compare(0, 4, "tfd:") != 0) continue;
             std::istringstream line(strLine);
-            std::string strTag, strEventsTag;
+            std::string strTag, strEventsTag, strEvents;
             int nTfd = -1;
-            std::string strEvents;
             line >> strTag >> nTfd >> strEventsTag >> strEvents;
             mapSet[nTfd] = static_cast<uint32_t>(std::stoul(strEvents, nullptr, 16)) & (EPOLLIN | EPOLLOUT);
         }
-        if (mapSet.count(fdMember) != 0) return mapSet;
+        if (mapSet.count(fdMember) != 0) return mapSet.count(fd) != 0 ? static_cast<long>(mapSet[fd]) : -1;
     }
-    return mapMasks;
-}
-
-// The mask of fd in the epoll set that holds fdMember; -1 if not found.
-inline long EpollMaskOf(int fdMember, int fd)
-{
-    std::map<int, uint32_t> mapSet = EpollMasksWith(fdMember);
-    auto it = mapSet.find(fd);
-    return it == mapSet.end() ? -1 : static_cast<long>(it->second);
-}
-
-// Open descriptors of this process.
-inline int CountOpenFds()
-{
-    DIR* pDir = opendir("/proc/self/fd");
-    if (pDir == nullptr) return -1;
-    int n = 0;
-    while (dirent* pEntry = readdir(pDir)) n += pEntry->d_name[0] != '.';
-    closedir(pDir);
-    return n - 1;  // the directory's own descriptor
+    return -1;
 }
 
 } // namespace agent_test

@@ -4,12 +4,30 @@
 #pragma once
 
 #include <initializer_list>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "zik_pkt.h"
 
 namespace agent_test {
+
+// A value's bytes as a sender encodes them, in its growing block; empty on failure.
+template <class T>
+std::vector<unsigned char> Encoded(T& value)
+{
+    brel_lib::CPacketBuffer block("Test", 0);
+    unsigned int nSize = 0;
+    char* p = block.PacketObjToBuffer(nSize, value);
+    return p == nullptr ? std::vector<unsigned char>() : std::vector<unsigned char>(p, p + nSize);
+}
+
+inline std::string Printed(const AsnType& value)
+{
+    std::ostringstream os;
+    value.Print(os);
+    return os.str();
+}
 
 // Fills any value of the catalogue: numbers and strings from a seed, lists
 // with two elements, CHOICEs with the alternative the seed picks. With

@@ -24,7 +24,6 @@ const unsigned int CLIENT_RECEIVE_BUF_SIZE = 4096;
 const unsigned short DEFAULT_BIND_PORT = 65010;
 // Blocks taken from each queue in one pass; the timers run in between.
 const int TAKE_MAX = 499;
-const int WAIT_MILLISECOND = 200;
 // Works are checked for expiry after more than this many seconds.
 const time_t AUTO_DELETE_SECOND = 9;
 // The sums of files are looked over after more than this many seconds, and
