@@ -1,18 +1,15 @@
-// The fault matrix: a file pulled by a real destination agent while the test
-// breaks something at a chosen moment of the pull: it kills, stalls or
-// restarts the source agent, cuts the network between the two agents (the
-// source in a network namespace of the test's own, joined by a veth pair whose
-// link goes down and up), fills the destination's disk (a small tmpfs), or
-// puts in place of the source a peer that answers with bad digests, wrong
-// positions or noise. Every work has a time limit. Each cell must end, within
-// that limit and some slack, with ret 0 and a byte-identical file or with a
-// failure code; never ret 0 with another file, and never 0 after a bad digest
-// (342) or on a full disk (321, or 322 for a block that half fits).
+// The fault matrix: a real destination agent pulls a file while the test breaks
+// something at a chosen moment: it kills, stalls or restarts the source agent,
+// cuts the veth link to a network namespace the source runs in, fills the
+// destination's small tmpfs, or puts in place of the source a peer that sends bad
+// digests, wrong positions or noise. Each cell must end within the work's time
+// limit and some slack, with ret 0 and a byte-identical file or with a failure
+// code; never 0 with another file, nor after a bad digest (342) or on a full disk
+// (321, or 322 for a block that half fits).
 //
-// One test per cell (fault x moment). Run as it stands it is the short matrix
-// of CI; tools/fault_matrix.sh runs the same program long: FAULT_MATRIX_LONG=1
-// adds moments and holds, FAULT_MATRIX_MIB sets the file size. Each cell
-// prints a line "FAULT-CELL name ret=.. file=.. seconds=.." for the table.
+// One test per cell (fault x moment): the short matrix of CI. tools/fault_matrix.sh
+// runs it long (FAULT_MATRIX_LONG=1 adds moments and holds, FAULT_MATRIX_MIB sets
+// the size); each cell prints "FAULT-CELL name ret=.. file=.. seconds=..".
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -31,14 +28,6 @@
 using namespace agent_test;
 
 namespace {
-
-// Sanitized agents are slower; their matrix leaves out the cells that only
-// repeat others with a longer hold, and the restart of the source.
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-const bool kSanitized = true;
-#else
-const bool kSanitized = false;
-#endif
 
 bool LongRun() { return getenv("FAULT_MATRIX_LONG") != nullptr; }
 
@@ -116,7 +105,7 @@ std::vector<Cell> Cells()
         {Fault::BadDigest, Moment::Before, 0},     {Fault::BadDigest, Moment::Mid, 0},
         {Fault::WrongPosition, Moment::Mid, 0},    {Fault::Noise, Moment::Mid, 0},
     };
-    if (!kSanitized) {
+    if (!kSanitized) {  // cells that only repeat others with a longer hold, and the restart
         vec.push_back({Fault::RestartSource, Moment::Mid, 0});
         vec.push_back({Fault::ForgetfulSource, Moment::Mid, 0});
         vec.push_back({Fault::StallSource, Moment::Mid, 12000});
@@ -141,9 +130,8 @@ std::vector<Cell> Cells()
 
 int Shell(const std::string& strCmd) { return system((strCmd + " >/dev/null 2>&1").c_str()); }
 
-// A network namespace with a veth pair into it: the root end and the
-// namespace's end each with an address of a /30 taken from the pid, so that
-// tests running side by side don't meet. Removed with the namespace.
+// A network namespace with a veth pair into it, the two ends on a /30 taken from
+// the pid so that tests side by side don't meet.
 class VethPair {
 public:
     VethPair()
@@ -181,10 +169,9 @@ private:
     bool m_bOk = false;
 };
 
-// A file source that answers the destination's gets from the content it
-// holds, and misbehaves from a position on as the fault says: a block with a
-// digest that does not fit it, blocks at the wrong position, or once a burst
-// of noise on the connection (after which it answers well again).
+// A file source that answers gets from its content and misbehaves from a position
+// on: a digest that does not fit, blocks at the wrong position, or once a burst of
+// noise (after which it answers well again).
 class FakeSource {
 public:
     FakeSource(const std::string& strContent, Fault fault, unsigned long long lFrom)
@@ -247,12 +234,6 @@ private:
     std::thread m_thread;  // last: it starts when everything above is there
 };
 
-off_t SizeOf(const std::string& strPath)
-{
-    struct stat st;
-    return stat(strPath.c_str(), &st) == 0 ? st.st_size : -1;
-}
-
 // Writes into the file until the disk is full.
 void FillUp(const std::string& strPath)
 {
@@ -275,9 +256,8 @@ protected:
         if (IsSkipped()) return;
         m_cell = GetParam();
         m_lBytes = FileBytes();
-        // Short timers, small fixed requests and a receive limit that makes
-        // the pull last some 1.5 s (4 s in the long run), so that a moment
-        // can be met; the sweep runs every 5 s whatever the settings.
+        // Short timers, small fixed requests and a rate that makes the pull last
+        // some 1.5 s (4 s long), so that a moment can be met.
         unsigned long long lRate = m_lBytes * 2 / (LongRun() ? 8 : 3);
         std::map<std::string, std::string> settings = {
             {"connect_timeout_second", "2"},
@@ -313,8 +293,8 @@ protected:
         m_pVeth.reset();
     }
 
-    // The destination writes into a tmpfs of twice the file's size, mounted
-    // in a mount namespace of its own; the test reaches it through /proc.
+    // The destination writes into a tmpfs of twice the file's size in a mount
+    // namespace of its own; the test reaches it through /proc.
     void PrepareSmallDisk()
     {
         std::string strDir = Tree().Path("disk");
@@ -330,8 +310,7 @@ protected:
         return m_cell.fault == Fault::FillDisk ? "/proc/" + std::to_string(m_nDstPid) + "/root" + m_strDst : m_strDst;
     }
 
-    // The source agent in a namespace of its own, its work server on the root
-    // end of the veth pair.
+    // The source agent in a network namespace, its work server on the root end.
     bool PrepareNetwork()
     {
         m_pVeth = std::make_unique<VethPair>();
@@ -391,8 +370,8 @@ protected:
         m_bStopped = m_bCut = false;
     }
 
-    // A new source agent in the same tree, which offers the file again under
-    // the same work id if asked; its port search finds the old one's port.
+    // A new source agent in the same tree, which offers the file again under the
+    // same work id if asked (its port search finds the old port).
     void Restart(bool bOffer)
     {
         size_t nBeats = static_cast<size_t>(SrcServer().Count(Zik::reqWorkAgentHeartbeatCid));
@@ -403,8 +382,7 @@ protected:
         }
     }
 
-    // Starts the work and breaks the pull at the cell's moment; the ret of
-    // the final report, -1 if none came in time.
+    // Starts the work and breaks the pull at the cell's moment; the final ret, -1 if none in time.
     int RunCell()
     {
         unsigned short nPort = m_pFake ? m_pFake->Port() : Offer(WORK, m_strSrc);
@@ -416,7 +394,7 @@ protected:
         SendSetAction(WORK);
         if (m_cell.moment != Moment::Before) {
             off_t lAt = static_cast<off_t>(m_lBytes * MomentShare(m_cell.moment));
-            if (!WaitUntil([&] { return SizeOf(DstSeen()) >= lAt; }, 20000)) m_strNote = " (moment not met)";
+            if (!WaitUntil([&] { return FileSize(DstSeen()) >= lAt; }, 20000)) m_strNote = " (moment not met)";
             Apply();
         }
         RspWorkFileDstQuery result;
@@ -452,7 +430,7 @@ TEST_P(FaultMatrix, EndsWithTheSameFileAndZeroOrWithAFailureCode)
     int ret = RunCell();
     double dSeconds = static_cast<double>(SteadyMs() - lStart) / 1000;
     bool bSame = ret >= 0 && SameFile(m_strSrc, DstSeen());
-    const char* szFile = bSame ? "identical" : (SizeOf(DstSeen()) < 0 ? "missing" : "differs");
+    const char* szFile = bSame ? "identical" : (FileSize(DstSeen()) < 0 ? "missing" : "differs");
     std::string strViolation = Violation(m_cell, ret, bSame, dSeconds, LimitSecond());
     printf("FAULT-CELL %s ret=%d file=%s seconds=%.1f verdict=%s%s\n", CellName(m_cell).c_str(), ret, szFile,
            dSeconds, strViolation.empty() ? "ok" : "VIOLATION", m_strNote.c_str());

@@ -60,6 +60,12 @@ std::string ReadFile(const std::string& strPath)
     return ss.str();
 }
 
+long long FileSize(const std::string& strPath)
+{
+    struct stat st;
+    return stat(strPath.c_str(), &st) == 0 ? static_cast<long long>(st.st_size) : -1;
+}
+
 void WriteFile(const std::string& strPath, const std::string& strText)
 {
     std::ofstream file(strPath, std::ios::binary | std::ios::trunc);

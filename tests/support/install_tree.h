@@ -82,7 +82,16 @@ private:
     int m_nLastStatus = 0;
 };
 
+// Sanitized agents are many times slower: tests shrink or leave out their largest cases there.
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+
 std::string ReadFile(const std::string& strPath);
+// The file's size; -1 when it is missing.
+long long FileSize(const std::string& strPath);
 void WriteFile(const std::string& strPath, const std::string& strText);
 void SleepMs(int nMs);
 // Milliseconds of the monotonic clock.
