@@ -295,20 +295,12 @@ TEST_F(AgentSession, ReloadAppliesANewAgentIdAndUnknownPacketsAreDumpedToStandar
     kill(pid, SIGUSR1);
     ASSERT_TRUE(Tree().WaitForLog("main(receive signusr1, we will reload cfg)", 3000));
     ReqWorkAgentInfo info;
-    ASSERT_TRUE(WaitUntil(
-        [&] {
-            Server().Send(info, 1);
-            SleepMs(200);
-            for (const auto& r : Server().Packets()) {
-                RspWorkAgentInfo rsp;
-                if (DecodeBody(r, rsp) && rsp.agentInfo.get() != nullptr &&
-                    static_cast<unsigned int>(rsp.agentInfo->agentId.value) == brel_lib::IpStringToInt("4.3.2.1")) {
-                    return true;
-                }
-            }
-            return false;
-        },
-        5000));
+    RspWorkAgentInfo rsp;
+    auto newId = [](const RspWorkAgentInfo& m) {
+        return m.agentInfo.get() != nullptr &&
+               static_cast<unsigned int>(m.agentInfo->agentId.value) == brel_lib::IpStringToInt("4.3.2.1");
+    };
+    ASSERT_TRUE(WaitUntil([&] { Server().Send(info, 1); return Server().WaitMessage(rsp, newId, 200); }, 5000));
     Stop(pid);
 }
 
