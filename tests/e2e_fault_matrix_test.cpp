@@ -143,15 +143,14 @@ public:
         std::string strNet = "10.213." + std::to_string(nPid / 64) + ".";
         m_strRootIp = strNet + std::to_string((nPid % 64) * 4 + 1);
         m_strNsIp = strNet + std::to_string((nPid % 64) * 4 + 2);
-        std::string strNsLink = "fms" + strTag;
-        m_bOk = Shell("ip netns add " + m_strNs) == 0;
-        m_bOk = m_bOk && Shell("ip link add " + m_strRootLink + " type veth peer name " + strNsLink) == 0 &&
-                Shell("ip link set " + strNsLink + " netns " + m_strNs) == 0 &&
-                Shell("ip addr add " + m_strRootIp + "/30 dev " + m_strRootLink) == 0 &&
-                Shell("ip link set " + m_strRootLink + " up") == 0 &&
-                Shell("ip -n " + m_strNs + " addr add " + m_strNsIp + "/30 dev " + strNsLink) == 0 &&
-                Shell("ip -n " + m_strNs + " link set " + strNsLink + " up") == 0 &&
-                Shell("ip -n " + m_strNs + " link set lo up") == 0;
+        std::string strNsLink = "fms" + strTag, strIn = "ip -n " + m_strNs + " ";
+        m_bOk = true;
+        for (const std::string& strCmd :
+             {"ip netns add " + m_strNs, "ip link add " + m_strRootLink + " type veth peer name " + strNsLink,
+              "ip link set " + strNsLink + " netns " + m_strNs, "ip addr add " + m_strRootIp + "/30 dev " + m_strRootLink,
+              "ip link set " + m_strRootLink + " up", strIn + "addr add " + m_strNsIp + "/30 dev " + strNsLink,
+              strIn + "link set " + strNsLink + " up", strIn + "link set lo up"})
+            m_bOk = m_bOk && Shell(strCmd) == 0;
     }
     ~VethPair()
     {
@@ -188,15 +187,12 @@ public:
 private:
     void Loop()
     {
-        size_t nSeen = 0;
-        while (!m_bStop) {
+        for (size_t nSeen = 0; !m_bStop;) {
             if (!m_server.WaitFor(Zik::reqWorkFileAgentGetCid, 50, nullptr, m_nGets + 1)) continue;
-            std::vector<TestWorkServer::Received> packets = m_server.Packets();
-            for (; nSeen < packets.size(); ++nSeen) {
-                ReqWorkFileAgentGet get;
-                if (!DecodeBody(packets[nSeen], get)) continue;
+            for (const auto& get : m_server.Messages<ReqWorkFileAgentGet>([](const auto&) { return true; }, nSeen)) {
                 ++m_nGets;
-                Answer(get);
+                nSeen = get.nIndex + 1;
+                Answer(get.msg);
             }
         }
     }

@@ -424,11 +424,7 @@ TEST_F(AgentFileSourceStart, AReloadWithPrintAgentInfoDumpsTheWorks)
     pid_t pid = StartAgent();
     std::string strPath = Tree().Path("data");
     WriteFile(strPath, "x");
-    ReqWorkFileSrcCreate req;
-    req.workId = 61;
-    req.srcFile.Set(strPath.data(), strPath.size());
-    ASSERT_TRUE(Server().Send(req, 3));
-    ASSERT_TRUE(Server().WaitFor(Zik::rspWorkFileSrcCreateCid, 5000));
+    ASSERT_NE(OfferFile(Server(), 61, strPath), 0);
     Tree().Config()["print_agent_info"] = "1";
     Tree().WriteConfig();
     kill(pid, SIGUSR1);

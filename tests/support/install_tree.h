@@ -6,8 +6,10 @@
 #include <stdint.h>
 #include <sys/types.h>
 
+#include <chrono>
 #include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace agent_test {
@@ -88,14 +90,22 @@ constexpr bool kSanitized = false;
 std::string ReadFile(const std::string& strPath);
 // The file's size; -1 when it is missing.
 long long FileSize(const std::string& strPath);
-void WriteFile(const std::string& strPath, const std::string& strText);
-void SleepMs(int nMs);
+inline void SleepMs(int nMs) { std::this_thread::sleep_for(std::chrono::milliseconds(nMs)); }
 // Milliseconds of the monotonic clock.
-int64_t SteadyMs();
+inline int64_t SteadyMs()
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
 // Polls a condition every 10 ms until it holds or the time is up.
 template <class F>
-bool WaitUntil(F condition, int nTimeoutMs);
+bool WaitUntil(F condition, int nTimeoutMs)
+{
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(nTimeoutMs);
+    for (;; SleepMs(10)) {
+        if (condition()) return true;
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+    }
+}
 
 } // namespace agent_test
-
-#include "install_tree_inl.h"
