@@ -462,9 +462,13 @@ int main()
     }
     SleepMs(nSettleMs);
     cmd.Poll();
+    // The heap first: gdb's visit dirties a few pages of the agent's own,
+    // which belong in both samples.
+    long lCmdHeapKiB = HeapInUseKiB(cmd.pid, cmd.tree.StdoutPath(), false);
+    long lSrcHeapKiB = HeapInUseKiB(src.pid, src.tree.StdoutPath(), false);
     Footprint cmdStart = Sample(cmd.pid), srcStart = Sample(src.pid);
-    cmdStart.lHeapKiB = HeapInUseKiB(cmd.pid, cmd.tree.StdoutPath(), false);
-    srcStart.lHeapKiB = HeapInUseKiB(src.pid, src.tree.StdoutPath(), false);
+    cmdStart.lHeapKiB = lCmdHeapKiB;
+    srcStart.lHeapKiB = lSrcHeapKiB;
     long lHeartbeatsStart = cmd.lHeartbeats;
 
     int64_t lBegin = SteadyMs();

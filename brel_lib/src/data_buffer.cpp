@@ -168,9 +168,8 @@ private:
         return pTrimmed;
     }
 
-    // The trimmed blocks came from the arenas of whichever threads pushed
-    // them; freed there, their pages would stay resident as those arenas' free
-    // space, so the heap is trimmed after them and the pages go to the system.
+    // Freed blocks below the heap's top would stay resident as free space,
+    // so the heap is trimmed after them and their pages go to the system.
     static void FreeList(SpareNode* pNode)
     {
         if (pNode == nullptr) return;

@@ -17,9 +17,9 @@ void CProcessCommon::ReqFileSrcCreate(ReqWorkFileSrcCreate* pReq, int nAppend)
 void CProcessCommon::ServeFileSrcCreate(ReqWorkFileSrcCreate* pReq, const std::string& strMd5, int nAppend)
 {
     unsigned int nWorkId = static_cast<unsigned int>(pReq->workId.value);
-    if (m_mapCreatedWorkId.count(nWorkId) != 0) return;
+    if (m_mapCreatedWorkId.Contains(nWorkId)) return;
     int ret = m_fileTransSvrManager.CreateTransSvr(pReq, strMd5, nAppend);
-    m_mapCreatedWorkId[nWorkId] = static_cast<long>(g_timeNow);
+    m_mapCreatedWorkId.Remember(nWorkId, static_cast<long>(g_timeNow));
     if (ret == 0) return;
     if (static_cast<unsigned int>(pReq->flag.value) & FILE_SVR_FLAG_CREATE2_REPLY) {
         SendFileSrcToServerCreate2Failed(ret, *pReq, nAppend);

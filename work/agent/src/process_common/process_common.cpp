@@ -271,12 +271,10 @@ void CProcessCommon::DealTimers(int& nGetNewWsLeft)
     PullBack(m_timePreSweepHistory, tNow);
     if (tNow - m_timePreSweepHistory > HISTORY_SWEEP_SECOND) {
         m_timePreSweepHistory = tNow;
-        size_t nBefore = m_mapCreatedWorkId.size() + m_mapDeletedWorkId.size();
-        SweepHistory(m_mapCreatedWorkId, tNow);
-        SweepHistory(m_mapDeletedWorkId, tNow);
-        // The maps hold every id of a sweep period, so a burst of requests leaves
-        // thousands of freed nodes: give their pages back rather than keep the peak.
-        if (m_mapCreatedWorkId.size() + m_mapDeletedWorkId.size() < nBefore) malloc_trim(0);
+        size_t nDropped = m_mapCreatedWorkId.Sweep(tNow, m_nWorkHistoryKeepSecond, HISTORY_MAX_ENTRIES);
+        nDropped += m_mapDeletedWorkId.Sweep(tNow, m_nWorkHistoryKeepSecond, HISTORY_MAX_ENTRIES);
+        // The maps hold every id of a sweep period: give the pages of a burst back.
+        if (nDropped > 0) malloc_trim(0);
     }
     g_fileTransCache.DealAutoDelete(tNow);
     if (m_metrics.Due(tNow)) WriteMetrics(tNow);
@@ -295,20 +293,6 @@ void CProcessCommon::WriteMetrics(time_t tNow)
     s.nServerRecvQueue = m_revDataBuffer.GetDataNum();
     s.nServerSendQueue = m_sendDataBuffer.GetDataNum();
     m_metrics.Write(FormatMetrics(s), tNow);
-}
-
-void CProcessCommon::SweepHistory(std::map<unsigned int, long>& mapHistory, time_t tNow)
-{
-    // Ascending work ids: an oversized map loses its lowest ids first.
-    for (auto it = mapHistory.begin(); it != mapHistory.end();) {
-        PullBack(it->second, static_cast<long>(tNow));
-        unsigned int nAge = static_cast<unsigned int>(tNow - it->second);
-        if (mapHistory.size() > HISTORY_MAX_ENTRIES || nAge >= m_nWorkHistoryKeepSecond) {
-            it = mapHistory.erase(it);
-        } else {
-            ++it;
-        }
-    }
 }
 
 void CProcessCommon::DealReq(char* pData, unsigned int nLength)
@@ -341,10 +325,10 @@ void CProcessCommon::NotServedYet(Zik& body, int)
 
 // A create or delete the server repeats (after a lost reply, say) is answered
 // as done, and does no harm.
-bool CProcessCommon::AnsweredFromHistory(const std::map<unsigned int, long>& mapHistory, unsigned int nWorkId,
+bool CProcessCommon::AnsweredFromHistory(const CWorkIdHistory& history, unsigned int nWorkId,
                                          const ReplyRoute& route, SendOkFn fnOk)
 {
-    if (mapHistory.count(nWorkId) == 0) return false;
+    if (!history.Contains(nWorkId)) return false;
     (this->*fnOk)(nWorkId, route);
     return true;
 }
@@ -362,9 +346,9 @@ void CProcessCommon::Answer(int nRet, unsigned int nWorkId, const ReplyRoute& ro
 
 // Answers the manager's result; only a success goes into the history.
 void CProcessCommon::AnswerAndRemember(int nRet, unsigned int nWorkId, const ReplyRoute& route,
-                                       std::map<unsigned int, long>& mapHistory, SendOkFn fnOk, SendFailedFn fnFailed)
+                                       CWorkIdHistory& history, SendOkFn fnOk, SendFailedFn fnFailed)
 {
-    if (nRet == 0) mapHistory[nWorkId] = static_cast<long>(g_timeNow);
+    if (nRet == 0) history.Remember(nWorkId, static_cast<long>(g_timeNow));
     Answer(nRet, nWorkId, route, fnOk, fnFailed);
 }
 

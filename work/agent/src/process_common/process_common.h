@@ -11,7 +11,6 @@
 #pragma once
 
 #include <atomic>
-#include <map>
 #include <string>
 
 #include "asn_parse.h"
@@ -25,6 +24,7 @@
 #include "network/network_client.h"
 #include "process_common/metrics_textfile.h"
 #include "process_common/session_keys.h"
+#include "process_common/work_id_history.h"
 #include "thread.h"
 #include "zik_pkt.h"
 
@@ -80,11 +80,11 @@ private:
     // Each answers on the route of its own request, passed along as a value.
     typedef void (CProcessCommon::*SendOkFn)(unsigned int nWorkId, const ReplyRoute& route);
     typedef void (CProcessCommon::*SendFailedFn)(int nRet, unsigned int nWorkId, const ReplyRoute& route);
-    bool AnsweredFromHistory(const std::map<unsigned int, long>& mapHistory, unsigned int nWorkId,
+    bool AnsweredFromHistory(const CWorkIdHistory& history, unsigned int nWorkId,
                              const ReplyRoute& route, SendOkFn fnOk);
     void Answer(int nRet, unsigned int nWorkId, const ReplyRoute& route, SendOkFn fnOk, SendFailedFn fnFailed);
     void AnswerAndRemember(int nRet, unsigned int nWorkId, const ReplyRoute& route,
-                           std::map<unsigned int, long>& mapHistory, SendOkFn fnOk, SendFailedFn fnFailed);
+                           CWorkIdHistory& history, SendOkFn fnOk, SendFailedFn fnFailed);
     void ReqCmdCreate(ReqWorkCmdCreate* pReq, int nAppend);
     void ReqCmdSetAction(ReqWorkCmdSetAction* pReq, int nAppend);
     void ReqCmdQuery(ReqWorkCmdQuery* pReq, int nAppend);
@@ -108,17 +108,17 @@ private:
     // fnServe is the manager's call, and only an accepted request is
     // remembered, so that a refused one may be tried again.
     template <class TReq, class FServe>
-    void ServeOnce(std::map<unsigned int, long>& mapHistory, TReq* pReq, int nAppend,
+    void ServeOnce(CWorkIdHistory& history, TReq* pReq, int nAppend,
                    void (CProcessCommon::*fnFailed)(int, const TReq&, int), FServe fnServe)
     {
         unsigned int nWorkId = static_cast<unsigned int>(pReq->workId.value);
-        if (mapHistory.count(nWorkId) != 0) return;
+        if (history.Contains(nWorkId)) return;
         int ret = fnServe();
         if (ret != 0) {
             (this->*fnFailed)(ret, *pReq, nAppend);
             return;
         }
-        mapHistory[nWorkId] = static_cast<long>(g_timeNow);
+        history.Remember(nWorkId, static_cast<long>(g_timeNow));
     }
 
     // File source requests (file_src_requests.cpp): a repeated create or
@@ -153,7 +153,6 @@ private:
     void DealTimers(int& nGetNewWsLeft);
     // The time the next timer of DealTimers comes due.
     time_t NextTimer();
-    void SweepHistory(std::map<unsigned int, long>& mapHistory, time_t tNow);
 
     // Heartbeat, agent info, exit notice and buffer shrink.
     void ReqHeartbeat();
@@ -248,8 +247,8 @@ private:
     time_t m_timePreAdjustBuf = 0;
     time_t m_timePreSweepHistory = 0;
     bool m_bHeartbeat = false;
-    std::map<unsigned int, long> m_mapCreatedWorkId;
-    std::map<unsigned int, long> m_mapDeletedWorkId;
+    CWorkIdHistory m_mapCreatedWorkId;
+    CWorkIdHistory m_mapDeletedWorkId;
     CSessionKeys m_sessionKeys;  // its settings are written by the main thread
     CMetricsTextfile m_metrics;  // its settings are written by the main thread
 };
