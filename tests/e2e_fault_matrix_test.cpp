@@ -41,20 +41,13 @@ unsigned long long FileBytes()
 
 // RestartSource offers the file again under the same work id; ForgetfulSource
 // restarts without that, so the source knows the work no more.
-enum class Fault {
-    KillSource,
-    RestartSource,
-    StallSource,
-    CutNetwork,
-    FillDisk,
-    BadDigest,
-    WrongPosition,
-    Noise,
-    ForgetfulSource
-};
+enum class Fault { KillSource, RestartSource, StallSource, CutNetwork, FillDisk, BadDigest, WrongPosition, Noise,
+                   ForgetfulSource };
 // Before: after the create is answered, before the start. The others: when
 // the destination file has reached that share of the size.
 enum class Moment { Before, Early, Mid, Late };
+const double kMomentShare[] = {0, 0.125, 0.5, 0.875};
+double MomentShare(Moment m) { return kMomentShare[static_cast<int>(m)]; }
 
 struct Cell {
     Fault fault;
@@ -62,31 +55,13 @@ struct Cell {
     int nHoldMs;  // how long a stall or a cut lasts
 };
 
-const char* FaultName(Fault f)
-{
-    static const char* const names[] = {"kill_source", "restart_source", "stall_source", "cut_network",
-                                        "fill_disk",   "bad_digest",     "wrong_position", "noise",
-                                        "forgetful_source"};
-    return names[static_cast<int>(f)];
-}
-
-const char* MomentName(Moment m)
-{
-    static const char* const names[] = {"before", "early", "mid", "late"};
-    return names[static_cast<int>(m)];
-}
-
-double MomentShare(Moment m)
-{
-    static const double shares[] = {0, 0.125, 0.5, 0.875};
-    return shares[static_cast<int>(m)];
-}
-
 std::string CellName(const Cell& c)
 {
-    std::string str = std::string(FaultName(c.fault)) + "_" + MomentName(c.moment);
-    if (c.nHoldMs > 0) str += "_hold" + std::to_string(c.nHoldMs / 1000) + "s";
-    return str;
+    static const char* const faults[] = {"kill_source", "restart_source", "stall_source", "cut_network", "fill_disk",
+                                         "bad_digest", "wrong_position", "noise", "forgetful_source"};
+    static const char* const moments[] = {"before", "early", "mid", "late"};
+    std::string str = std::string(faults[static_cast<int>(c.fault)]) + "_" + moments[static_cast<int>(c.moment)];
+    return c.nHoldMs > 0 ? str + "_hold" + std::to_string(c.nHoldMs / 1000) + "s" : str;
 }
 
 // What gtest prints for a cell, also in the names of the ctests.
