@@ -6,7 +6,7 @@
 
 #include <deque>
 
-#include "file_transfer_e2e.h"
+#include "agent_e2e.h"
 #include "proc_tree.h"
 #include "util.h"
 

@@ -17,11 +17,7 @@ namespace agent_test {
 // offers the file on, 0 on failure.
 unsigned short OfferFile(TestWorkServer& server, unsigned int nWorkId, const std::string& strPath, int nFlag = 0);
 
-// Accepts the messages of one work, and of them the final reports (status 2).
-inline auto OfWork(unsigned int nWorkId)
-{
-    return [nWorkId](const auto& m) { return static_cast<unsigned int>(m.workId.value) == nWorkId; };
-}
+// Accepts the final reports (status 2) of one work.
 inline auto ResultOf(unsigned int nWorkId)
 {
     return [nWorkId](const RspWorkFileDstQuery& m) { return OfWork(nWorkId)(m) && m.status.value == 2; };

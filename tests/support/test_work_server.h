@@ -147,6 +147,12 @@ bool TestWorkServer::WaitMessage(T& out, F accept, int nTimeoutMs, size_t nFrom,
     return true;
 }
 
+// Accepts the messages of one work, for Messages and WaitMessage.
+inline auto OfWork(unsigned int nWorkId)
+{
+    return [nWorkId](const auto& m) { return static_cast<unsigned int>(m.workId.value) == nWorkId; };
+}
+
 // The end of a transfer as a work server does it: the destination's work is
 // deleted (append 4), then the source's (append 5), each through its agent's server.
 inline void DeleteTransferWorks(TestWorkServer& dst, unsigned int nDstWorkId, TestWorkServer& src,
