@@ -4,7 +4,7 @@
 #include <pwd.h>
 #include <signal.h>
 
-#include <functional>
+#include <deque>
 
 #include "agent_e2e.h"
 #include "proc_tree.h"
@@ -27,125 +27,81 @@ protected:
         Server().SetAnswerHeartbeats(true);
     }
 
-    // Waits for a message of type T that the predicate accepts, among the
-    // packets that arrived after index nFrom; false on timeout.
-    template <class T>
-    bool WaitMessage(T& out, const std::function<bool(const T&)>& accept, int nTimeoutMs, size_t nFrom = 0,
-                     int* pAppend = nullptr)
+    // Sends the request routed from the server and waits for the reply of the work; false on timeout.
+    template <class TReq, class TRsp>
+    bool Ask(TReq& req, unsigned int nWorkId, int nAppend, TRsp& rsp, int nTimeoutMs = 5000, int* pAppend = nullptr)
     {
-        return WaitUntil(
-            [&] {
-                std::vector<TestWorkServer::Received> packets = Server().Packets();
-                for (size_t i = nFrom; i < packets.size(); ++i) {
-                    if (packets[i].nChoiceId != ZikChoiceOf<T>::value) continue;
-                    T msg;
-                    if (DecodeBody(packets[i], msg) && accept(msg)) {
-                        out = msg;
-                        if (pAppend != nullptr) *pAppend = packets[i].nAppend;
-                        return true;
-                    }
-                }
-                return false;
-            },
-            nTimeoutMs);
-    }
-
-    template <class T>
-    bool Reply(T& out, unsigned int nWorkId, int nTimeoutMs = 5000, int* pAppend = nullptr)
-    {
-        return WaitMessage<T>(out, [&](const T& m) { return static_cast<unsigned int>(m.workId.value) == nWorkId; },
-                              nTimeoutMs, m_nMark, pAppend);
-    }
-
-    void Mark() { m_nMark = Server().Packets().size(); }
-
-    template <class T>
-    void Route(T& req)
-    {
+        req.workId = static_cast<int>(nWorkId);
         req.routeDstAgentId = 1;
         req.routeSrcServerIp = SERVER_IP;
         req.routeSrcServerId = SERVER_ID;
+        m_nMark = Server().Packets().size();
+        Server().Send(req, nAppend);
+        return Server().WaitMessage(rsp, OfWork(nWorkId), nTimeoutMs, m_nMark, pAppend);
     }
 
     int Create(unsigned int nWorkId, const std::string& strCmd, int nFlag = 0, int nTimeout = 0, int nBufSize = 0,
-               const std::string& strUser = "", int nAppend = 11)
+               const std::string& strUser = "")
     {
         ReqWorkCmdCreate req;
-        req.workId = static_cast<int>(nWorkId);
         req.flag = nFlag;
         req.timeout = nTimeout;
         req.bufSize = nBufSize;
         req.execUser = strUser.c_str();
         req.cmd = strCmd.c_str();
-        Route(req);
-        Mark();
-        Server().Send(req, nAppend);
         RspWorkCmdCreate rsp;
-        if (!Reply(rsp, nWorkId)) return -1;
+        if (!Ask(req, nWorkId, 11, rsp)) return -1;
         EXPECT_EQ(rsp.routeDstServerIp, SERVER_IP);
         EXPECT_EQ(rsp.routeDstServerId, SERVER_ID);
         EXPECT_EQ(static_cast<unsigned int>(rsp.routeSrcAgentId.value), brel_lib::IpStringToInt("127.0.0.1"));
         return rsp.ret;
     }
 
-    int Start(unsigned int nWorkId, int nAppend = 12, int nAction = 1)
+    int Start(unsigned int nWorkId, int nAppend = 12)
     {
         ReqWorkCmdSetAction req;
-        req.workId = static_cast<int>(nWorkId);
-        req.action = nAction;
-        Route(req);
-        Mark();
-        Server().Send(req, nAppend);
+        req.action = 1;
         RspWorkCmdSetAction rsp;
-        return Reply(rsp, nWorkId) ? rsp.ret.value : -1;
+        return Ask(req, nWorkId, nAppend, rsp) ? rsp.ret.value : -1;
     }
 
     bool Query(RspWorkCmdQuery& rsp, unsigned int nWorkId, int nAppend = 13)
     {
         ReqWorkCmdQuery req;
-        req.workId = static_cast<int>(nWorkId);
-        Route(req);
-        Mark();
-        Server().Send(req, nAppend);
         int nGot = 0;
-        bool bOk = Reply(rsp, nWorkId, 5000, &nGot);
+        bool bOk = Ask(req, nWorkId, nAppend, rsp, 5000, &nGot);
         EXPECT_EQ(nGot, nAppend);
         return bOk;
     }
 
     // -1 when no answer came within the time.
-    int Delete(unsigned int nWorkId, int nTimeoutMs = 3000)
+    int Delete(unsigned int nWorkId)
     {
         ReqWorkCmdDelete req;
-        req.workId = static_cast<int>(nWorkId);
-        Route(req);
-        Mark();
-        Server().Send(req, 14);
         RspWorkCmdDelete rsp;
-        return Reply(rsp, nWorkId, nTimeoutMs) ? rsp.ret.value : -1;
+        return Ask(req, nWorkId, 14, rsp, 3000) ? rsp.ret.value : -1;
     }
 
     // The unasked result: status 2 or 3 for the work, after the mark.
-    bool Result(RspWorkCmdQuery& rsp, unsigned int nWorkId, int nTimeoutMs = 8000, int* pAppend = nullptr)
+    bool Result(RspWorkCmdQuery& rsp, unsigned int nWorkId, int* pAppend = nullptr)
     {
-        return WaitMessage<RspWorkCmdQuery>(
-            rsp,
-            [&](const RspWorkCmdQuery& m) {
-                return static_cast<unsigned int>(m.workId.value) == nWorkId && m.status >= 2;
-            },
-            nTimeoutMs, m_nMark, pAppend);
+        auto done = [nWorkId](const RspWorkCmdQuery& m) { return OfWork(nWorkId)(m) && m.status >= 2; };
+        return Server().WaitMessage(rsp, done, 8000, m_nMark, pAppend);
     }
 
-    // Create and start; the result of the run.
-    void Run(RspWorkCmdQuery& rsp, unsigned int nWorkId, const std::string& strCmd, int nFlag = 0, int nTimeout = 0,
-             int nBufSize = 0, const std::string& strUser = "")
+    // Create and start; the result of the run (kept till the test's end: records can't be copied).
+    const RspWorkCmdQuery& Run(unsigned int nWorkId, const std::string& strCmd, int nFlag = 0, int nTimeout = 0,
+                               int nBufSize = 0, const std::string& strUser = "")
     {
+        RspWorkCmdQuery& rsp = m_runs.emplace_back();
         EXPECT_EQ(Create(nWorkId, strCmd, nFlag, nTimeout, nBufSize, strUser), 0);
         EXPECT_EQ(Start(nWorkId), 0);
         EXPECT_TRUE(Result(rsp, nWorkId));
+        return rsp;
     }
 
     size_t m_nMark = 0;
+    std::deque<RspWorkCmdQuery> m_runs;
 };
 
 std::string Text(const AsnOcts& octs) { return std::string(octs.octs, octs.octetLen); }
@@ -158,7 +114,7 @@ TEST_F(AgentCommand, CreateStartAndResultInDaemonMode)
     ASSERT_EQ(Start(1, 12), 0);
     RspWorkCmdQuery result;
     int nAppend = 0;
-    ASSERT_TRUE(Result(result, 1, 8000, &nAppend));
+    ASSERT_TRUE(Result(result, 1, &nAppend));
     EXPECT_EQ(nAppend, 12);  // the start was the last request that touched it
     EXPECT_EQ(result.ret, 0);
     EXPECT_EQ(result.status, 2);
@@ -179,13 +135,10 @@ TEST_F(AgentCommand, CreateStartAndResultInDaemonMode)
 
     // Signals and a failed exec, still in daemon mode. The daemon ignores
     // SIGTERM; its commands do not.
-    RspWorkCmdQuery killed;
-    Run(killed, 2, "kill -TERM $$");
+    const RspWorkCmdQuery& killed = Run(2, "kill -TERM $$");
     EXPECT_EQ(killed.ret, 0);
     EXPECT_EQ(killed.exitCode, 15);
-    RspWorkCmdQuery fast;
-    Run(fast, 3, "printf abc");  // output still in the pipe at the exit
-    EXPECT_EQ(Text(fast.stdOut), "abc");
+    EXPECT_EQ(Text(Run(3, "printf abc").stdOut), "abc");  // output still in the pipe at the exit
     Stop(pid);
 }
 
@@ -193,22 +146,16 @@ TEST_F(AgentCommand, DaemonCommandsStartWithDefaultSignalsMaskAndUmask)
 {
     pid_t pid = StartAgent(true);
     ASSERT_GT(pid, 0);
-    RspWorkCmdQuery status;
-    Run(status, 1, "grep -E '^Sig(Ign|Blk)' /proc/self/status; umask");
-    EXPECT_EQ(Text(status.stdOut), "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n0022\n");
+    EXPECT_EQ(Text(Run(1, "grep -E '^Sig(Ign|Blk)' /proc/self/status; umask").stdOut),
+              "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n0022\n");
     // What inherited dispositions broke: a pipe's writer ends quietly, a background job can be stopped.
-    RspWorkCmdQuery pipe;
-    Run(pipe, 2, "yes | head -1");
+    const RspWorkCmdQuery& pipe = Run(2, "yes | head -1");
     EXPECT_EQ(Text(pipe.stdOut), "y\n");
     EXPECT_EQ(Text(pipe.stdErr), "");
-    RspWorkCmdQuery job;
-    Run(job, 3, "sleep 100 & kill $!; wait $!; echo $?");
-    EXPECT_EQ(Text(job.stdOut), "143\n");
+    EXPECT_EQ(Text(Run(3, "sleep 100 & kill $!; wait $!; echo $?").stdOut), "143\n");
     // Files the commands make are not world-writable; the daemon keeps its own umask.
-    RspWorkCmdQuery file;
     std::string strFile = Tree().Path("log/made_by_command");
-    Run(file, 4, "echo x > " + strFile + "; stat -c %a " + strFile);
-    EXPECT_EQ(Text(file.stdOut), "644\n");
+    EXPECT_EQ(Text(Run(4, "echo x > " + strFile + "; stat -c %a " + strFile).stdOut), "644\n");
     EXPECT_NE(ReadFile("/proc/" + std::to_string(pid) + "/status").find("Umask:\t0000\n"), std::string::npos);
 }
 
@@ -218,9 +165,7 @@ TEST_F(AgentCommand, TimeoutAndDeleteEndTheirWorks)
 {
     pid_t pid = StartAgent(true);
     ASSERT_GT(pid, 0);
-    RspWorkCmdQuery rsp;
-    Run(rsp, 1, "sleep 1000", 0, 2);
-    EXPECT_EQ(rsp.ret, 324);
+    EXPECT_EQ(Run(1, "sleep 1000", 0, 2).ret, 324);
     ASSERT_EQ(Create(2, "sh -c 'sleep 1000; :'"), 0);
     ASSERT_EQ(Start(2), 0);
     std::vector<ProcInfo> vecTree;  // sh and its sleep, which the end of sh alone would leave
@@ -236,8 +181,7 @@ TEST_F(AgentCommand, FailedExecReportsSignalSix)
     Tree().SetLaunchPrefix({"unshare", "-m", "sh", "-c", "mount --bind /dev/null /usr/bin/su && exec \"$0\" \"$@\""});
     pid_t pid = StartAgent(true);
     if (pid <= 0 || !Tree().IsAlive(pid)) GTEST_SKIP() << "no mount namespace here";
-    RspWorkCmdQuery result;
-    Run(result, 1, "true", 0, 0, 0, "nobody");
+    const RspWorkCmdQuery& result = Run(1, "true", 0, 0, 0, "nobody");
     EXPECT_EQ(result.ret, 0);
     EXPECT_EQ(result.status, 2);
     EXPECT_EQ(result.exitCode, 6);
@@ -260,27 +204,22 @@ TEST_F(AgentCommand, OutputCapture)
 {
     StartAgent();
     // Exactly the first bufSize bytes; the rest is drained and the command isn't held.
-    RspWorkCmdQuery big;
-    Run(big, 30, "head -c 300000 /dev/zero | tr '\\0' a; echo end >&2", 0, 0, 10);
+    const RspWorkCmdQuery& big = Run(30, "head -c 300000 /dev/zero | tr '\\0' a; echo end >&2", 0, 0, 10);
     EXPECT_EQ(Text(big.stdOut), "aaaaaaaaaa");
     EXPECT_EQ(Text(big.stdErr), "end\n");
     EXPECT_EQ(big.ret, 0);
     // Flags 2 and 4 keep nothing, although the pipes are read.
-    RspWorkCmdQuery none;
-    Run(none, 31, "head -c 100000 /dev/zero; echo err >&2", 6);
+    const RspWorkCmdQuery& none = Run(31, "head -c 100000 /dev/zero; echo err >&2", 6);
     EXPECT_EQ(none.stdOut.octetLen, 0u);
     EXPECT_EQ(none.stdErr.octetLen, 0u);
     EXPECT_EQ(none.exitCode, 0);
     // A background child that holds the pipe does not hold the work.
     int64_t lStart = SteadyMs();
-    RspWorkCmdQuery bg;
-    Run(bg, 32, "sleep 20 & echo done");
+    const RspWorkCmdQuery& bg = Run(32, "sleep 20 & echo done");
     EXPECT_EQ(Text(bg.stdOut), "done\n");
     EXPECT_LT(SteadyMs() - lStart, 5000);
     // Output is raw bytes, zero bytes included.
-    RspWorkCmdQuery raw;
-    Run(raw, 33, "printf 'a\\000b'");
-    EXPECT_EQ(Text(raw.stdOut), std::string("a\0b", 3));
+    EXPECT_EQ(Text(Run(33, "printf 'a\\000b'").stdOut), std::string("a\0b", 3));
 }
 
 TEST_F(AgentCommand, ReloadWithPrintAgentInfoWritesTheDump)
@@ -306,16 +245,11 @@ TEST_F(AgentCommand, OtherUsersRunThroughSu)
     std::string strAdd = std::string("useradd -M -s /bin/sh ") + szUser + " 2>/dev/null";
     if (getpwnam(szUser) == nullptr && system(strAdd.c_str()) != 0) GTEST_SKIP() << "cannot create a user here";
     StartAgent();
-    RspWorkCmdQuery rsp;
-    Run(rsp, 50, "id -un", 0, 0, 0, szUser);
+    const RspWorkCmdQuery& rsp = Run(50, "id -un", 0, 0, 0, szUser);
     EXPECT_EQ(Text(rsp.stdOut), std::string(szUser) + "\n");
     EXPECT_EQ(rsp.exitCode, 0);
-    RspWorkCmdQuery root;
-    Run(root, 51, "id -un", 0, 0, 0, "root");
-    EXPECT_EQ(Text(root.stdOut), "root\n");
-    RspWorkCmdQuery empty;
-    Run(empty, 52, "id -un");
-    EXPECT_EQ(Text(empty.stdOut), "root\n");
+    EXPECT_EQ(Text(Run(51, "id -un", 0, 0, 0, "root").stdOut), "root\n");
+    EXPECT_EQ(Text(Run(52, "id -un").stdOut), "root\n");
     std::string strDel = std::string("userdel ") + szUser + " 2>/dev/null";
     EXPECT_EQ(system(strDel.c_str()), 0);
 }

@@ -1,18 +1,15 @@
-// The fault matrix: a file pulled by a real destination agent while the test
-// breaks something at a chosen moment of the pull: it kills, stalls or
-// restarts the source agent, cuts the network between the two agents (the
-// source in a network namespace of the test's own, joined by a veth pair whose
-// link goes down and up), fills the destination's disk (a small tmpfs), or
-// puts in place of the source a peer that answers with bad digests, wrong
-// positions or noise. Every work has a time limit. Each cell must end, within
-// that limit and some slack, with ret 0 and a byte-identical file or with a
-// failure code; never ret 0 with another file, and never 0 after a bad digest
-// (342) or on a full disk (321, or 322 for a block that half fits).
+// The fault matrix: a real destination agent pulls a file while the test breaks
+// something at a chosen moment: it kills, stalls or restarts the source agent,
+// cuts the veth link to a network namespace the source runs in, fills the
+// destination's small tmpfs, or puts in place of the source a peer that sends bad
+// digests, wrong positions or noise. Each cell must end within the work's time
+// limit and some slack, with ret 0 and a byte-identical file or with a failure
+// code; never 0 with another file, nor after a bad digest (342) or on a full disk
+// (321, or 322 for a block that half fits).
 //
-// One test per cell (fault x moment). Run as it stands it is the short matrix
-// of CI; tools/fault_matrix.sh runs the same program long: FAULT_MATRIX_LONG=1
-// adds moments and holds, FAULT_MATRIX_MIB sets the file size. Each cell
-// prints a line "FAULT-CELL name ret=.. file=.. seconds=.." for the table.
+// One test per cell (fault x moment): the short matrix of CI. tools/fault_matrix.sh
+// runs it long (FAULT_MATRIX_LONG=1 adds moments and holds, FAULT_MATRIX_MIB sets
+// the size); each cell prints "FAULT-CELL name ret=.. file=.. seconds=..".
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -32,14 +29,6 @@ using namespace agent_test;
 
 namespace {
 
-// Sanitized agents are slower; their matrix leaves out the cells that only
-// repeat others with a longer hold, and the restart of the source.
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-const bool kSanitized = true;
-#else
-const bool kSanitized = false;
-#endif
-
 bool LongRun() { return getenv("FAULT_MATRIX_LONG") != nullptr; }
 
 unsigned long long FileBytes()
@@ -52,20 +41,13 @@ unsigned long long FileBytes()
 
 // RestartSource offers the file again under the same work id; ForgetfulSource
 // restarts without that, so the source knows the work no more.
-enum class Fault {
-    KillSource,
-    RestartSource,
-    StallSource,
-    CutNetwork,
-    FillDisk,
-    BadDigest,
-    WrongPosition,
-    Noise,
-    ForgetfulSource
-};
+enum class Fault { KillSource, RestartSource, StallSource, CutNetwork, FillDisk, BadDigest, WrongPosition, Noise,
+                   ForgetfulSource };
 // Before: after the create is answered, before the start. The others: when
 // the destination file has reached that share of the size.
 enum class Moment { Before, Early, Mid, Late };
+const double kMomentShare[] = {0, 0.125, 0.5, 0.875};
+double MomentShare(Moment m) { return kMomentShare[static_cast<int>(m)]; }
 
 struct Cell {
     Fault fault;
@@ -73,31 +55,13 @@ struct Cell {
     int nHoldMs;  // how long a stall or a cut lasts
 };
 
-const char* FaultName(Fault f)
-{
-    static const char* const names[] = {"kill_source", "restart_source", "stall_source", "cut_network",
-                                        "fill_disk",   "bad_digest",     "wrong_position", "noise",
-                                        "forgetful_source"};
-    return names[static_cast<int>(f)];
-}
-
-const char* MomentName(Moment m)
-{
-    static const char* const names[] = {"before", "early", "mid", "late"};
-    return names[static_cast<int>(m)];
-}
-
-double MomentShare(Moment m)
-{
-    static const double shares[] = {0, 0.125, 0.5, 0.875};
-    return shares[static_cast<int>(m)];
-}
-
 std::string CellName(const Cell& c)
 {
-    std::string str = std::string(FaultName(c.fault)) + "_" + MomentName(c.moment);
-    if (c.nHoldMs > 0) str += "_hold" + std::to_string(c.nHoldMs / 1000) + "s";
-    return str;
+    static const char* const faults[] = {"kill_source", "restart_source", "stall_source", "cut_network", "fill_disk",
+                                         "bad_digest", "wrong_position", "noise", "forgetful_source"};
+    static const char* const moments[] = {"before", "early", "mid", "late"};
+    std::string str = std::string(faults[static_cast<int>(c.fault)]) + "_" + moments[static_cast<int>(c.moment)];
+    return c.nHoldMs > 0 ? str + "_hold" + std::to_string(c.nHoldMs / 1000) + "s" : str;
 }
 
 // What gtest prints for a cell, also in the names of the ctests.
@@ -116,7 +80,7 @@ std::vector<Cell> Cells()
         {Fault::BadDigest, Moment::Before, 0},     {Fault::BadDigest, Moment::Mid, 0},
         {Fault::WrongPosition, Moment::Mid, 0},    {Fault::Noise, Moment::Mid, 0},
     };
-    if (!kSanitized) {
+    if (!kSanitized) {  // cells that only repeat others with a longer hold, and the restart
         vec.push_back({Fault::RestartSource, Moment::Mid, 0});
         vec.push_back({Fault::ForgetfulSource, Moment::Mid, 0});
         vec.push_back({Fault::StallSource, Moment::Mid, 12000});
@@ -141,9 +105,8 @@ std::vector<Cell> Cells()
 
 int Shell(const std::string& strCmd) { return system((strCmd + " >/dev/null 2>&1").c_str()); }
 
-// A network namespace with a veth pair into it: the root end and the
-// namespace's end each with an address of a /30 taken from the pid, so that
-// tests running side by side don't meet. Removed with the namespace.
+// A network namespace with a veth pair into it, the two ends on a /30 taken from
+// the pid so that tests side by side don't meet.
 class VethPair {
 public:
     VethPair()
@@ -155,15 +118,14 @@ public:
         std::string strNet = "10.213." + std::to_string(nPid / 64) + ".";
         m_strRootIp = strNet + std::to_string((nPid % 64) * 4 + 1);
         m_strNsIp = strNet + std::to_string((nPid % 64) * 4 + 2);
-        std::string strNsLink = "fms" + strTag;
-        m_bOk = Shell("ip netns add " + m_strNs) == 0;
-        m_bOk = m_bOk && Shell("ip link add " + m_strRootLink + " type veth peer name " + strNsLink) == 0 &&
-                Shell("ip link set " + strNsLink + " netns " + m_strNs) == 0 &&
-                Shell("ip addr add " + m_strRootIp + "/30 dev " + m_strRootLink) == 0 &&
-                Shell("ip link set " + m_strRootLink + " up") == 0 &&
-                Shell("ip -n " + m_strNs + " addr add " + m_strNsIp + "/30 dev " + strNsLink) == 0 &&
-                Shell("ip -n " + m_strNs + " link set " + strNsLink + " up") == 0 &&
-                Shell("ip -n " + m_strNs + " link set lo up") == 0;
+        std::string strNsLink = "fms" + strTag, strIn = "ip -n " + m_strNs + " ";
+        m_bOk = true;
+        for (const std::string& strCmd :
+             {"ip netns add " + m_strNs, "ip link add " + m_strRootLink + " type veth peer name " + strNsLink,
+              "ip link set " + strNsLink + " netns " + m_strNs, "ip addr add " + m_strRootIp + "/30 dev " + m_strRootLink,
+              "ip link set " + m_strRootLink + " up", strIn + "addr add " + m_strNsIp + "/30 dev " + strNsLink,
+              strIn + "link set " + strNsLink + " up", strIn + "link set lo up"})
+            m_bOk = m_bOk && Shell(strCmd) == 0;
     }
     ~VethPair()
     {
@@ -181,10 +143,9 @@ private:
     bool m_bOk = false;
 };
 
-// A file source that answers the destination's gets from the content it
-// holds, and misbehaves from a position on as the fault says: a block with a
-// digest that does not fit it, blocks at the wrong position, or once a burst
-// of noise on the connection (after which it answers well again).
+// A file source that answers gets from its content and misbehaves from a position
+// on: a digest that does not fit, blocks at the wrong position, or once a burst of
+// noise (after which it answers well again).
 class FakeSource {
 public:
     FakeSource(const std::string& strContent, Fault fault, unsigned long long lFrom)
@@ -201,15 +162,12 @@ public:
 private:
     void Loop()
     {
-        size_t nSeen = 0;
-        while (!m_bStop) {
+        for (size_t nSeen = 0; !m_bStop;) {
             if (!m_server.WaitFor(Zik::reqWorkFileAgentGetCid, 50, nullptr, m_nGets + 1)) continue;
-            std::vector<TestWorkServer::Received> packets = m_server.Packets();
-            for (; nSeen < packets.size(); ++nSeen) {
-                ReqWorkFileAgentGet get;
-                if (!DecodeBody(packets[nSeen], get)) continue;
+            for (const auto& get : m_server.Messages<ReqWorkFileAgentGet>([](const auto&) { return true; }, nSeen)) {
                 ++m_nGets;
-                Answer(get);
+                nSeen = get.nIndex + 1;
+                Answer(get.msg);
             }
         }
     }
@@ -247,12 +205,6 @@ private:
     std::thread m_thread;  // last: it starts when everything above is there
 };
 
-off_t SizeOf(const std::string& strPath)
-{
-    struct stat st;
-    return stat(strPath.c_str(), &st) == 0 ? st.st_size : -1;
-}
-
 // Writes into the file until the disk is full.
 void FillUp(const std::string& strPath)
 {
@@ -275,9 +227,8 @@ protected:
         if (IsSkipped()) return;
         m_cell = GetParam();
         m_lBytes = FileBytes();
-        // Short timers, small fixed requests and a receive limit that makes
-        // the pull last some 1.5 s (4 s in the long run), so that a moment
-        // can be met; the sweep runs every 5 s whatever the settings.
+        // Short timers, small fixed requests and a rate that makes the pull last
+        // some 1.5 s (4 s long), so that a moment can be met.
         unsigned long long lRate = m_lBytes * 2 / (LongRun() ? 8 : 3);
         std::map<std::string, std::string> settings = {
             {"connect_timeout_second", "2"},
@@ -313,8 +264,8 @@ protected:
         m_pVeth.reset();
     }
 
-    // The destination writes into a tmpfs of twice the file's size, mounted
-    // in a mount namespace of its own; the test reaches it through /proc.
+    // The destination writes into a tmpfs of twice the file's size in a mount
+    // namespace of its own; the test reaches it through /proc.
     void PrepareSmallDisk()
     {
         std::string strDir = Tree().Path("disk");
@@ -330,8 +281,7 @@ protected:
         return m_cell.fault == Fault::FillDisk ? "/proc/" + std::to_string(m_nDstPid) + "/root" + m_strDst : m_strDst;
     }
 
-    // The source agent in a namespace of its own, its work server on the root
-    // end of the veth pair.
+    // The source agent in a network namespace, its work server on the root end.
     bool PrepareNetwork()
     {
         m_pVeth = std::make_unique<VethPair>();
@@ -391,8 +341,8 @@ protected:
         m_bStopped = m_bCut = false;
     }
 
-    // A new source agent in the same tree, which offers the file again under
-    // the same work id if asked; its port search finds the old one's port.
+    // A new source agent in the same tree, which offers the file again under the
+    // same work id if asked (its port search finds the old port).
     void Restart(bool bOffer)
     {
         size_t nBeats = static_cast<size_t>(SrcServer().Count(Zik::reqWorkAgentHeartbeatCid));
@@ -403,8 +353,7 @@ protected:
         }
     }
 
-    // Starts the work and breaks the pull at the cell's moment; the ret of
-    // the final report, -1 if none came in time.
+    // Starts the work and breaks the pull at the cell's moment; the final ret, -1 if none in time.
     int RunCell()
     {
         unsigned short nPort = m_pFake ? m_pFake->Port() : Offer(WORK, m_strSrc);
@@ -416,7 +365,7 @@ protected:
         SendSetAction(WORK);
         if (m_cell.moment != Moment::Before) {
             off_t lAt = static_cast<off_t>(m_lBytes * MomentShare(m_cell.moment));
-            if (!WaitUntil([&] { return SizeOf(DstSeen()) >= lAt; }, 20000)) m_strNote = " (moment not met)";
+            if (!WaitUntil([&] { return FileSize(DstSeen()) >= lAt; }, 20000)) m_strNote = " (moment not met)";
             Apply();
         }
         RspWorkFileDstQuery result;
@@ -452,7 +401,7 @@ TEST_P(FaultMatrix, EndsWithTheSameFileAndZeroOrWithAFailureCode)
     int ret = RunCell();
     double dSeconds = static_cast<double>(SteadyMs() - lStart) / 1000;
     bool bSame = ret >= 0 && SameFile(m_strSrc, DstSeen());
-    const char* szFile = bSame ? "identical" : (SizeOf(DstSeen()) < 0 ? "missing" : "differs");
+    const char* szFile = bSame ? "identical" : (FileSize(DstSeen()) < 0 ? "missing" : "differs");
     std::string strViolation = Violation(m_cell, ret, bSame, dSeconds, LimitSecond());
     printf("FAULT-CELL %s ret=%d file=%s seconds=%.1f verdict=%s%s\n", CellName(m_cell).c_str(), ret, szFile,
            dSeconds, strViolation.empty() ? "ok" : "VIOLATION", m_strNote.c_str());

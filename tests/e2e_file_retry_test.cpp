@@ -9,23 +9,11 @@
 #include <sys/stat.h>
 
 #include "file_transfer_e2e.h"
+#include "loop_harness.h"
 
 using namespace agent_test;
 
 namespace {
-
-long long FileSize(const std::string& strPath)
-{
-    struct stat st;
-    return stat(strPath.c_str(), &st) == 0 ? static_cast<long long>(st.st_size) : -1;
-}
-
-size_t Occurrences(const std::string& strText, const std::string& strWhat, size_t nFrom = 0)
-{
-    size_t n = 0;
-    for (size_t i = strText.find(strWhat, nFrom); i != std::string::npos; i = strText.find(strWhat, i + 1)) ++n;
-    return n;
-}
 
 // The begin position of the first block written for the work at or after
 // the offset of the log; -1 if none.
@@ -66,29 +54,39 @@ protected:
         return Offer(nSrcWorkId, strSrc);
     }
 
-    // Offers the file, creates and starts a plain work for it; false if a step fails.
-    bool StartPlain(unsigned int nWorkId, size_t n, std::string& strSrc, std::string& strDst, unsigned short& nPort)
+    // Offers a file of n bytes, creates and starts a plain work for it; false if a step fails.
+    bool StartPlain(unsigned int nWorkId, size_t n)
     {
-        nPort = OfferPattern(nWorkId, n, strSrc);
-        strDst = Tree().Path("dst_" + std::to_string(nWorkId));
+        m_nPort = OfferPattern(nWorkId, n, m_strSrc);
+        m_strDst = Tree().Path("dst_" + std::to_string(nWorkId));
         size_t nMark = Mark();
-        SendCreate(nWorkId, strSrc, strDst, nPort, nWorkId);
-        if (nPort == 0 || WaitReply<RspWorkFileDstCreate>(nWorkId, nMark, 5000) != 0) return false;
+        SendCreate(nWorkId, m_strSrc, m_strDst, m_nPort, nWorkId);
+        if (m_nPort == 0 || WaitReply<RspWorkFileDstCreate>(nWorkId, nMark, 5000) != 0) return false;
         SendSetAction(nWorkId);
         return true;
     }
-
     bool Reached(const std::string& strPath, long long lSize)
     {
         return WaitUntil([&] { return FileSize(strPath) >= lSize; }, 20000);
     }
     // A plain work of a file of SIZE bytes, with its first 256 KiB on disk.
-    bool UnderWay(unsigned int nWorkId)
-    {
-        return StartPlain(nWorkId, SIZE, m_strSrc, m_strDst, m_nPort) && Reached(m_strDst, 256 << 10);
-    }
-    std::string m_strSrc, m_strDst;  // of the work under way
+    bool UnderWay(unsigned int nWorkId) { return StartPlain(nWorkId, SIZE) && Reached(m_strDst, 256 << 10); }
+    std::string m_strSrc, m_strDst;  // of the plain work
     unsigned short m_nPort = 0;
+
+    // Works nFirst.. of one cache id, for the file of the source work nFirst - 1 (offered here), with
+    // their own time limits; each is answered 331. The packet mark before them.
+    size_t CreateCached(unsigned int nFirst, const std::string& strCacheId, size_t nSize, std::vector<int> vecTimeout)
+    {
+        unsigned short nPort = m_nPort = OfferPattern(nFirst - 1, nSize, m_strSrc);
+        EXPECT_NE(nPort, 0);
+        size_t nMark = Mark();
+        for (unsigned int n = 0; n < vecTimeout.size(); ++n)
+            SendCreate2(nFirst + n, m_strSrc, strCacheId, nPort, nFirst - 1, 0x400, nSize, {Loopback()}, vecTimeout[n]);
+        for (unsigned int n = nFirst; n < nFirst + vecTimeout.size(); ++n)
+            EXPECT_EQ(WaitReply<RspWorkFileDstCreate>(n, nMark, 5000), 331) << n;
+        return nMark;
+    }
 
     void KillSource()
     {
@@ -100,19 +98,11 @@ protected:
     // The index of the n-th result of the work after packet nFrom; -1 if none.
     long IndexOfResult(unsigned int nWorkId, size_t nFrom, size_t n = 1)
     {
-        std::vector<TestWorkServer::Received> packets = Server().Packets();
-        for (size_t i = nFrom; i < packets.size(); ++i) {
-            RspWorkFileDstQuery rsp;
-            if (DecodeBody(packets[i], rsp) && static_cast<unsigned int>(rsp.workId.value) == nWorkId &&
-                rsp.status.value == 2 && --n == 0)
-                return static_cast<long>(i);
-        }
-        return -1;
+        auto vec = Server().Messages<RspWorkFileDstQuery>(ResultOf(nWorkId), nFrom);
+        return vec.size() < n ? -1 : static_cast<long>(vec[n - 1].nIndex);
     }
 };
 
-// A source that stalls once gets a repeat and goes on; when it stalls for good,
-// the repeats give up with 318.
 TEST_F(FileRetryTest, AStalledSourceGetsRepeatsAndThen318)
 {
     StartSlow({{"file_trans_client_reget_timeout_second", "1"}, {"file_trans_client_reget_failed_timeout_second", "6"}});
@@ -124,7 +114,7 @@ TEST_F(FileRetryTest, AStalledSourceGetsRepeatsAndThen318)
     kill(m_nSrcPid, SIGCONT);
     long long lResumed = FileSize(m_strDst);
     ASSERT_TRUE(Reached(m_strDst, lResumed + (256 << 10))) << "the pull went on after the repeat";
-    size_t nRepeats = Occurrences(Tree().ReadLog(), strRepeat);
+    int nRepeats = CountOf(Tree().ReadLog(), strRepeat);
 
     kill(m_nSrcPid, SIGSTOP);
     RspWorkFileDstQuery result;
@@ -134,7 +124,7 @@ TEST_F(FileRetryTest, AStalledSourceGetsRepeatsAndThen318)
     std::string strLog = Tree().ReadLog();
     size_t nEnd = strLog.find("task is timeout out of max retry count, work id: 500");
     ASSERT_NE(nEnd, std::string::npos);
-    EXPECT_GT(Occurrences(strLog.substr(0, nEnd), strRepeat), nRepeats) << "repeats came first";
+    EXPECT_GT(CountOf(strLog.substr(0, nEnd), strRepeat), nRepeats) << "repeats came first";
     std::string strGot = ReadFile(m_strDst);
     EXPECT_EQ(strGot.size(), static_cast<size_t>(result.okSizeLow.value));
     EXPECT_TRUE(strGot == ReadFile(m_strSrc).substr(0, strGot.size())) << "no block twice, none missing";
@@ -173,7 +163,7 @@ TEST_F(FileRetryTest, ASourceThatNeverComesBackIs317AfterThreeSweeps)
     ASSERT_TRUE(WaitResult(520, nMark, 60000, result));
     EXPECT_EQ(result.ret.value, 317);
     EXPECT_GT(result.okSizeLow.value, 0);
-    EXPECT_EQ(Occurrences(Tree().ReadLog(), "need retry connect"), 2u);
+    EXPECT_EQ(CountOf(Tree().ReadLog(), "need retry connect"), 2);
 }
 
 // A master, a slave with a short time of its own and one with none: the short
@@ -181,21 +171,10 @@ TEST_F(FileRetryTest, ASourceThatNeverComesBackIs317AfterThreeSweeps)
 TEST_F(FileRetryTest, ATimeLimitGives324ToEveryWorkSlavesIncluded)
 {
     StartSlow({}, 65536);
-    std::string strSrc;
-    unsigned short nPort = OfferPattern(600, SIZE, strSrc);
-    ASSERT_NE(nPort, 0);
-    std::string strCacheId = Tree().Path("cache/timed");
-    size_t nMark = Mark();
-    SendCreate2(601, strSrc, strCacheId, nPort, 600, 0x400, SIZE, {Loopback()}, 11);
-    SendCreate2(602, strSrc, strCacheId, nPort, 600, 0x400, SIZE, {Loopback()}, 1);
-    SendCreate2(603, strSrc, strCacheId, nPort, 600, 0x400, SIZE, {Loopback()});
-    for (unsigned int n = 601; n <= 603; ++n) EXPECT_EQ(WaitReply<RspWorkFileDstCreate>(n, nMark, 5000), 331) << n;
+    size_t nMark = CreateCached(601, Tree().Path("cache/timed"), SIZE, {11, 1, 0});
     ASSERT_TRUE(WaitUntil([&] { return IndexOfResult(602, nMark, 2) >= 0; }, 60000));
     EXPECT_LT(IndexOfResult(602, nMark), IndexOfResult(601, nMark)) << "the slave's own time ran out first";
-    for (unsigned int n = 601; n <= 603; ++n) {
-        std::vector<int> vecRet = Results(n, nMark, 5000, 0);
-        EXPECT_EQ(vecRet, std::vector<int>(n == 602 ? 2 : 1, 324)) << n;
-    }
+    for (unsigned int n = 601; n <= 603; ++n) EXPECT_EQ(Results(n, nMark, 5000, 0), std::vector<int>(n == 602 ? 2 : 1, 324)) << n;
 }
 
 // Reports at the end and once per period until the keep time drops the work;
@@ -206,12 +185,11 @@ TEST_F(FileRetryTest, ResultsRepeatAtTheirPeriodUntilExpiryAndAnUnstartedWorkGoe
                {"file_trans_client_finish_keep_second_before_auto_delete", "12"},
                {"file_trans_client_not_begin_keep_second_before_auto_delete", "5"}});
     size_t nMark = Mark();
-    std::string strSrc, strIdle = Tree().Path("dst_idle");
+    std::string strSrc;
     unsigned short nPort = OfferPattern(700, 100 << 10, strSrc);
-    SendCreate(701, strSrc, strIdle, nPort, 700);
+    SendCreate(701, strSrc, Tree().Path("dst_idle"), nPort, 700);
     ASSERT_EQ(WaitReply<RspWorkFileDstCreate>(701, nMark, 5000), 0);
-    std::string strDst;
-    ASSERT_TRUE(StartPlain(702, 100 << 10, strSrc, strDst, nPort));
+    ASSERT_TRUE(StartPlain(702, 100 << 10));
     RspWorkFileDstQuery result;
     ASSERT_TRUE(WaitResult(702, nMark, 20000, result));
     EXPECT_EQ(result.ret.value, 0);
@@ -232,37 +210,27 @@ TEST_F(FileRetryTest, ResultsRepeatAtTheirPeriodUntilExpiryAndAnUnstartedWorkGoe
 TEST_F(FileRetryTest, ThreeWorksOfOneCacheIdShareOneConnectionAndOneResult)
 {
     StartAgents();
-    std::string strSrc;
-    unsigned short nPort = OfferPattern(800, 600 << 10, strSrc);
-    ASSERT_NE(nPort, 0);
     std::string strCacheId = Tree().Path("cache/shared");
-    size_t nMark = Mark();
-    for (unsigned int n = 801; n <= 803; ++n) SendCreate2(n, strSrc, strCacheId, nPort, 800, 0x400, 600 << 10, {Loopback()});
+    size_t nMark = CreateCached(801, strCacheId, 600 << 10, {0, 0, 0});
     for (unsigned int n = 801; n <= 803; ++n) {
-        EXPECT_EQ(WaitReply<RspWorkFileDstCreate>(n, nMark, 5000), 331) << n;
         RspWorkFileDstQuery result;
         ASSERT_TRUE(WaitResult(n, nMark, 20000, result)) << n;
         EXPECT_EQ(result.ret.value, 0) << n;
         EXPECT_EQ(result.okSizeLow.value, 600 << 10) << n;
     }
-    EXPECT_TRUE(SameFile(strSrc, strCacheId));
-    EXPECT_EQ(Occurrences(Tree().ReadLog(), "async connect the file svr is sucess"), 1u);
+    EXPECT_TRUE(SameFile(m_strSrc, strCacheId));
+    EXPECT_EQ(CountOf(Tree().ReadLog(), "async connect the file svr is sucess"), 1);
     // A further create of the finished id is answered from the cache.
     nMark = Mark();
-    SendCreate2(804, strSrc, strCacheId, nPort, 800, 0x400, 600 << 10, {Loopback()});
+    SendCreate2(804, m_strSrc, strCacheId, m_nPort, 800, 0x400, 600 << 10, {Loopback()});
     EXPECT_EQ(WaitReply<RspWorkFileDstCreate>(804, nMark, 5000), 330);
 }
 
 TEST_F(FileRetryTest, DeletingTheMasterHalfWayHandsThePullToASlaveWithoutTruncating)
 {
     StartSlow({});
-    std::string strSrc;
-    unsigned short nPort = OfferPattern(900, SIZE, strSrc);
-    ASSERT_NE(nPort, 0);
     std::string strCacheId = Tree().Path("cache/handed");
-    size_t nMark = Mark();
-    for (unsigned int n = 901; n <= 903; ++n) SendCreate2(n, strSrc, strCacheId, nPort, 900, 0x400, SIZE, {Loopback()});
-    for (unsigned int n = 901; n <= 903; ++n) EXPECT_EQ(WaitReply<RspWorkFileDstCreate>(n, nMark, 5000), 331) << n;
+    size_t nMark = CreateCached(901, strCacheId, SIZE, {0, 0, 0});
     ASSERT_TRUE(Reached(strCacheId, SIZE / 2));
     size_t nDelete = Mark();
     SendDelete(901);
@@ -272,7 +240,7 @@ TEST_F(FileRetryTest, DeletingTheMasterHalfWayHandsThePullToASlaveWithoutTruncat
         ASSERT_TRUE(WaitResult(n, nMark, 60000, result)) << n;
         EXPECT_EQ(result.ret.value, 0) << n;
     }
-    EXPECT_TRUE(SameFile(strSrc, strCacheId));
+    EXPECT_TRUE(SameFile(m_strSrc, strCacheId));
     EXPECT_TRUE(Results(901, nMark, 0, 0).empty());
     std::string strLog = Tree().ReadLog();
     EXPECT_NE(strLog.find("the slave become master, async connecting the file svr, work id: 901"), std::string::npos);

@@ -11,8 +11,6 @@
 
 #include <random>
 
-#include "agent_e2e.h"
-#include "file_peer.h"
 #include "file_transfer_e2e.h"
 #include "md5.h"
 #include "zik_sample.h"
@@ -22,13 +20,6 @@ using namespace agent_test;
 namespace {
 
 const unsigned int BLOCK = 512 * 1024;
-
-std::string Pattern(size_t n, unsigned int nSeed)
-{
-    std::string str(n, '\0');
-    for (size_t i = 0; i < n; ++i) str[i] = static_cast<char>((i * 131 + nSeed + i / 4093) & 0xFF);
-    return str;
-}
 
 std::vector<unsigned char> Int(int n) { return Bytes({0x02, 0x01, n}); }
 
@@ -65,10 +56,12 @@ protected:
         return strPath;
     }
 
-    // A source work for the path; the port it is offered on, 0 on failure.
-    unsigned short Offer(unsigned int nWorkId, const std::string& strPath, int nFlag = 0)
+    unsigned short Offer(unsigned int nWorkId, const std::string& strPath) { return OfferFile(Server(), nWorkId, strPath); }
+    // The next answer's content; empty when none came in time.
+    static std::string NextContent(FilePeer& peer)
     {
-        return OfferFile(Server(), nWorkId, strPath, nFlag);
+        FileBlock block;
+        return peer.Next(block, 5000) ? block.strContent : "";
     }
 
     // Reads the blocks of one get and checks each against the data.
@@ -119,31 +112,25 @@ TEST_F(AgentFileSource, AFileIsServedBlockByBlockWithItsDigests)
     ExpectBlocks(peer, strData.substr(BLOCK), BLOCK, strData.size(), BLOCK, strData.size());
     EXPECT_TRUE(Silent(peer));  // the short block ended the request
 
-    // At the end: one empty answer with ret 0.
-    ASSERT_TRUE(peer.Get(1, 101, strPath, strData.size(), BLOCK, 4));
-    FileBlock end;
-    ASSERT_TRUE(peer.Next(end, 5000));
-    EXPECT_EQ(end.ret, 0);
-    EXPECT_EQ(end.strContent, "");
-    EXPECT_EQ(end.lPos, 0u);
-    EXPECT_TRUE(Silent(peer));
-
-    // A look-ahead inside the file is served; beyond its end it gets no answer.
-    ASSERT_TRUE(peer.Get(1, 101, strPath, 1000, 100, 1, true));
-    FileBlock pre;
-    ASSERT_TRUE(peer.Next(pre, 5000));
-    EXPECT_EQ(pre.lPos, 1000u);
-    EXPECT_TRUE(pre.strContent == strData.substr(1000, 100));
+    // At the end: one empty answer with ret 0; a look-ahead inside the file is served.
+    for (bool bPreGet : {false, true}) {
+        unsigned long long lPos = bPreGet ? 1000 : strData.size();
+        ASSERT_TRUE(peer.Get(1, 101, strPath, lPos, bPreGet ? 100 : BLOCK, bPreGet ? 1 : 4, bPreGet));
+        FileBlock block;
+        ASSERT_TRUE(peer.Next(block, 5000));
+        EXPECT_EQ(block.ret, 0);
+        EXPECT_EQ(block.lPos, bPreGet ? lPos : 0u);
+        EXPECT_TRUE(block.strContent == strData.substr(static_cast<size_t>(lPos), 100));
+        EXPECT_TRUE(Silent(peer));
+    }
+    // A look-ahead beyond the end, a heartbeat and a get of size 0 get no answers.
     ASSERT_TRUE(peer.Get(1, 101, strPath, strData.size() + 1, 100, 1, true));
-    // A heartbeat, and a get of size 0: no answers either.
     ASSERT_TRUE(peer.Heartbeat(1, 101));
     ASSERT_TRUE(peer.Get(1, 101, strPath, 0, 0, 5));
     EXPECT_TRUE(Silent(peer));
     // The connection still serves.
     ASSERT_TRUE(peer.Get(1, 101, strPath, 5, 10, 1));
-    FileBlock again;
-    ASSERT_TRUE(peer.Next(again, 5000));
-    EXPECT_TRUE(again.strContent == strData.substr(5, 10));
+    EXPECT_TRUE(NextContent(peer) == strData.substr(5, 10));
     EXPECT_TRUE(Tree().WaitForLog("CFileReadThread::ReqFileAgentGet(pre get, over file size", 3000));
     EXPECT_TRUE(Tree().WaitForLog("CFileReadThread::ReqFileAgentGet(file transit heartbeat, work id: 1", 3000));
 }
@@ -303,9 +290,7 @@ TEST_F(AgentFileSource, HostilePeersAreClosedWhileAnotherIsServed)
         ASSERT_TRUE(peer.Connect(nPort, 3000));
         ASSERT_TRUE(peer.WriteRaw(bomb));
         ASSERT_TRUE(peer.Get(5, 2, strPath, 0, 10, 1));
-        FileBlock block;
-        ASSERT_TRUE(peer.Next(block, 5000));
-        EXPECT_TRUE(block.strContent == strData.substr(0, 10));
+        EXPECT_TRUE(NextContent(peer) == strData.substr(0, 10));
         EXPECT_TRUE(Tree().WaitForLog("we recevie a data, but we don't know it, the choiceid: 55", 3000));
     }
     int nRounds = good.Finish();
@@ -397,9 +382,7 @@ TEST_F(AgentFileSource, APeerThatAsksWithoutReadingIsClosed)
     FilePeer other;
     ASSERT_TRUE(other.Connect(nPort, 3000));
     ASSERT_TRUE(other.Get(8, 2, strPath, 0, 100, 1));
-    FileBlock block;
-    ASSERT_TRUE(other.Next(block, 5000));
-    EXPECT_TRUE(block.strContent == strData.substr(0, 100));
+    EXPECT_TRUE(NextContent(other) == strData.substr(0, 100));
 }
 
 // The source's part in the agent's start and reload.
@@ -441,11 +424,7 @@ TEST_F(AgentFileSourceStart, AReloadWithPrintAgentInfoDumpsTheWorks)
     pid_t pid = StartAgent();
     std::string strPath = Tree().Path("data");
     WriteFile(strPath, "x");
-    ReqWorkFileSrcCreate req;
-    req.workId = 61;
-    req.srcFile.Set(strPath.data(), strPath.size());
-    ASSERT_TRUE(Server().Send(req, 3));
-    ASSERT_TRUE(Server().WaitFor(Zik::rspWorkFileSrcCreateCid, 5000));
+    ASSERT_NE(OfferFile(Server(), 61, strPath), 0);
     Tree().Config()["print_agent_info"] = "1";
     Tree().WriteConfig();
     kill(pid, SIGUSR1);

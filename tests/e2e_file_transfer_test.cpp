@@ -15,37 +15,6 @@ namespace {
 
 const unsigned int BLOCK = 512 * 1024;
 
-// Sanitized agents move data some twenty times slower: the large files shrink
-// there, and the 4 GiB file is left to the plain build.
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-const bool kSanitized = true;
-#else
-const bool kSanitized = false;
-#endif
-
-// A directory in memory for the large files, removed with its content.
-class ShmDir {
-public:
-    ShmDir()
-    {
-        char szTemplate[] = "/dev/shm/agent_test_XXXXXX";
-        if (mkdtemp(szTemplate) != nullptr) m_strRoot = szTemplate;
-    }
-    ~ShmDir()
-    {
-        if (!m_strRoot.empty()) {
-            std::string strCmd = "rm -rf '" + m_strRoot + "'";
-            if (system(strCmd.c_str()) != 0) {
-            }
-        }
-    }
-    std::string Path(const std::string& strName) const { return m_strRoot + "/" + strName; }
-    bool Ok() const { return !m_strRoot.empty(); }
-
-private:
-    std::string m_strRoot;
-};
-
 class FileTransferTest : public AgentFileTransfer {
 protected:
     void SetUp() override
@@ -86,8 +55,7 @@ TEST_F(FileTransferTest, SmallFilesArriveByteIdenticalWithRetZero)
 
 TEST_F(FileTransferTest, AFewHundredMiBArriveByteIdentical)
 {
-    ShmDir dir;
-    ASSERT_TRUE(dir.Ok());
+    TempDir dir("agent_test_", "/dev/shm");  // the large files in memory
     std::string strSrc = dir.Path("big_src");
     {
         std::string strChunk = Pattern(16 << 20, 3);
@@ -108,9 +76,8 @@ TEST_F(FileTransferTest, AFewHundredMiBArriveByteIdentical)
 
 TEST_F(FileTransferTest, ASparseFileBeyondFourGiBArrivesByteIdentical)
 {
-    if (kSanitized) GTEST_SKIP() << "4 GiB through a sanitized agent takes too long";
-    ShmDir dir;
-    ASSERT_TRUE(dir.Ok());
+    if (kSanitized) GTEST_SKIP() << "4 GiB through a sanitized agent (twenty times slower) takes too long";
+    TempDir dir("agent_test_", "/dev/shm");  // the large files in memory
     std::string strSrc = dir.Path("sparse_src");
     const off_t lSize = (4LL << 30) + 3 * BLOCK + 123;
     {

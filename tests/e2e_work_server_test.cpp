@@ -55,6 +55,12 @@ protected:
     }
 
     std::string Tool(const std::string& strArgs) { return m_strTool + strArgs + " --control " + m_strControl; }
+    // Waits until the tool's list holds the text.
+    bool Listed(const std::string& strText)
+    {
+        std::string strOut;
+        return WaitUntil([&] { return Shell(Tool("list"), strOut) == 0 && strOut.find(strText) != std::string::npos; }, 10000);
+    }
 
     unsigned short m_nPort = 0;
     std::string m_strControl, m_strTool;
@@ -63,10 +69,9 @@ protected:
 
 TEST_F(WorkServerTool, ListsAgentsAndRunsCommands)
 {
+    ASSERT_TRUE(Listed("127.0.0.1"));
+    EXPECT_TRUE(Listed("16777343"));
     std::string strOut;
-    ASSERT_TRUE(WaitUntil([&] { return Shell(Tool("list"), strOut) == 0 && strOut.find("127.0.0.1") != std::string::npos; },
-                          10000));
-    EXPECT_NE(strOut.find("16777343"), std::string::npos);
 
     EXPECT_EQ(Shell(Tool("run --agent 127.0.0.1") + " -- 'echo out; echo err >&2; exit 7'", strOut), 7);
     EXPECT_EQ(strOut, "out\nerr\n");
@@ -86,8 +91,7 @@ TEST_F(WorkServerTool, ErrorsAreClear)
     EXPECT_NE(strOut.find("no such agent is connected: 10.9.8.7"), std::string::npos);
 
     // The agent goes away while its command runs.
-    ASSERT_TRUE(WaitUntil([&] { return Shell(Tool("list"), strOut) == 0 && strOut.find("127.0.0.1") != std::string::npos; },
-                          10000));
+    ASSERT_TRUE(Listed("127.0.0.1"));
     pid_t pidRun = fork();
     if (pidRun == 0) {
         std::string strCommand = Tool("run --agent 127.0.0.1") + " -- 'sleep 20' > " + Tree().Path("run.out") + " 2>&1";
@@ -117,10 +121,8 @@ protected:
         m_pDst->Config()["agent_id"] = "127.0.0.2";
         m_pDst->WriteConfig();
         m_pidDst = m_pDst->StartForeground();
-        std::string strOut;
-        ASSERT_TRUE(WaitUntil([&] { return Shell(Tool("list"), strOut) == 0 && strOut.find("127.0.0.2") != std::string::npos &&
-                                           strOut.find("127.0.0.1 ") != std::string::npos; },
-                              10000));
+        ASSERT_TRUE(Listed("127.0.0.2"));
+        ASSERT_TRUE(Listed("127.0.0.1 "));
     }
 
     std::unique_ptr<InstallTree> m_pDst;

@@ -13,7 +13,6 @@
 #include <string>
 
 #include "md5.h"
-#include "network/stream_framing.h"
 
 namespace agent_test {
 
@@ -36,39 +35,22 @@ unsigned long long Join(int nHigh, int nLow)
 
 } // namespace
 
-FilePeer::~FilePeer() { Close(); }
-
-void FilePeer::Close()
-{
-    if (m_fd >= 0) close(m_fd);
-    m_fd = -1;
-    m_vecBuf.clear();
-    m_nStart = 0;
-}
-
 bool FilePeer::Connect(unsigned short nPort, int nTimeoutMs)
 {
-    Close();
-    m_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    m_conn.Attach(fd);
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_port = htons(nPort);
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    int r = connect(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
-    if (r != 0 && errno != EINPROGRESS) {
+    int nErr = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0 ? 0 : errno;
+    socklen_t nLen = sizeof(nErr);
+    if (nErr == EINPROGRESS && WaitFd(fd, POLLOUT, nTimeoutMs)) getsockopt(fd, SOL_SOCKET, SO_ERROR, &nErr, &nLen);
+    if (nErr != 0) {
         Close();
         return false;
     }
-    if (r != 0) {
-        int nErr = 0;
-        socklen_t nLen = sizeof(nErr);
-        if (!WaitFd(m_fd, POLLOUT, nTimeoutMs) || getsockopt(m_fd, SOL_SOCKET, SO_ERROR, &nErr, &nLen) != 0 ||
-            nErr != 0) {
-            Close();
-            return false;
-        }
-    }
-    fcntl(m_fd, F_SETFL, fcntl(m_fd, F_GETFL) & ~O_NONBLOCK);
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
     return true;
 }
 
@@ -76,8 +58,8 @@ bool FilePeer::WriteRaw(const std::vector<unsigned char>& bytes)
 {
     size_t nDone = 0;
     while (nDone < bytes.size()) {
-        if (!WaitFd(m_fd, POLLOUT, 5000)) return false;
-        ssize_t r = send(m_fd, bytes.data() + nDone, bytes.size() - nDone, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (!WaitFd(Fd(), POLLOUT, 5000)) return false;
+        ssize_t r = send(Fd(), bytes.data() + nDone, bytes.size() - nDone, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (r < 0 && (errno == EINTR || errno == EAGAIN)) continue;
         if (r <= 0) return false;
         nDone += static_cast<size_t>(r);
@@ -109,30 +91,8 @@ bool FilePeer::Heartbeat(unsigned int nSrcWorkId, unsigned int nDstWorkId)
 
 std::vector<unsigned char> FilePeer::ReadPacket(int nTimeoutMs)
 {
-    int64_t lDeadline = SteadyMs() + nTimeoutMs;
-    while (m_fd >= 0) {
-        unsigned int nHeld = static_cast<unsigned int>(m_vecBuf.size() - m_nStart);
-        int nPacket = brel_lib::asn_packet_complete(m_vecBuf.data() + m_nStart, nHeld);
-        if (nPacket > 0) {
-            std::vector<unsigned char> packet(m_vecBuf.begin() + static_cast<long>(m_nStart),
-                                              m_vecBuf.begin() + static_cast<long>(m_nStart) + nPacket);
-            m_nStart += static_cast<size_t>(nPacket);
-            return packet;
-        }
-        if (nPacket < 0) return {};
-        if (m_nStart > 0) {
-            m_vecBuf.erase(m_vecBuf.begin(), m_vecBuf.begin() + static_cast<long>(m_nStart));
-            m_nStart = 0;
-        }
-        int64_t lLeft = lDeadline - SteadyMs();
-        if (lLeft <= 0 || !WaitFd(m_fd, POLLIN, static_cast<int>(lLeft))) return {};
-        size_t nOld = m_vecBuf.size();
-        m_vecBuf.resize(nOld + 1048576);
-        ssize_t r = recv(m_fd, m_vecBuf.data() + nOld, 1048576, MSG_DONTWAIT);
-        m_vecBuf.resize(nOld + (r > 0 ? static_cast<size_t>(r) : 0));
-        if (r == 0 || (r < 0 && errno != EINTR && errno != EAGAIN)) return {};
-    }
-    return {};
+    std::vector<unsigned char> packet;
+    return m_conn.IsOpen() && m_conn.ReadPacket(packet, nTimeoutMs) == 1 ? packet : std::vector<unsigned char>();
 }
 
 bool FilePeer::Next(FileBlock& out, int nTimeoutMs)
@@ -162,12 +122,11 @@ bool FilePeer::Next(FileBlock& out, int nTimeoutMs)
 bool FilePeer::WaitClosedBySource(int nTimeoutMs)
 {
     int64_t lDeadline = SteadyMs() + nTimeoutMs;
-    while (m_fd >= 0) {
-        int64_t lLeft = lDeadline - SteadyMs();
-        if (lLeft <= 0 || !WaitFd(m_fd, POLLIN, static_cast<int>(lLeft))) return false;
-        char buf[65536];
-        ssize_t r = recv(m_fd, buf, sizeof(buf), MSG_DONTWAIT);
-        if (r == 0 || (r < 0 && errno == ECONNRESET)) return true;
+    for (int64_t lLeft = nTimeoutMs; m_conn.IsOpen() && lLeft > 0; lLeft = lDeadline - SteadyMs()) {
+        int n = m_conn.ReadSome(static_cast<int>(lLeft));
+        if (n == 0) return true;
+        if (n < 0) return false;
+        m_conn.Pending().clear();
     }
     return false;
 }

@@ -1,7 +1,6 @@
-// A destination agent as far as a file source sees it, for tests: connects
-// to the source on 127.0.0.1, sends gets and heartbeats built on the
-// project's codec, and reads the answers by the stream framing. Every wait
-// is bounded.
+// A destination agent as a file source sees it: connects to the source on
+// 127.0.0.1, sends gets and heartbeats, and reads the answers by the stream
+// framing. Every wait is bounded.
 #pragma once
 
 #include <stdint.h>
@@ -29,15 +28,11 @@ struct FileBlock {
 
 class FilePeer {
 public:
-    FilePeer() = default;
-    ~FilePeer();
-    FilePeer(const FilePeer&) = delete;
-    FilePeer& operator=(const FilePeer&) = delete;
-
     bool Connect(unsigned short nPort, int nTimeoutMs);
-    int Fd() const { return m_fd; }
-    void Close();
+    int Fd() const { return m_conn.GetSocket(); }
+    void Close() { m_conn.Close(); }
 
+    // Bounded even when the source reads nothing.
     bool WriteRaw(const std::vector<unsigned char>& bytes);
     template <class T>
     bool Send(T& message, int nAppend)
@@ -58,9 +53,7 @@ public:
     bool WaitClosedBySource(int nTimeoutMs);
 
 private:
-    int m_fd = -1;
-    std::vector<unsigned char> m_vecBuf;  // bytes read, from m_nStart on not yet taken
-    size_t m_nStart = 0;
+    brel_lib::CPacketConnection m_conn;
 };
 
 // The source's answer to a get, sent on the connection of a test work server

@@ -54,124 +54,82 @@ unsigned short OfferFile(TestWorkServer& server, unsigned int nWorkId, const std
     req.srcFile.Set(strPath.data(), strPath.size());
     req.flag = nFlag;
     EXPECT_TRUE(server.Send(req, 3));
-    unsigned short nPort = 0;
-    EXPECT_TRUE(WaitUntil(
-        [&] {
-            std::vector<TestWorkServer::Received> packets = server.Packets();
-            for (size_t i = nBefore; i < packets.size(); ++i) {
-                RspWorkFileSrcCreate rsp;
-                if (DecodeBody(packets[i], rsp) && static_cast<unsigned int>(rsp.workId.value) == nWorkId) {
-                    EXPECT_EQ(rsp.ret.value, 0);
-                    nPort = static_cast<unsigned short>(rsp.srcServerPort.value);
-                    return true;
-                }
-            }
-            return false;
-        },
-        5000));
-    return nPort;
+    RspWorkFileSrcCreate rsp;
+    if (!server.WaitMessage(rsp, OfWork(nWorkId), 5000, nBefore)) {
+        ADD_FAILURE() << "no answer to the source work " << nWorkId;
+        return 0;
+    }
+    EXPECT_EQ(rsp.ret.value, 0);
+    return static_cast<unsigned short>(rsp.srcServerPort.value);
 }
 
-unsigned short AgentFileTransfer::Offer(unsigned int nWorkId, const std::string& strPath)
+// The fields both kinds of create share.
+template <class T>
+void FillCreate(T& req, const std::string& strSrcFile, const std::string& strDstPath, unsigned short nPort,
+                unsigned int nSrcWorkId, int nFlag, int nTimeout)
 {
-    return OfferFile(SrcServer(), nWorkId, strPath);
+    req.srcFile.Set(strSrcFile.data(), strSrcFile.size());
+    req.dstPath.Set(strDstPath.data(), strDstPath.size());
+    req.srcServerPort = nPort;
+    req.srcWorkId = static_cast<int>(nSrcWorkId);
+    req.flag = nFlag;
+    req.timeout = nTimeout;
 }
 
 void AgentFileDst::SendCreate(unsigned int nWorkId, const std::string& strSrcFile, const std::string& strDstPath,
-                                   unsigned short nPort, unsigned int nSrcWorkId, int nFlag, int nAppend,
-                                   unsigned int nSrcIp, int nTimeout)
+                              unsigned short nPort, unsigned int nSrcWorkId, int nFlag, int nAppend, unsigned int nSrcIp,
+                              int nTimeout)
 {
     ReqWorkFileDstCreate req;
-    req.workId = static_cast<int>(nWorkId);
-    req.srcFile.Set(strSrcFile.data(), strSrcFile.size());
-    req.dstPath.Set(strDstPath.data(), strDstPath.size());
+    FillCreate(req, strSrcFile, strDstPath, nPort, nSrcWorkId, nFlag, nTimeout);
     req.srcServerIp = static_cast<int>(nSrcIp);
-    req.srcServerPort = nPort;
-    req.srcWorkId = static_cast<int>(nSrcWorkId);
-    req.flag = nFlag;
-    req.timeout = nTimeout;
     req.routeSrcServerIp = 11;
     req.routeSrcServerId = 12;
-    EXPECT_TRUE(Server().Send(req, nAppend));
+    SendFor(req, nWorkId, nAppend);
 }
 
 void AgentFileDst::SendCreate2(unsigned int nWorkId, const std::string& strSrcFile, const std::string& strDstPath,
-                                    unsigned short nPort, unsigned int nSrcWorkId, int nFlag, unsigned long long lSize,
-                                    const std::vector<unsigned int>& vecIp, int nTimeout)
+                               unsigned short nPort, unsigned int nSrcWorkId, int nFlag, unsigned long long lSize,
+                               const std::vector<unsigned int>& vecIp, int nTimeout)
 {
     ReqWorkFileDstCreate2 req;
-    req.workId = static_cast<int>(nWorkId);
-    req.srcFile.Set(strSrcFile.data(), strSrcFile.size());
-    req.dstPath.Set(strDstPath.data(), strDstPath.size());
+    FillCreate(req, strSrcFile, strDstPath, nPort, nSrcWorkId, nFlag, nTimeout);
     for (unsigned int nIp : vecIp) *req.srcServerIp.Append() = static_cast<int>(nIp);
-    req.srcServerPort = nPort;
-    req.srcWorkId = static_cast<int>(nSrcWorkId);
-    req.flag = nFlag;
-    req.timeout = nTimeout;
     req.firstSrcAgentId = static_cast<int>(Loopback());
     req.firstSrcFile.Set(strSrcFile.data(), strSrcFile.size());
     req.modifyTime = 0;
     req.totalSizeHigh = static_cast<int>(lSize >> 32);
     req.totalSizeLow = static_cast<int>(lSize & 0xFFFFFFFFU);
-    EXPECT_TRUE(Server().Send(req, static_cast<int>(nWorkId)));
+    SendFor(req, nWorkId, static_cast<int>(nWorkId));
 }
 
 void AgentFileDst::SendSetAction(unsigned int nWorkId, int nAppend)
 {
     ReqWorkFileDstSetAction req;
-    req.workId = static_cast<int>(nWorkId);
     req.action = 1;
-    EXPECT_TRUE(Server().Send(req, nAppend));
+    SendFor(req, nWorkId, nAppend);
 }
 
 void AgentFileDst::SendQuery(unsigned int nWorkId, int nAppend)
 {
     ReqWorkFileDstQuery req;
-    req.workId = static_cast<int>(nWorkId);
-    EXPECT_TRUE(Server().Send(req, nAppend));
+    SendFor(req, nWorkId, nAppend);
 }
 
 void AgentFileDst::SendDelete(unsigned int nWorkId, int nAppend)
 {
     ReqWorkFileDstDelete req;
-    req.workId = static_cast<int>(nWorkId);
-    EXPECT_TRUE(Server().Send(req, nAppend));
-}
-
-bool AgentFileDst::WaitResult(unsigned int nWorkId, size_t nFrom, int nTimeoutMs, RspWorkFileDstQuery& out)
-{
-    return WaitUntil(
-        [&] {
-            std::vector<TestWorkServer::Received> packets = Server().Packets();
-            for (size_t i = nFrom; i < packets.size(); ++i) {
-                RspWorkFileDstQuery rsp;
-                if (DecodeBody(packets[i], rsp) && static_cast<unsigned int>(rsp.workId.value) == nWorkId &&
-                    rsp.status.value == 2) {
-                    out = rsp;
-                    return true;
-                }
-            }
-            return false;
-        },
-        nTimeoutMs);
+    SendFor(req, nWorkId, nAppend);
 }
 
 std::vector<int> AgentFileDst::Results(unsigned int nWorkId, size_t nFrom, int nTimeoutMs, int nQuietMs)
 {
-    auto collect = [&] {
-        std::vector<int> vecRet;
-        std::vector<TestWorkServer::Received> packets = Server().Packets();
-        for (size_t i = nFrom; i < packets.size(); ++i) {
-            RspWorkFileDstQuery rsp;
-            if (DecodeBody(packets[i], rsp) && static_cast<unsigned int>(rsp.workId.value) == nWorkId &&
-                rsp.status.value == 2)
-                vecRet.push_back(rsp.ret.value);
-        }
-        return vecRet;
-    };
-    if (!WaitUntil([&] { return !collect().empty(); }, nTimeoutMs)) return {};
+    RspWorkFileDstQuery first;
+    if (!Server().WaitMessage(first, ResultOf(nWorkId), nTimeoutMs, nFrom)) return {};
     SleepMs(nQuietMs);
-    return collect();
+    std::vector<int> vecRet;
+    for (const auto& m : Server().Messages<RspWorkFileDstQuery>(ResultOf(nWorkId), nFrom)) vecRet.push_back(m.msg.ret.value);
+    return vecRet;
 }
 
 int AgentFileTransfer::Transfer(unsigned int nWorkId, const std::string& strSrcPath, const std::string& strDstPath,
@@ -182,11 +140,10 @@ int AgentFileTransfer::Transfer(unsigned int nWorkId, const std::string& strSrcP
     size_t nMark = Mark();
     SendCreate(nWorkId, strSrcPath, strDstPath, nPort, nWorkId);
     int ret = WaitReply<RspWorkFileDstCreate>(nWorkId, nMark, 5000);
-    if (ret != 0) return ret == -1 ? -1 : ret;
+    if (ret != 0) return ret;
     SendSetAction(nWorkId);
     RspWorkFileDstQuery result;
-    if (!WaitResult(nWorkId, nMark, nTimeoutMs, result)) return -1;
-    return static_cast<int>(result.ret.value);
+    return WaitResult(nWorkId, nMark, nTimeoutMs, result) ? static_cast<int>(result.ret.value) : -1;
 }
 
 std::string Pattern(size_t n, unsigned int nSeed)

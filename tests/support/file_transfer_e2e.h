@@ -17,6 +17,12 @@ namespace agent_test {
 // offers the file on, 0 on failure.
 unsigned short OfferFile(TestWorkServer& server, unsigned int nWorkId, const std::string& strPath, int nFlag = 0);
 
+// Accepts the final reports (status 2) of one work.
+inline auto ResultOf(unsigned int nWorkId)
+{
+    return [nWorkId](const RspWorkFileDstQuery& m) { return OfWork(nWorkId)(m) && m.status.value == 2; };
+}
+
 // A destination agent driven as the work server would, towards any source:
 // the requests of a destination work and the waits for their replies.
 class AgentFileDst : public AgentEndToEnd {
@@ -30,15 +36,30 @@ protected:
     void SendCreate2(unsigned int nWorkId, const std::string& strSrcFile, const std::string& strDstPath,
                      unsigned short nPort, unsigned int nSrcWorkId, int nFlag, unsigned long long lSize,
                      const std::vector<unsigned int>& vecIp, int nTimeout = 0);
+    template <class T>
+    void SendFor(T& req, unsigned int nWorkId, int nAppend)
+    {
+        req.workId = static_cast<int>(nWorkId);
+        EXPECT_TRUE(Server().Send(req, nAppend));
+    }
     void SendSetAction(unsigned int nWorkId, int nAppend = 6);
     void SendQuery(unsigned int nWorkId, int nAppend = 7);
     void SendDelete(unsigned int nWorkId, int nAppend = 8);
 
     // The ret of the first reply of the kind for the work after packet nFrom; -1 if none came in time.
     template <class T>
-    int WaitReply(unsigned int nWorkId, size_t nFrom, int nTimeoutMs, T* pOut = nullptr);
+    int WaitReply(unsigned int nWorkId, size_t nFrom, int nTimeoutMs, T* pOut = nullptr)
+    {
+        T rsp;
+        if (!Server().WaitMessage(rsp, OfWork(nWorkId), nTimeoutMs, nFrom)) return -1;
+        if (pOut != nullptr) *pOut = rsp;
+        return static_cast<int>(rsp.ret.value);
+    }
     // The first report of the work at status 2 after packet nFrom.
-    bool WaitResult(unsigned int nWorkId, size_t nFrom, int nTimeoutMs, RspWorkFileDstQuery& out);
+    bool WaitResult(unsigned int nWorkId, size_t nFrom, int nTimeoutMs, RspWorkFileDstQuery& out)
+    {
+        return Server().WaitMessage(out, ResultOf(nWorkId), nTimeoutMs, nFrom);
+    }
     // The rets of all reports of the work at status 2 after packet nFrom, once nothing new has come for nQuietMs.
     std::vector<int> Results(unsigned int nWorkId, size_t nFrom, int nTimeoutMs, int nQuietMs = 1000);
     size_t Mark() { return Server().Packets().size(); }
@@ -59,7 +80,7 @@ protected:
     TestWorkServer& SrcServer() { return *m_pSrcServer; }
 
     // A source work for the path on the source agent; its port, 0 on failure.
-    unsigned short Offer(unsigned int nWorkId, const std::string& strPath);
+    unsigned short Offer(unsigned int nWorkId, const std::string& strPath) { return OfferFile(SrcServer(), nWorkId, strPath); }
     // Offer, create, set-action and the final report: the work's ret, or -1.
     int Transfer(unsigned int nWorkId, const std::string& strSrcPath, const std::string& strDstPath,
                  int nTimeoutMs = 30000);
@@ -75,26 +96,5 @@ std::string Pattern(size_t n, unsigned int nSeed);
 
 // True if the two files hold the same bytes; compared in chunks.
 bool SameFile(const std::string& strA, const std::string& strB);
-
-template <class T>
-int AgentFileDst::WaitReply(unsigned int nWorkId, size_t nFrom, int nTimeoutMs, T* pOut)
-{
-    int ret = -1;
-    WaitUntil(
-        [&] {
-            std::vector<TestWorkServer::Received> packets = Server().Packets();
-            for (size_t i = nFrom; i < packets.size(); ++i) {
-                T rsp;
-                if (DecodeBody(packets[i], rsp) && static_cast<unsigned int>(rsp.workId.value) == nWorkId) {
-                    ret = static_cast<int>(rsp.ret.value);
-                    if (pOut != nullptr) *pOut = rsp;
-                    return true;
-                }
-            }
-            return false;
-        },
-        nTimeoutMs);
-    return ret;
-}
 
 } // namespace agent_test

@@ -6,8 +6,10 @@
 #include <stdint.h>
 #include <sys/types.h>
 
+#include <chrono>
 #include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace agent_test {
@@ -17,11 +19,11 @@ bool CanRunEndToEnd(std::string& strWhy);
 // The same for a benchmark's main: false after printing "skipped: " and why.
 bool CanRunEndToEndOrSaySkipped();
 
-// A directory under /tmp, removed with all it holds at the end (kept when
-// AGENT_TEST_KEEP is set, for a look after a failure).
+// A directory under /tmp (or the base given, /dev/shm for files in memory), removed
+// with all it holds at the end (kept when AGENT_TEST_KEEP is set, for a look after a failure).
 class TempDir {
 public:
-    explicit TempDir(const std::string& strPrefix = "agent_test_");
+    explicit TempDir(const std::string& strPrefix = "agent_test_", const std::string& strBase = "/tmp");
     ~TempDir();
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
@@ -33,6 +35,8 @@ private:
     std::string m_strRoot;
 };
 
+void WriteFile(const std::string& strPath, const std::string& strText);
+
 class InstallTree : public TempDir {
 public:
     InstallTree();
@@ -42,7 +46,7 @@ public:
     std::map<std::string, std::string>& Config() { return m_mapConfig; }
     void WriteConfig();
     // Writes the file as it stands, for tests of malformed files.
-    void WriteRawConfig(const std::string& strText);
+    void WriteRawConfig(const std::string& strText) { WriteFile(Path("etc/config"), strText); }
 
     std::string LogPath() const { return Path("log/agent.log"); }
     std::string StdoutPath() const { return Path("log/stdout.txt"); }
@@ -60,15 +64,10 @@ public:
 
     // Waits for a child (or adopted daemon) to end; its exit status, or -1 on timeout.
     int WaitExit(pid_t pid, int nTimeoutMs);
-    // Raw wait status of the last WaitExit.
-    int LastWaitStatus() const { return m_nLastStatus; }
     bool IsAlive(pid_t pid) const;
 
     std::string ReadLog() const;
     std::string ReadStdout() const;
-    // Waits until the agent runs its link, and so has its signal handlers
-    // (its log file or standard output shows the first connect); false on timeout.
-    bool WaitRunning(int nTimeoutMs) const;
     // Waits until the log holds the text; false on timeout.
     bool WaitForLog(const std::string& strText, int nTimeoutMs) const;
 
@@ -79,18 +78,34 @@ private:
     std::map<std::string, std::string> m_mapConfig;
     std::map<pid_t, bool> m_mapPids;  // pids started or adopted by this tree
     std::vector<std::string> m_vecPrefix;
-    int m_nLastStatus = 0;
 };
 
+// Sanitized agents are many times slower: tests shrink or leave out their largest cases there.
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+
 std::string ReadFile(const std::string& strPath);
-void WriteFile(const std::string& strPath, const std::string& strText);
-void SleepMs(int nMs);
+// The file's size; -1 when it is missing.
+long long FileSize(const std::string& strPath);
+inline void SleepMs(int nMs) { std::this_thread::sleep_for(std::chrono::milliseconds(nMs)); }
 // Milliseconds of the monotonic clock.
-int64_t SteadyMs();
+inline int64_t SteadyMs()
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
 // Polls a condition every 10 ms until it holds or the time is up.
 template <class F>
-bool WaitUntil(F condition, int nTimeoutMs);
+bool WaitUntil(F condition, int nTimeoutMs)
+{
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(nTimeoutMs);
+    for (;; SleepMs(10)) {
+        if (condition()) return true;
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+    }
+}
 
 } // namespace agent_test
-
-#include "install_tree_inl.h"

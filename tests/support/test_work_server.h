@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <deque>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -54,6 +55,18 @@ public:
 
     template <class T>
     bool Send(T& message, int nAppend);
+    // The messages of type T after packet nFrom that accept takes, in order of arrival.
+    template <class T>
+    struct Match {
+        size_t nIndex;
+        int nAppend;
+        T msg;
+    };
+    template <class T, class F>
+    std::deque<Match<T>> Messages(F accept, size_t nFrom = 0);
+    // Waits until such a message has come; the first one.
+    template <class T, class F>
+    bool WaitMessage(T& out, F accept, int nTimeoutMs, size_t nFrom = 0, int* pAppend = nullptr);
     bool SendRaw(const std::vector<unsigned char>& bytes);
     void DropConnection();
 
@@ -105,6 +118,39 @@ template <class T>
 bool TestWorkServer::Send(T& message, int nAppend)
 {
     return SendRaw(EncodeMessage(message, nAppend));
+}
+
+// A deque: records can't be copied into place, only assigned.
+template <class T, class F>
+std::deque<TestWorkServer::Match<T>> TestWorkServer::Messages(F accept, size_t nFrom)
+{
+    std::deque<Match<T>> found;
+    std::vector<Received> packets = Packets();
+    for (size_t i = nFrom; i < packets.size(); ++i) {
+        T msg;
+        if (packets[i].nChoiceId != ZikChoiceOf<T>::value || !DecodeBody(packets[i], msg) || !accept(msg)) continue;
+        found.emplace_back();
+        found.back().nIndex = i;
+        found.back().nAppend = packets[i].nAppend;
+        found.back().msg = msg;
+    }
+    return found;
+}
+
+template <class T, class F>
+bool TestWorkServer::WaitMessage(T& out, F accept, int nTimeoutMs, size_t nFrom, int* pAppend)
+{
+    std::deque<Match<T>> vec;
+    if (!WaitUntil([&] { return !(vec = Messages<T>(accept, nFrom)).empty(); }, nTimeoutMs)) return false;
+    out = vec[0].msg;
+    if (pAppend != nullptr) *pAppend = vec[0].nAppend;
+    return true;
+}
+
+// Accepts the messages of one work, for Messages and WaitMessage.
+inline auto OfWork(unsigned int nWorkId)
+{
+    return [nWorkId](const auto& m) { return static_cast<unsigned int>(m.workId.value) == nWorkId; };
 }
 
 // The end of a transfer as a work server does it: the destination's work is
