@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <random>
 #include <string>
@@ -163,12 +164,21 @@ PortHolder::PortHolder(unsigned short nPort)
 
 PortHolder::~PortHolder() { close(m_fd); }
 
+// Outside the range the kernel hands out to outgoing connections, so that the
+// pair stays free between the check and the agent's bind: any client of a
+// test running beside this one would otherwise take its ports from there.
 unsigned short FreePortPair()
 {
+    unsigned int nLow = 32768, nHigh = 60999;
+    std::ifstream("/proc/sys/net/ipv4/ip_local_port_range") >> nLow >> nHigh;
+    // The wider of the two gaps around that range, or anywhere if both are narrow.
+    unsigned int nFirst = 10000, nLast = nLow > nFirst ? nLow - 1 : nFirst;
+    if (65000 > nHigh && 65000 - nHigh > nLast - nFirst) nFirst = std::max(nHigh + 1, 10000u), nLast = 65000;
+    if (nLast < nFirst + 1000) nFirst = 10000, nLast = 60000;
     std::random_device rd;
     std::mt19937 gen(rd());
     for (int i = 0; i < 100; ++i) {
-        unsigned short nPort = static_cast<unsigned short>(30000 + gen() % 30000);
+        unsigned short nPort = static_cast<unsigned short>(nFirst + 1 + gen() % (nLast - nFirst));
         PortHolder a(nPort), b(static_cast<unsigned short>(nPort - 1));
         if (a.Own() && b.Own()) return nPort;
     }
