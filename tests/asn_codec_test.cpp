@@ -393,7 +393,8 @@ TEST(BerValues, CloneIsADefaultObjectAndAssignmentDeepCopies)
     b = a;
     a.stdOut = "changed";
     EXPECT_EQ(std::string(b.stdOut.octs, b.stdOut.octetLen), "out");
-    b = b;
+    const RspWorkCmdQuery& self = b;  // assigned to itself, without the compiler's warning
+    b = self;
     EXPECT_EQ(b.workId, 3);
 
     RspWorkAgentInfo info;
