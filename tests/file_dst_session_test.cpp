@@ -19,12 +19,6 @@ const unsigned int LOOPBACK = SessionHarness::Loopback();
 const char* const NO_REGET_TIMEOUTS =
     "file_trans_client_reget_timeout_second = 100000\nfile_trans_client_reget_failed_timeout_second = 100000\n";
 
-bool Exists(const std::string& strPath)
-{
-    struct stat st;
-    return stat(strPath.c_str(), &st) == 0;
-}
-
 // The session with the destination, and a peer listening where the source would.
 class FileDstSession : public ::testing::Test {
 protected:

@@ -15,14 +15,9 @@
 
 namespace {
 
+using agent_test::Exists;
 using agent_test::ReadFile;
 using agent_test::WriteFile;
-
-bool Exists(const std::string& strPath)
-{
-    struct stat st;
-    return lstat(strPath.c_str(), &st) == 0;
-}
 
 // A temporary tree with a cache directory and a configuration file.
 class CacheTest : public ::testing::Test {

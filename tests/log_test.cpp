@@ -12,15 +12,10 @@
 #include "install_tree.h"
 
 using namespace brel_lib;
+using agent_test::Exists;
 using agent_test::ReadFile;
 
 namespace {
-
-bool Exists(const std::string& strPath)
-{
-    struct stat st;
-    return stat(strPath.c_str(), &st) == 0;
-}
 
 class LogTest : public ::testing::Test {
 protected:

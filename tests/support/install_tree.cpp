@@ -60,6 +60,12 @@ std::string ReadFile(const std::string& strPath)
     return ss.str();
 }
 
+bool Exists(const std::string& strPath)
+{
+    struct stat st;
+    return lstat(strPath.c_str(), &st) == 0;
+}
+
 long long FileSize(const std::string& strPath)
 {
     struct stat st;

@@ -90,6 +90,8 @@ constexpr bool kSanitized = false;
 std::string ReadFile(const std::string& strPath);
 // The file's size; -1 when it is missing.
 long long FileSize(const std::string& strPath);
+// Whether the name exists; a link is itself, whatever it points to.
+bool Exists(const std::string& strPath);
 inline void SleepMs(int nMs) { std::this_thread::sleep_for(std::chrono::milliseconds(nMs)); }
 // Milliseconds of the monotonic clock.
 inline int64_t SteadyMs()
