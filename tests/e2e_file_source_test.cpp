@@ -61,7 +61,7 @@ protected:
     static std::string NextContent(FilePeer& peer)
     {
         FileBlock block;
-        return peer.Next(block, 5000) ? block.strContent : "";
+        return peer.Next(block, 15000) ? block.strContent : "";
     }
 
     // Reads the blocks of one get and checks each against the data.
@@ -256,9 +256,9 @@ TEST_F(AgentFileSource, HostilePeersAreClosedWhileAnotherIsServed)
          {Bytes({0x30, 0x83, 0x01, 0x00, 0x01}), Bytes({0x30, 0x84, 0x07, 0xff, 0xff, 0xf0}),
           Bytes({0x30, 0x06, 0x02, 0x01, 0x04, 0x02, 0x01, 0x05}), stream, Tlv({0x30}, random)}) {
         FilePeer peer;
-        ASSERT_TRUE(peer.Connect(nPort, 3000));
+        ASSERT_TRUE(peer.Connect(nPort, 10000));
         ASSERT_TRUE(peer.WriteRaw(bytes));
-        EXPECT_TRUE(peer.WaitClosedBySource(5000)) << bytes.size();
+        EXPECT_TRUE(peer.WaitClosedBySource(20000)) << bytes.size();
     }
     // A get (212) whose path is a constructed string of 30,000 empty segments.
     {
@@ -266,16 +266,16 @@ TEST_F(AgentFileSource, HostilePeersAreClosedWhileAnotherIsServed)
             212, Cat({Int(1), Int(5), Tlv({0x24}, Repeat({0x04, 0x00}, 30000)), Int(0), Int(0), Int(100), Int(1)}));
         ASSERT_LT(bomb.size(), 65536u);
         FilePeer peer;
-        ASSERT_TRUE(peer.Connect(nPort, 3000));
+        ASSERT_TRUE(peer.Connect(nPort, 10000));
         int64_t lStart = SteadyMs();
         ASSERT_TRUE(peer.WriteRaw(bomb));
         // Refused as a get of an empty path, or closed: either way at once.
         FileBlock block;
-        bool bAnswered = peer.Next(block, 5000);
+        bool bAnswered = peer.Next(block, 20000);
         if (bAnswered) {
             EXPECT_EQ(block.ret, 314);
         } else {
-            EXPECT_TRUE(peer.WaitClosedBySource(5000));
+            EXPECT_TRUE(peer.WaitClosedBySource(20000));
         }
         RecordProperty("constructed_string_ms", static_cast<int>(SteadyMs() - lStart));
     }
@@ -287,11 +287,11 @@ TEST_F(AgentFileSource, HostilePeersAreClosedWhileAnotherIsServed)
                       Repeat({0x02, 0x01, 0x00}, 5), Bytes({0x04, 0x00}), Repeat({0x02, 0x01, 0x00}, 6)}));
         ASSERT_LT(bomb.size(), 65536u);
         FilePeer peer;
-        ASSERT_TRUE(peer.Connect(nPort, 3000));
+        ASSERT_TRUE(peer.Connect(nPort, 10000));
         ASSERT_TRUE(peer.WriteRaw(bomb));
         ASSERT_TRUE(peer.Get(5, 2, strPath, 0, 10, 1));
         EXPECT_TRUE(NextContent(peer) == strData.substr(0, 10));
-        EXPECT_TRUE(Tree().WaitForLog("we recevie a data, but we don't know it, the choiceid: 55", 3000));
+        EXPECT_TRUE(Tree().WaitForLog("we recevie a data, but we don't know it, the choiceid: 55", 10000));
     }
     int nRounds = good.Finish();
     EXPECT_FALSE(good.Failed());
