@@ -330,14 +330,7 @@ int CFileReadThread::ServeBatch(ConnectQueue& conn, CFileReadThreadReqRead* pReq
         free(m_pReadFileBuf);
         m_pReadFileBuf = static_cast<char*>(malloc(std::max(1u, nBatchSize)));
         m_nReadFileBufSize = m_pReadFileBuf == nullptr ? 0 : nBatchSize;
-        if (m_pReadFileBuf == nullptr) {
-            Log(LOG_LEVEL_WARNING,
-                "CFileReadThread::ReqFileAgentGet(malloc read buf is error, work id: %u, dst work id: %u, buf "
-                "size: %d, get num: %d)",
-                pReq->m_nSrcWorkId, pReq->m_nDstWorkId, pReq->m_nGetSize, pReq->m_nGetNum);
-            SendFileAgentGetFailed(RET_READ_BUF_FAILED, pReq->m_nDstWorkId, pReq->m_nSrcWorkId, 0);
-            return TURN_DONE;
-        }
+        if (m_pReadFileBuf == nullptr) return RefuseReadBuf(pReq);
     }
     // Read the batch; a failure, the end of the file or a short block ends it.
     const unsigned int BATCH_MAX = BLOCKS_PER_TURN;
@@ -405,6 +398,17 @@ int CFileReadThread::ServeBatch(ConnectQueue& conn, CFileReadThreadReqRead* pReq
     return TURN_ENDED;
 }
 
+// A get whose read buffer can't be had: refused, and the request is done.
+int CFileReadThread::RefuseReadBuf(const CFileReadThreadReqRead* pReq)
+{
+    Log(LOG_LEVEL_WARNING,
+        "CFileReadThread::ReqFileAgentGet(malloc read buf is error, work id: %u, dst work id: %u, buf size: %d, "
+        "get num: %d)",
+        pReq->m_nSrcWorkId, pReq->m_nDstWorkId, pReq->m_nGetSize, pReq->m_nGetNum);
+    SendFileAgentGetFailed(RET_READ_BUF_FAILED, pReq->m_nDstWorkId, pReq->m_nSrcWorkId, 0);
+    return TURN_DONE;
+}
+
 int CFileReadThread::StartRead(CFileReadThreadReqRead* pReq, int fd)
 {
     struct stat st;
@@ -430,14 +434,7 @@ int CFileReadThread::StartRead(CFileReadThreadReqRead* pReq, int fd)
         return TURN_DONE;
     }
     // A block larger than a packet may carry is refused, as one that can't be allocated.
-    if (pReq->m_nGetSize < 0 || pReq->m_nGetSize > MAX_GET_SIZE) {
-        Log(LOG_LEVEL_WARNING,
-            "CFileReadThread::ReqFileAgentGet(malloc read buf is error, work id: %u, dst work id: %u, buf size: %d, "
-            "get num: %d)",
-            pReq->m_nSrcWorkId, pReq->m_nDstWorkId, pReq->m_nGetSize, pReq->m_nGetNum);
-        SendFileAgentGetFailed(RET_READ_BUF_FAILED, pReq->m_nDstWorkId, pReq->m_nSrcWorkId, 0);
-        return TURN_DONE;
-    }
+    if (pReq->m_nGetSize < 0 || pReq->m_nGetSize > MAX_GET_SIZE) return RefuseReadBuf(pReq);
     pReq->m_bStarted = true;
     pReq->m_lOffset = pReq->m_lBeginOffset = lOffset;
     // Only answers to a get from position 0 carry the permission bits.

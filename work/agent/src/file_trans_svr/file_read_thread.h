@@ -131,6 +131,7 @@ private:
     bool ServeConnects();
     int ServeTurn(ConnectQueue& conn, CFileReadThreadReqRead* pReq);
     int StartRead(CFileReadThreadReqRead* pReq, int fd);
+    int RefuseReadBuf(const CFileReadThreadReqRead* pReq);
     // Bytes the connection may still have queued for blocks of nGetSize.
     unsigned long long QueueRoom(const ConnectQueue& conn, unsigned int nGetSize) const;
     // Reads, sums and sends the next blocks of a started request, up to
